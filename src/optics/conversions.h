@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+
+#include "optics/constants.h"
+
+// Counters to physical quantities and back. Inline: they sit in the decoders'
+// inner loops.
+namespace kvr::optics {
+
+inline double Range(unsigned int stop, unsigned int start) {
+  const double d = static_cast<double>(stop) - static_cast<double>(start);
+  if (d < 0.0) return -1.0;
+  return d * kTofCountPicoseconds * kPico * 0.5 * kSpeedOfLightInAir;
+}
+
+inline std::uint64_t TimeInCounts(double seconds) {
+  const double q = seconds / kTickSeconds;
+  // Truncation toward zero; quotients from 2^63 up convert as unsigned. Values no
+  // 64-bit integer can hold (and NaN) give 0 rather than undefined behaviour.
+  if (q >= 0.0 && q < 18446744073709551616.0) return static_cast<std::uint64_t>(q);
+  if (q < 0.0 && q > -9.2e18) return static_cast<std::uint64_t>(static_cast<std::int64_t>(q));
+  return 0;
+}
+
+inline double TimeInSecs(std::uint64_t ticks) {
+  return static_cast<double>(ticks) * kTickNanoseconds * kNano;
+}
+
+inline double PanAngle(std::uint32_t counts) {
+  return static_cast<double>(counts) * kPanDegreesPerCount * kDegreesToRadians;
+}
+
+inline double ScanAngle(std::uint32_t counts, std::uint64_t signature) {
+  if (signature == kSignatureKvrScan || signature == kSignatureMx70Dat) {
+    return (static_cast<double>(counts) * kScanDegreesPerCount90 - kScanOffsetDegrees90) * kDegreesToRadians;
+  }
+  if (signature == kSignatureMx700Dat) {
+    return static_cast<double>(counts) * kScanDegreesPerCount360 * kDegreesToRadians;
+  }
+  return 0.0;
+}
+
+inline std::uint32_t ScanArcToCounts(double arcDegrees, std::uint64_t signature) {
+  const double half = arcDegrees * 0.5;
+  double counts;
+  if (signature == kSignatureKvrScan || signature == kSignatureMx70Dat) {
+    counts = half / kScanDegreesPerCount90;
+  } else if (signature == kSignatureMx700Dat) {
+    counts = half / kScanDegreesPerCount360;
+  } else {
+    return 0;
+  }
+  // Truncate toward zero to a 64-bit integer, keep the low 32 bits. Out-of-range
+  // and NaN arcs give 0 instead of undefined behaviour.
+  if (!(counts > -9.2e18 && counts < 9.2e18)) return 0;
+  return static_cast<std::uint32_t>(static_cast<std::uint64_t>(static_cast<std::int64_t>(counts)));
+}
+
+}  // namespace kvr::optics

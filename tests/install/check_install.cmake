@@ -1,0 +1,28 @@
+# Installs the built library into a scratch prefix, then builds and runs a
+# consumer through find_package and through pkg-config.
+file(REMOVE_RECURSE ${KVR_WORK_DIR})
+file(MAKE_DIRECTORY ${KVR_WORK_DIR})
+set(prefix ${KVR_WORK_DIR}/prefix)
+
+function(run)
+  execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${KVR_WORK_DIR} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed: ${ARGN}\n${out}\n${err}")
+  endif()
+  set(last_output "${out}" PARENT_SCOPE)
+endfunction()
+
+run(${CMAKE_COMMAND} --install ${KVR_BUILD_DIR} --prefix ${prefix})
+
+run(${CMAKE_COMMAND} -S ${KVR_CONSUMER_DIR} -B ${KVR_WORK_DIR}/consumer_build
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${KVR_CXX})
+run(${CMAKE_COMMAND} --build ${KVR_WORK_DIR}/consumer_build)
+run(${KVR_WORK_DIR}/consumer_build/consumer)
+
+set(ENV{PKG_CONFIG_PATH} ${prefix}/${KVR_LIBDIR}/pkgconfig)
+run(pkg-config --cflags --libs kvr_decode)
+string(STRIP "${last_output}" flags)
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run(${KVR_CXX} -std=c++20 ${KVR_CONSUMER_DIR}/main.cpp ${flags}
+    -Wl,-rpath,${prefix}/${KVR_LIBDIR} -o ${KVR_WORK_DIR}/consumer_pc)
+run(${KVR_WORK_DIR}/consumer_pc)

@@ -1,0 +1,72 @@
+#include "platform/file_system.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/little_endian.h"
+#include "platform/stream_reader.h"
+#include "support/byte_writer.h"
+#include "support/temp_dir_test_base.h"
+
+namespace kvr {
+namespace {
+
+class PlatformFiles : public test::InTempDir {};
+
+TEST_F(PlatformFiles, OpensWideNamesAsUtf8) {
+  test::WriteFile(path("sc\xC3\xA4n \xE2\x82\xAC.raw"), std::string_view("abc"));
+  std::FILE* in = platform::OpenFile(L"sc\u00E4n \u20AC.raw", "rb");
+  ASSERT_NE(in, nullptr);
+  char buf[4] = {};
+  EXPECT_EQ(std::fread(buf, 1, 3, in), 3u);
+  EXPECT_STREQ(buf, "abc");
+  std::fclose(in);
+  EXPECT_EQ(platform::OpenFile(L"missing.raw", "rb"), nullptr);
+  // Text mode is accepted on every system.
+  std::FILE* text = platform::OpenFile(L"sc\u00E4n \u20AC.raw", "rt");
+  ASSERT_NE(text, nullptr);
+  std::fclose(text);
+}
+
+TEST_F(PlatformFiles, SeeksAndTellsBeyondFourGigabytesInSparseFiles) {
+  std::FILE* out = platform::OpenFileNarrow("sparse.bin", "wb+");
+  ASSERT_NE(out, nullptr);
+  const std::uint64_t far = (std::uint64_t{1} << 32) + 12345;
+  ASSERT_TRUE(platform::SeekAbsolute(out, far));
+  EXPECT_EQ(platform::Tell(out), static_cast<std::int64_t>(far));
+  std::fclose(out);
+}
+
+TEST(WideNameLogText, LowBytesAndStorageBytes) {
+  EXPECT_EQ(platform::NarrowLowBytes(L"scan.raw"), "scan.raw");
+  EXPECT_EQ(platform::NarrowLowBytes(L"\u0141x"), std::string("\x41x"));
+  // With 4-byte wide characters, an ASCII name's storage reads as its first letter.
+  EXPECT_EQ(platform::NarrowStorageBytes(L"scan.raw"), sizeof(wchar_t) == 1 ? "scan.raw" : "s");
+  EXPECT_EQ(platform::NarrowStorageBytes(L""), "");
+  EXPECT_EQ(platform::WideToUtf8(L"a\u00E9\U0001F600"), "a\xC3\xA9\xF0\x9F\x98\x80");
+}
+
+TEST(ByteCursor, ReadsLittleEndianAndZeroFillsPastTheEnd) {
+  const auto bytes = test::ByteWriter().u32(0x11223344).u8(0xAB).take();
+  le::ByteCursor in(bytes);
+  EXPECT_EQ(in.u32(), 0x11223344u);
+  EXPECT_FALSE(in.overrun());
+  EXPECT_EQ(in.u32(), 0xABu);
+  EXPECT_TRUE(in.overrun());
+  EXPECT_EQ(in.remaining(), 0u);
+  EXPECT_EQ(in.u64(), 0u);
+}
+
+TEST_F(PlatformFiles, ShortFieldReadKeepsTheBytesThatDidNotArrive) {
+  test::WriteFile(path("short.bin"), test::ByteWriter().u8(0x01).u8(0x02).take());
+  std::FILE* in = platform::OpenFileNarrow("short.bin", "rb");
+  ASSERT_NE(in, nullptr);
+  std::uint32_t field = 0xAABBCCDD;
+  EXPECT_FALSE(stream::ReadLe(in, field));
+  EXPECT_EQ(field, 0xAABB0201u);
+  EXPECT_FALSE(stream::ReadLe(in, field));
+  EXPECT_EQ(field, 0xAABB0201u);
+  std::fclose(in);
+}
+
+}  // namespace
+}  // namespace kvr
