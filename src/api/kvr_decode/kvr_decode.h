@@ -3,3 +3,4 @@
 // Umbrella header of the decode library.
 #include "kvr_decode/export.h"
 #include "kvr_decode/switches.h"
+#include "kvr_decode/optical_model.h"
