@@ -2,4 +2,5 @@
 
 // Umbrella header of the decode library.
 #include "kvr_decode/export.h"
+#include "kvr_decode/nmea_ticks_manager.h"
 #include "kvr_decode/switches.h"
