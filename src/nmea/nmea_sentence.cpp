@@ -13,26 +13,39 @@ namespace kvr::nmea {
 
 namespace {
 
+// A byte table: the tokenizer tests every byte of a line against its set.
+class SeparatorSet {
+ public:
+  constexpr explicit SeparatorSet(std::string_view separators) {
+    for (char c : separators) table_[static_cast<unsigned char>(c)] = true;
+  }
+  constexpr bool operator()(char c) const { return table_[static_cast<unsigned char>(c)]; }
+
+ private:
+  bool table_[256] = {};
+};
+
 // Runs of separators make no empty tokens, so an empty NMEA field vanishes and
 // shifts the later fields down. A carriage return is not a separator.
-constexpr std::string_view kGeneralSeparators = ", \t\n";
+constexpr SeparatorSet kGeneralSeparators(", \t\n");
 // ZDA adds '*' so that the checksum becomes a token of its own.
-constexpr std::string_view kZdaSeparators = ", *\t\n";
+constexpr SeparatorSet kZdaSeparators(", *\t\n");
 
 constexpr double kSecondsPerDay = 86400.0;
 
 using Tokens = std::vector<std::string_view>;
 
-Tokens Tokenize(const char* text, std::string_view separators) {
-  const std::string_view line = text != nullptr ? std::string_view(text) : std::string_view();
+Tokens Tokenize(const char* text, const SeparatorSet& isSeparator) {
   Tokens tokens;
-  std::size_t begin = line.find_first_not_of(separators);
-  while (begin != std::string_view::npos) {
-    const std::size_t end = line.find_first_of(separators, begin);
-    tokens.push_back(line.substr(begin, end - begin));
-    begin = line.find_first_not_of(separators, end);
+  tokens.reserve(16);
+  const char* p = text != nullptr ? text : "";
+  for (;;) {
+    while (*p != '\0' && isSeparator(*p)) ++p;
+    if (*p == '\0') return tokens;
+    const char* begin = p;
+    while (*p != '\0' && !isSeparator(*p)) ++p;
+    tokens.emplace_back(begin, static_cast<std::size_t>(p - begin));
   }
-  return tokens;
 }
 
 // Compiled once; the classic locale keeps \w to ASCII letters, digits and '_'
