@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <stdexcept>
 #include <string>
@@ -21,17 +19,13 @@ double TimeOf(const std::string& line) {
   return SentenceTimeOfWeek(GetSentenceType(line.c_str()), line.c_str(), static_cast<unsigned>(line.size()));
 }
 
-std::string LowerCaseChecksum(std::string sentence) {
-  const auto star = sentence.begin() + static_cast<std::ptrdiff_t>(sentence.find('*'));
-  std::transform(star, sentence.end(), star, [](unsigned char c) { return std::tolower(c); });
-  return sentence;
-}
-
 struct LineCase {
   const char* name;
   std::string line;
   double timeOfWeek;
 };
+
+void PrintTo(const LineCase& c, std::ostream* os) { *os << c.name; }
 
 class SentenceTime : public ::testing::TestWithParam<LineCase> {};
 
@@ -44,7 +38,7 @@ INSTANTIATE_TEST_SUITE_P(
         LineCase{"ZdaGnFractionAsMilliseconds", test::ZdaSentence(Utc(2019, 12, 31, 23, 59, 59, 450), "GN"),
                  259199.045},
         LineCase{"ZdaGlSundayMidnightIsZero", test::ZdaSentence(Utc(2020, 1, 5, 0, 0, 0), "GL"), 0.0},
-        LineCase{"ZdaLowerCaseChecksum", LowerCaseChecksum(test::ZdaSentence(Utc(2020, 1, 28, 14, 30, 7))), 225007.0},
+        LineCase{"ZdaLowerCaseChecksum", "$GPZDA,143007.00,28,01,2020,00,00*6c\r\n", 225007.0},
         LineCase{"ZdaOneFractionDigitIsMilliseconds", NmeaSentence("GPZDA,143007.4,28,01,2020,00,00"), 225007.004},
         LineCase{"ZdaSevenCharacterTime", NmeaSentence("GPZDA,143007.,28,01,2020,00,00"), 225007.0},
         LineCase{"ZdaWrongChecksum", "$GPZDA,143007.00,28,01,2020,00,00*6D\r\n", -1.0},

@@ -9,19 +9,20 @@ namespace kvr::test {
 namespace {
 
 struct Fields {
-  std::chrono::year_month_day date;
-  std::chrono::hh_mm_ss<std::chrono::milliseconds> clock;
+  int year, month, day, hour, minute, second, millisecond;
+  unsigned weekday;  // 0 = Sunday
 };
 
 Fields Split(UtcTime time) {
-  const auto day = std::chrono::floor<std::chrono::days>(time);
-  return {std::chrono::year_month_day(day), std::chrono::hh_mm_ss(time - day)};
+  using namespace std::chrono;
+  const sys_days day = floor<days>(time);
+  const year_month_day date(day);
+  const hh_mm_ss clock(time - day);
+  return {static_cast<int>(date.year()), static_cast<int>(unsigned(date.month())),
+          static_cast<int>(unsigned(date.day())), static_cast<int>(clock.hours().count()),
+          static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()),
+          static_cast<int>(clock.subseconds().count()), weekday(day).c_encoding()};
 }
-
-int Hours(const Fields& f) { return static_cast<int>(f.clock.hours().count()); }
-int Minutes(const Fields& f) { return static_cast<int>(f.clock.minutes().count()); }
-int Seconds(const Fields& f) { return static_cast<int>(f.clock.seconds().count()); }
-int Millis(const Fields& f) { return static_cast<int>(f.clock.subseconds().count()); }
 
 }  // namespace
 
@@ -46,27 +47,24 @@ std::string NmeaSentence(std::string_view body) {
 std::string ZdaSentence(UtcTime time, std::string_view talker) {
   const Fields f = Split(time);
   char body[64];
-  std::snprintf(body, sizeof body, "%.2sZDA,%02d%02d%02d.%02d,%02u,%02u,%04d,00,00", talker.data(), Hours(f),
-                Minutes(f), Seconds(f), Millis(f) / 10, static_cast<unsigned>(f.date.day()),
-                static_cast<unsigned>(f.date.month()), static_cast<int>(f.date.year()));
+  std::snprintf(body, sizeof body, "%.2sZDA,%02d%02d%02d.%02d,%02d,%02d,%04d,00,00", talker.data(), f.hour, f.minute,
+                f.second, f.millisecond / 10, f.day, f.month, f.year);
   return NmeaSentence(body);
 }
 
 std::string PpsSentence(UtcTime time, std::string_view talker) {
   const Fields f = Split(time);
-  const std::chrono::weekday weekday(std::chrono::sys_days(f.date));
   char body[64];
-  std::snprintf(body, sizeof body, "%.2sPPS,%02d%02d%02d.%03d,%u,1,0,0,0", talker.data(), Hours(f), Minutes(f),
-                Seconds(f), Millis(f), weekday.c_encoding());
+  std::snprintf(body, sizeof body, "%.2sPPS,%02d%02d%02d.%03d,%u,1,0,0,0", talker.data(), f.hour, f.minute, f.second,
+                f.millisecond, f.weekday);
   return NmeaSentence(body);
 }
 
 std::string UtcLine(UtcTime time, std::string_view status) {
   const Fields f = Split(time);
   char line[64];
-  std::snprintf(line, sizeof line, "UTC %02d/%02u/%02u %02d:%02d:%02d %.*s\r\n", static_cast<int>(f.date.year()) % 100,
-                static_cast<unsigned>(f.date.month()), static_cast<unsigned>(f.date.day()), Hours(f), Minutes(f),
-                Seconds(f), static_cast<int>(status.size()), status.data());
+  std::snprintf(line, sizeof line, "UTC %02d/%02d/%02d %02d:%02d:%02d %.*s\r\n", f.year % 100, f.month, f.day, f.hour,
+                f.minute, f.second, static_cast<int>(status.size()), status.data());
   return line;
 }
 
@@ -97,11 +95,6 @@ TickFileBuilder& TickFileBuilder::everySecond(std::uint64_t firstPulse, UtcTime 
     pulse(pulseTicks);
     sentence(pulseTicks + delay, make(firstTime + std::chrono::seconds(i)));
   }
-  return *this;
-}
-
-TickFileBuilder& TickFileBuilder::raw(const std::vector<std::uint8_t>& bytes) {
-  out_.append(bytes);
   return *this;
 }
 

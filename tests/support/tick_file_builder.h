@@ -51,8 +51,6 @@ class TickFileBuilder {
   // `delay` ticks later by the line `make` prints for that pulse's time.
   TickFileBuilder& everySecond(std::uint64_t firstPulse, UtcTime firstTime, int seconds, const SentenceMaker& make,
                                std::uint64_t delay = kTicksPerSecond / 10);
-  // Raw bytes appended as they are (e.g. a record cut short).
-  TickFileBuilder& raw(const std::vector<std::uint8_t>& bytes);
 
   const std::vector<std::uint8_t>& bytes() const { return out_.bytes(); }
   void writeTo(const std::filesystem::path& path) const;
