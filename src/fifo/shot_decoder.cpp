@@ -23,22 +23,32 @@ constexpr std::size_t kBlockSize = optics::SIZEOFFIFOBLOCK;
 constexpr std::size_t kLongestShot = 8 + 4 * ReturnWords::kCapacity;
 constexpr int kNoReturn = -1;
 
-// Per-block timing: shot i is i periods after the block's time stamp.
-struct ShotClock {
-  std::uint64_t blockTicks;
-  std::uint64_t periodTicks;
-  double blockTow;
-  double periodSeconds;
-  bool towKnown;
-
-  RawShot Start(int i, std::uint64_t shotWord) const {
-    RawShot shot;
-    shot.timeInCounts = static_cast<std::uint64_t>(i) * periodTicks + blockTicks;
-    shot.shotTow = towKnown ? static_cast<double>(i) * periodSeconds + blockTow : -1.0;
-    shot.shotWord = shotWord;
-    shot.scanAngleCounts = ScanAngleCounts(shotWord);
-    return shot;
+// Per-block timing: shot i is i periods after the block's time stamp. An unknown
+// time of day is kept as a zero period from -1.0, which gives exactly -1.0.
+class ShotClock {
+ public:
+  ShotClock(std::uint64_t blockTicks, std::uint32_t prf, double cycleSyncTow) : blockTicks_(blockTicks) {
+    const double periodSeconds = 1.0 / (static_cast<double>(prf) * 1000.0);
+    periodTicks_ = optics::TimeInCounts(periodSeconds);
+    const bool towKnown = cycleSyncTow >= 0.0;
+    towPeriod_ = towKnown ? periodSeconds : 0.0;
+    towBase_ = towKnown ? cycleSyncTow : -1.0;
   }
+
+  // Fills a shot from its word; returns are left to the caller.
+  void Start(RawShot& shot, int i, std::uint64_t shotWord) const {
+    shot.timeInCounts = static_cast<std::uint64_t>(i) * periodTicks_ + blockTicks_;
+    shot.scanAngleCounts = ScanAngleCounts(shotWord);
+    shot.shotWord = shotWord;
+    shot.shotTow = static_cast<double>(i) * towPeriod_ + towBase_;
+    shot.status = 0;
+  }
+
+ private:
+  std::uint64_t blockTicks_;
+  std::uint64_t periodTicks_;
+  double towPeriod_;
+  double towBase_;
 };
 
 // The only shot word that can straddle the end is one due at 65532 (records are
@@ -66,9 +76,7 @@ int DecodeShots(BlockBytes block, std::uint32_t prf, double cycleSyncTow, FifoBl
   std::vector<RawShot>& shots = fifoBlock.shots;
   shots.clear();
   const std::uint32_t shotsInBlock = ShotCount(block);
-  const double periodSeconds = 1.0 / (static_cast<double>(prf) * 1000.0);
-  const ShotClock clock{fifoBlock.CycleSyncTimeStamp, optics::TimeInCounts(periodSeconds), cycleSyncTow,
-                        periodSeconds, cycleSyncTow >= 0.0};
+  const ShotClock clock(fifoBlock.CycleSyncTimeStamp, prf, cycleSyncTow);
   if (shotsInBlock == 0) return 0;
   // At most 8191 shots (13 bits): a bounded, one-off reservation for a reused block.
   shots.reserve(shotsInBlock);
@@ -86,10 +94,11 @@ int DecodeShots(BlockBytes block, std::uint32_t prf, double cycleSyncTow, FifoBl
     const std::uint32_t returns[ReturnWords::kCapacity] = {
         le::LoadU32(bytes + offset + 8), le::LoadU32(bytes + offset + 12), le::LoadU32(bytes + offset + 16),
         le::LoadU32(bytes + offset + 20)};
-    RawShot shot = clock.Start(i, word);
-    shot.returns.assign(returns, stored);
     if (word & kShotFlagBits) [[unlikely]] fifoBlock.flaggedShots.push_back(i);
-    shots.push_back(shot);
+    // Filled in place: a shot built aside and copied in costs more than decoding it.
+    RawShot& shot = shots.emplace_back();
+    clock.Start(shot, i, word);
+    shot.returns.assign(returns, stored);
     offset += 8 + 4 * stored;
   }
 
@@ -100,7 +109,8 @@ int DecodeShots(BlockBytes block, std::uint32_t prf, double cycleSyncTow, FifoBl
     const std::uint64_t word = LoadShotWordNearEnd(bytes, offset);
     offset += 8;
     if (word & kShotFlagBits) fifoBlock.flaggedShots.push_back(i);
-    RawShot shot = clock.Start(i, word);
+    RawShot shot;
+    clock.Start(shot, i, word);
     const std::uint32_t stored = StoredReturnCount(word);
     for (std::uint32_t k = 0; k < stored; ++k) {
       // Counted, although it is not kept.

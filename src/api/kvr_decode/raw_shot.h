@@ -33,7 +33,7 @@ class ReturnWords {
   // return count is random from shot to shot.
   void assign(const std::uint32_t (&words)[kCapacity], std::size_t count) {
     count = count < kCapacity ? count : kCapacity;
-    for (std::size_t i = 0; i < kCapacity; ++i) words_[i] = i < count ? words[i] : 0;
+    for (std::size_t i = 0; i < kCapacity; ++i) words_[i] = words[i] & kKeepMask[count][i];
     size_ = static_cast<std::uint32_t>(count);
   }
 
@@ -58,6 +58,9 @@ class ReturnWords {
   }
 
  private:
+  static constexpr std::uint32_t kKeepMask[kCapacity + 1][kCapacity] = {
+      {0, 0, 0, 0}, {~0u, 0, 0, 0}, {~0u, ~0u, 0, 0}, {~0u, ~0u, ~0u, 0}, {~0u, ~0u, ~0u, ~0u}};
+
   std::uint32_t words_[kCapacity] = {};
   std::uint32_t size_ = 0;
 };
