@@ -35,13 +35,12 @@ class ShotClock {
     towBase_ = towKnown ? cycleSyncTow : -1.0;
   }
 
-  // Fills a shot from its word; returns are left to the caller.
+  // Fills a fresh shot from its word; returns are left to the caller.
   void Start(RawShot& shot, int i, std::uint64_t shotWord) const {
     shot.timeInCounts = static_cast<std::uint64_t>(i) * periodTicks_ + blockTicks_;
     shot.scanAngleCounts = ScanAngleCounts(shotWord);
     shot.shotWord = shotWord;
     shot.shotTow = static_cast<double>(i) * towPeriod_ + towBase_;
-    shot.status = 0;
   }
 
  private:

@@ -43,22 +43,5 @@ TEST_F(DumpTest, WritesOneLinePerBlockMarksBadSignaturesAndReportsTheEnd) {
   EXPECT_TRUE(logEntries().empty());
 }
 
-TEST_F(DumpTest, SharesTheStreamWithTheBlockReader) {
-  test::WriteFile(path("scan.bin"), test::ByteWriter()
-                                        .append(FifoBlockBuilder().shotCount(4).build())
-                                        .append(FifoBlockBuilder().shotCount(6).build())
-                                        .take());
-  std::FILE* in = std::fopen(path("scan.bin").c_str(), "rb");
-  std::FILE* out = std::fopen(path("dump.txt").c_str(), "w");
-  ASSERT_TRUE(in != nullptr && out != nullptr);
-  RawFileHeader header;
-  FifoBlock block;
-  EXPECT_EQ(Dump(&in, out), 0);
-  EXPECT_EQ(DecodeNextFifoBlock(&in, header, 1, block, nullptr), 6);
-  std::fclose(in);
-  std::fclose(out);
-  EXPECT_EQ(test::ReadFileText(path("dump.txt")), "0 2863311530 0 4 \n");
-}
-
 }  // namespace
 }  // namespace kvr

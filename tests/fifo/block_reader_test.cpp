@@ -24,6 +24,7 @@ std::vector<std::uint8_t> BlockWithFullPackedWord() {
 class DecodeNextFifoBlockTest : public test::InTempDir {
  protected:
   void Open(const std::vector<std::uint8_t>& bytes) {
+    header_.prf = 200;
     test::WriteFile(path("scan.bin"), bytes);
     stream_ = std::fopen(path("scan.bin").c_str(), "rb");
     ASSERT_NE(stream_, nullptr);
@@ -36,11 +37,7 @@ class DecodeNextFifoBlockTest : public test::InTempDir {
   }
 
   std::FILE* stream_ = nullptr;
-  RawFileHeader header_ = [] {
-    RawFileHeader h;
-    h.prf = 200;
-    return h;
-  }();
+  RawFileHeader header_;
   FifoBlock block_;
 };
 
