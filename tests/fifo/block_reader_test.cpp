@@ -5,7 +5,6 @@
 
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
-#include "support/byte_writer.h"
 #include "support/fifo_block_builder.h"
 #include "support/temp_dir_test_base.h"
 
@@ -14,11 +13,11 @@ namespace {
 
 using test::FifoBlockBuilder;
 
-// Bytes 4-11 all set beyond the time stamp's low word: only byte 8 adds to the
-// stamp (0xFF00000001 = 1095216660481); cast block number 2047, 8191 shots, which
-// all fit when every shot word is zero.
+// Bytes 4-11 = 01 00 00 00 FF FF FF FF: only byte 8 of the packed word adds to the
+// stamp (0xFF00000001 = 1095216660481). Its 8191 shots all fit when every shot
+// word is zero.
 std::vector<std::uint8_t> BlockWithFullPackedWord() {
-  return test::ByteWriter().u32(0xAAAAAAAA).u32(1).u32(0xFFFFFFFF).padTo(65536).take();
+  return FifoBlockBuilder().timeStamp(0xFF00000001).castBlockNumber(2047).shotCount(8191).build();
 }
 
 class DecodeNextFifoBlockTest : public test::InTempDir {
@@ -43,7 +42,7 @@ class DecodeNextFifoBlockTest : public test::InTempDir {
 
 TEST_F(DecodeNextFifoBlockTest, WalksWholeBlocksAndEndsAtAShortRead) {
   const auto first = FifoBlockBuilder().timeStamp(1000).shot(0).shot(test::ShotWord({.returnCount = 1}), {9}).build();
-  Open(test::ByteWriter().append(first).append(BlockWithFullPackedWord()).zeros(100).take());
+  Open(test::FifoFile({first, BlockWithFullPackedWord()}, 100));
 
   ASSERT_EQ(Next(7), 2);
   EXPECT_EQ(block_.CycleSyncTimeStamp, 1000u);
@@ -73,11 +72,9 @@ struct BadSignatureCase {
 class BadSignature : public DecodeNextFifoBlockTest, public ::testing::WithParamInterface<BadSignatureCase> {};
 
 TEST_P(BadSignature, LogsTheHeaderKeepsTheShotsAndMovesOn) {
-  Open(test::ByteWriter()
-           .append(FifoBlockBuilder().shotCount(3).build())
-           .append(FifoBlockBuilder().signature(GetParam().signature).timeStamp(0x123456789A).castBlockNumber(1234).shotCount(5).build())
-           .append(FifoBlockBuilder().shotCount(1).build())
-           .take());
+  const auto bad =
+      FifoBlockBuilder().signature(GetParam().signature).timeStamp(0x123456789A).castBlockNumber(1234).shotCount(5);
+  Open(test::FifoFile({FifoBlockBuilder().shotCount(3).build(), bad.build(), FifoBlockBuilder().shotCount(1).build()}));
   ASSERT_EQ(Next(41), 3);
   EXPECT_EQ(Next(42), -2);
   EXPECT_EQ(block_.CycleSyncTimeStamp, 0x123456789Au);

@@ -38,6 +38,14 @@ std::vector<std::uint8_t> FifoBlockBuilder::build() const {
   return block;
 }
 
+std::vector<std::uint8_t> FifoFile(const std::vector<std::vector<std::uint8_t>>& blocks, std::size_t tailBytes,
+                                   const std::vector<std::uint8_t>& prefix) {
+  std::vector<std::uint8_t> file = prefix;
+  for (const auto& block : blocks) file.insert(file.end(), block.begin(), block.end());
+  file.resize(file.size() + tailBytes, 0);
+  return file;
+}
+
 SyntheticScan::SyntheticScan(std::uint64_t seed, std::uint32_t prf, std::uint32_t maxReturnCount)
     : random_(seed), periodTicks_(50000 / prf), maxReturnCount_(maxReturnCount) {}
 

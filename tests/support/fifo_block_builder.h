@@ -65,6 +65,11 @@ class FifoBlockBuilder {
   std::vector<ShotRecord> shots_;
 };
 
+// The bytes of a scan file: `prefix` (a header block padded to its data offset, or
+// nothing), the blocks, then `tailBytes` zero bytes of a cut-off last block.
+std::vector<std::uint8_t> FifoFile(const std::vector<std::vector<std::uint8_t>>& blocks, std::size_t tailBytes = 0,
+                                   const std::vector<std::uint8_t>& prefix = {});
+
 // A deterministic synthetic scan: the mirror sweeps the 18-bit scan count up and
 // down (bit 62 set on the way up), the pan count steps once per line, returns lie
 // up to ~200 m behind T0 with random intensities, and about one shot in 500
