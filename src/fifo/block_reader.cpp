@@ -7,7 +7,7 @@
 #include "diag/error_manager.h"
 #include "fifo/block_format.h"
 #include "fifo/shot_decoder.h"
-#include "kvr_decode/nmea_ticks_manager.h"
+#include "nmea/nmea_ticks_manager.h"
 #include "optics/conversions.h"
 #include "platform/stream_reader.h"
 

@@ -6,6 +6,7 @@
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
 #include "support/fifo_block_builder.h"
+#include "support/tick_file_builder.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -108,14 +109,31 @@ TEST_F(DecodeNextFifoBlockTest, EmptyFileOrNullStreamLeavesTheRecordAlone) {
   EXPECT_TRUE(logEntries().empty());
 }
 
-// The manager's table does not bracket the stamp (the placeholder's table is
-// empty): the time of day is unknown, the ticks are still counted.
-TEST_F(DecodeNextFifoBlockTest, TimeOutsideTheManagersTableIsUnknown) {
-  Open(FifoBlockBuilder().timeStamp(1000).shotCount(3).build());
-  NmeaTicksManager manager;
-  ASSERT_EQ(Next(0, &manager), 3);
+// A manager pairs pulses at 1 s and 2 s of the tick counter with the receiver's
+// times 10 s and 11 s of the week: a block stamped between them is interpolated,
+// one outside them has no time of day while its ticks are still counted.
+TEST_F(DecodeNextFifoBlockTest, BlockTimeComesFromTheTicksManagerWhenItBracketsTheStamp) {
+  const test::UtcTime sunday = test::Utc(2026, 11, 22, 0, 0, 10);
+  const test::UtcTime secondLater = test::Utc(2026, 11, 22, 0, 0, 11);
+  test::TickFileBuilder()
+      .pulse(50000000)
+      .sentence(50400000, test::ZdaSentence(sunday))
+      .pulse(100000000)
+      .sentence(100400000, test::ZdaSentence(secondLater))
+      .writeTo(path("Serial.dat"));
+  NmeaTicksManager* manager = CreateNmeaTicksManager(test::WideName(path("Serial.dat")).c_str(), 0);
+  ASSERT_NE(manager, nullptr);
+
+  Open(test::FifoFile({FifoBlockBuilder().timeStamp(75000000).shotCount(3).build(),
+                       FifoBlockBuilder().timeStamp(1000).shotCount(3).build()}));
+  ASSERT_EQ(Next(0, manager), 3);
+  EXPECT_EQ(block_.shots[0].shotTow, 10.5);
+  EXPECT_EQ(block_.shots[2].shotTow, 2 * (1.0 / (200 * 1000.0)) + 10.5);
+
+  ASSERT_EQ(Next(1, manager), 3);
   for (const RawShot& shot : block_.shots) EXPECT_EQ(shot.shotTow, -1.0);
   EXPECT_EQ(block_.shots[2].timeInCounts, 1500u);
+  DeleteNmeaTicksManager(manager);
 }
 
 }  // namespace
