@@ -48,25 +48,26 @@ TEST_P(CalibrationTextLine, SetsAlphaRoundedHalfUp) {
 using namespace std::string_literals;
 constexpr std::int32_t kIntegerIndefinite = std::numeric_limits<std::int32_t>::min();
 
-INSTANTIATE_TEST_SUITE_P(
-    Lines, CalibrationTextLine,
-    ::testing::Values(AlphaCase{"EqualsSign", "alpha=2.5\n", 3}, AlphaCase{"BlanksAroundEquals", "alpha = 2.5\n", 3},
-                      AlphaCase{"TabsAndExtraTokens", "\t alpha\t=\t2.4 7 8\n", 2},
-                      AlphaCase{"NegativeTruncatesTowardZero", "alpha=-2.5\n", -2},
-                      AlphaCase{"LastLineWithoutLineFeed", "pga=1\nalpha=2.5", 3},
-                      AlphaCase{"LaterLineOverwrites", "alpha=1\nalpha=7\n", 7},
-                      AlphaCase{"KeysAreCaseSensitive", "Alpha=5\n", 0},
-                      AlphaCase{"SingleTokenLineIgnored", "alpha=4\nalpha\n", 4},
-                      AlphaCase{"NotANumberIsZero", "alpha=x\n", 0},
-                      AlphaCase{"TextEndsAtFirstZeroByte", "alpha=3\n\0alpha=9\n"s, 3},
-                      AlphaCase{"BeyondIntegerRange", "alpha=9e9\n", kIntegerIndefinite},
-                      AlphaCase{"OnlySeparators", " = \t\n", 0}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Lines, CalibrationTextLine,
+                         ::testing::Values(AlphaCase{"EqualsSign", "alpha=2.5\n", 3},
+                                           AlphaCase{"BlanksAroundEquals", "alpha = 2.5\n", 3},
+                                           AlphaCase{"TabsAndExtraTokens", "\t alpha\t=\t2.4 7 8\n", 2},
+                                           AlphaCase{"NegativeTruncatesTowardZero", "alpha=-2.5\n", -2},
+                                           AlphaCase{"LastLineWithoutLineFeed", "pga=1\nalpha=2.5", 3},
+                                           AlphaCase{"LaterLineOverwrites", "alpha=1\nalpha=7\n", 7},
+                                           AlphaCase{"KeysAreCaseSensitive", "Alpha=5\n", 0},
+                                           AlphaCase{"SingleTokenLineIgnored", "alpha=4\nalpha\n", 4},
+                                           AlphaCase{"NotANumberIsZero", "alpha=x\n", 0},
+                                           AlphaCase{"TextEndsAtFirstZeroByte", "alpha=3\n\0alpha=9\n"s, 3},
+                                           AlphaCase{"BeyondIntegerRange", "alpha=9e9\n", kIntegerIndefinite},
+                                           AlphaCase{"OnlySeparators", " = \t\n", 0}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(InclinometerCalibration, FillsEveryMemberFromItsKey) {
   const std::string text =
       "sxx=1.02\nsyy=0.98\nsxy=0.01\nsyx=-0.02\noffnomx=0.001\noffnomy=-0.002\nbsroll=0.5\n"
-      "bspitch=-0.25\nbsheading=90\nalpha=2.5\nbeta=0.5\nvref=2.5\npga=7.6\n"s + '\0';
+      "bspitch=-0.25\nbsheading=90\nalpha=2.5\nbeta=0.5\nvref=2.5\npga=7.6\n"s +
+      '\0';
   const InclinometerCalibration c = DecodeInclinometer(text, static_cast<std::uint32_t>(text.size()));
   EXPECT_EQ(c.sxx, 1.02f);
   EXPECT_EQ(c.syy, 0.98f);

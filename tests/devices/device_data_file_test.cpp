@@ -1,11 +1,10 @@
-#include "kvr_decode/device_data.h"
-
 #include <gtest/gtest.h>
 
 #include <array>
 #include <string>
 #include <vector>
 
+#include "kvr_decode/device_data.h"
 #include "support/byte_writer.h"
 #include "support/device_file_builder.h"
 #include "support/open_descriptors.h"
@@ -18,22 +17,26 @@ namespace {
 using test::ByteWriter;
 using test::DeviceFileBuilder;
 
-const std::string kInclinometerText = test::CalibrationText(
-    {{"sxx", "1.02"}, {"syy", "0.98"}, {"sxy", "0.01"}, {"syx", "-0.02"}, {"offnomx", "0.001"},
-     {"offnomy", "-0.002"}, {"bsroll", "0.5"}, {"bspitch", "-0.25"}, {"bsheading", "90"}, {"alpha", "2.5"},
-     {"beta", "0.5"}, {"vref", "2.5"}, {"pga", "7.6"}});
-const std::string kCompassText =
-    test::CalibrationText({{"xsf", "1.5"}, {"ysf", "0.75"}, {"xoff", "-12.25"}, {"yoff", "3.125"}, {"declination", "-2.5"}});
+using namespace std::string_literals;
 
-const InclinometerCalibration kInclinometer{1.02f, 0.98f, 0.01f, -0.02f, 0.001f, -0.002f, 0.5f,
-                                            -0.25f, 90.0f, 3,     0.5f,  2.5f,   8};
+const std::string kInclinometerText =
+    "sxx=1.02\nsyy = 0.98\nsxy\t0.01\nsyx=-0.02\noffnomx=0.001\noffnomy=-0.002\nbsroll=0.5\nbspitch=-0.25\n"
+    "bsheading=90\nalpha=2.5\nbeta=0.5\nvref=2.5\npga=7.6\n"s +
+    '\0';
+const std::string kCompassText = test::CalibrationText(
+    {{"xsf", "1.5"}, {"ysf", "0.75"}, {"xoff", "-12.25"}, {"yoff", "3.125"}, {"declination", "-2.5"}});
+
+const InclinometerCalibration kInclinometer{1.02f,  0.98f, 0.01f, -0.02f, 0.001f, -0.002f, 0.5f,
+                                            -0.25f, 90.0f, 3,     0.5f,   2.5f,   8};
 const CompassCalibration kCompass{1.5f, 0.75f, -12.25f, 3.125f, -2.5f};
 const CompassCalibration kCallerCompass{9.0f, 9.0f, 9.0f, 9.0f, 9.0f};
 
 // Every type, two that no reader knows, and types 2, 3 and 7 written field by
 // field in file order.
 DeviceFileBuilder& AddRecords(DeviceFileBuilder& file) {
-  return file.record(1000, 7, ByteWriter().u32(70).u64(0x1122334455667788).u32(71).u32(72).u32(73).u32(74).u32(75).u32(76).take())
+  return file
+      .record(1000, 7,
+              ByteWriter().u32(70).u64(0x1122334455667788).u32(71).u32(72).u32(73).u32(74).u32(75).u32(76).take())
       .reading(DeviceRecord1{.time = 2000, .raw = {111, 1650, 1350, 3, 3000, -7}})
       .record(2500, 0, ByteWriter().text("skip!").take())
       .record(3000, 2, ByteWriter().u32(20).u64(0x0102030405060708).u64(22).u64(0xFFFFFFFF00000001).take())
@@ -52,8 +55,9 @@ DeviceFileBuilder& AddRecords(DeviceFileBuilder& file) {
 // the type 2 readings lie 2000 ticks (0.04 ms) and 2 s from the type 7 readings 0 and 1.
 void ExpectRecords(const AncillaryDevicesData& d) {
   EXPECT_EQ(d.type1Records,
-            (std::vector<DeviceRecord1>{{2000, 0x1.bed07c353e6e7p+1, -0x1.bbe95cdc8d70cp+1, 0.0, {111, 1650, 1350, 3, 3000, -7}},
-                                        {9000, 0x1.09f6c1ea9efe7p+1, -0x1.61eb8fc482dd9p+1, 0.0, {5, 1030, 960, 6, 1000, 9}}}));
+            (std::vector<DeviceRecord1>{
+                {2000, 0x1.bed07c353e6e7p+1, -0x1.bbe95cdc8d70cp+1, 0.0, {111, 1650, 1350, 3, 3000, -7}},
+                {9000, 0x1.09f6c1ea9efe7p+1, -0x1.61eb8fc482dd9p+1, 0.0, {5, 1030, 960, 6, 1000, 9}}}));
   EXPECT_EQ(d.type2Records, (std::vector<DeviceRecord2>{{3000, 0x0102030405060708, 22, 0xFFFFFFFF00000001, 20, 0},
                                                         {500000000, 91, 92, 93, 90, 1}}));
   EXPECT_EQ(d.type3Records, (std::vector<DeviceRecord3>{{4000, {31, 33, 34, 35, 32}}}));
@@ -183,8 +187,8 @@ TEST_F(DeviceDataFile, HeaderCutInsideACalibrationTextFailsAfterDecodingWhatArri
   const DeviceFileBuilder file = Header93();
   AncillaryDevicesData data;
   data.compassCalibration = kCallerCompass;
-  // Signature, version, byte count, then "sxx=1.02\nsyy=0.9".
-  EXPECT_EQ(Read(Cut(file, 16 + 16), data), -1);
+  // Signature, version, byte count, then "sxx=1.02\nsyy = 0.9".
+  EXPECT_EQ(Read(Cut(file, 16 + 18), data), -1);
   EXPECT_EQ(out(), "Device version 93\n");
   InclinometerCalibration partial;
   partial.sxx = 1.02f;
@@ -256,17 +260,44 @@ std::vector<DamageCase> DamageCases() {
       {"UnknownTypeLongerThanTheFile", unknownBeyondFile.bytes(), 0, "", {}, v93, 93, kOneType8, 0},
       {"KnownTypesIgnoreTheirSize", sizeIgnored.bytes(), 0, "", {}, v93, 93, {0, 0, 0, 0, 0, 0, 0, 2}, 0},
       // Two bytes of the version arrive over the caller's -5 (0xFFFFFFFB).
-      {"EndsInsideTheVersion", Cut(oneRecord, 10), -1, kNoData, {"device.dat"}, "Device version -65443\n",
-       static_cast<std::int32_t>(0xFFFF005D), kEmpty, 0},
+      {"EndsInsideTheVersion",
+       Cut(oneRecord, 10),
+       -1,
+       kNoData,
+       {"device.dat"},
+       "Device version -65443\n",
+       static_cast<std::int32_t>(0xFFFF005D),
+       kEmpty,
+       0},
       {"CalibrationBlockLongerThanTheFile", blockBeyondFile.bytes(), -1, kNoData, {"device.dat"}, v93, 93, kEmpty, 0},
-      {"EndsInsideTheCompassByteCount", Cut(oneRecord, header - kCompassText.size() - 2), -1, kNoData,
-       {"device.dat"}, v93, 93, kEmpty, 0},
-      {"OtherSignature", DeviceFileBuilder(93, "#KVRCAMR").bytes(), -2, "Bad file signature", {"#KVRCAMR"}, "",
-       -5, kEmpty, 1},
-      {"SignatureEndsAtAZeroByte", DeviceFileBuilder(93, "#KVRDEV").bytes(), -2, "Bad file signature",
-       {"#KVRDEV"}, "", -5, kEmpty, 1},
-      {"ShorterThanASignature", ByteWriter().text("#KV").take(), -2, "Bad file signature", {"#KV"}, "", -5,
-       kEmpty, 1},
+      {"EndsInsideTheCompassByteCount",
+       Cut(oneRecord, header - kCompassText.size() - 2),
+       -1,
+       kNoData,
+       {"device.dat"},
+       v93,
+       93,
+       kEmpty,
+       0},
+      {"OtherSignature",
+       DeviceFileBuilder(93, "#KVRCAMR").bytes(),
+       -2,
+       "Bad file signature",
+       {"#KVRCAMR"},
+       "",
+       -5,
+       kEmpty,
+       1},
+      {"SignatureEndsAtAZeroByte",
+       DeviceFileBuilder(93, "#KVRDEV").bytes(),
+       -2,
+       "Bad file signature",
+       {"#KVRDEV"},
+       "",
+       -5,
+       kEmpty,
+       1},
+      {"ShorterThanASignature", ByteWriter().text("#KV").take(), -2, "Bad file signature", {"#KV"}, "", -5, kEmpty, 1},
   };
 }
 

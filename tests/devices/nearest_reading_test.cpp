@@ -34,20 +34,20 @@ TEST_P(NearestType7, LinksEachType2ReadingToTheFirstNearestWithinFiveSeconds) {
 
 INSTANTIATE_TEST_SUITE_P(
     Lists, NearestType7,
-    ::testing::Values(
-        NearestCase{"NoType7Readings", {}, {0, 5}, {-1, -1}},
-        // 249999999 ticks are 4.99999998 s; 250000000 ticks are 5 s exactly.
-        NearestCase{"FiveSecondsIsTooFar",
-                    {10 * kSecond},
-                    {10 * kSecond + 249999999, 10 * kSecond - 249999999, 15 * kSecond, 5 * kSecond},
-                    {0, 0, -1, -1}},
-        NearestCase{"EqualDistanceKeepsTheEarlier", {100, 200, 300}, {150, 250, 300, 99999}, {0, 1, 2, 2}},
-        NearestCase{"EqualTimesKeepTheFirst", {100, 200, 200, 200, 400}, {210, 190, 450}, {1, 1, 4}},
-        NearestCase{"UnsortedList", {500, 100, 300, 100}, {90, 320, 450, 200}, {1, 2, 0, 1}},
-        // Beyond 2^63 the signed difference wraps: 16 ticks back from 0 is near,
-        // but 2^63 ticks away counts as the smallest distance of all, and is far.
-        NearestCase{"DifferencesWrapAroundZero", {kTop, 40}, {0, 30}, {0, 1}},
-        NearestCase{"HalfwayAroundIsTheSmallestDistanceAndFar", {0x8000000000000000u, 5}, {0}, {-1}}),
+    ::testing::Values(NearestCase{"NoType7Readings", {}, {0, 5}, {-1, -1}},
+                      // 249999999 ticks are 4.99999998 s; 250000000 ticks are 5 s exactly.
+                      NearestCase{"FiveSecondsIsTooFar",
+                                  {10 * kSecond},
+                                  {10 * kSecond + 249999999, 10 * kSecond - 249999999, 15 * kSecond, 5 * kSecond},
+                                  {0, 0, -1, -1}},
+                      NearestCase{
+                          "EqualDistanceKeepsTheEarlier", {100, 200, 300}, {150, 250, 300, 99999}, {0, 1, 2, 2}},
+                      NearestCase{"EqualTimesKeepTheFirst", {100, 200, 200, 200, 400}, {210, 190, 450}, {1, 1, 4}},
+                      NearestCase{"UnsortedList", {500, 100, 300, 100}, {90, 320, 450, 200}, {1, 2, 0, 1}},
+                      // Beyond 2^63 the signed difference wraps: 16 ticks back from 0 is near,
+                      // but 2^63 ticks away counts as the smallest distance of all, and is far.
+                      NearestCase{"DifferencesWrapAroundZero", {kTop, 40}, {0, 30}, {0, 1}},
+                      NearestCase{"HalfwayAroundIsTheSmallestDistanceAndFar", {0x8000000000000000u, 5}, {0}, {-1}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

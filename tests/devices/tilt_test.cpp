@@ -44,11 +44,10 @@ TEST_P(Tilt, MatchesTheReferenceFormulaBitForBit) {
   EXPECT_EQ(std::bit_cast<std::uint64_t>(r.tiltY), std::bit_cast<std::uint64_t>(GetParam().tiltY)) << r.tiltY;
 }
 
-INSTANTIATE_TEST_SUITE_P(Readings, Tilt,
-                         ::testing::Values(TiltCase{{111, 1650, 1350, 3, 3000, -7},
-                                                    0x1.bed07c353e6e7p+1, -0x1.bbe95cdc8d70cp+1},
-                                           TiltCase{{5, 1030, 960, 6, 1000, 9},
-                                                    0x1.09f6c1ea9efe7p+1, -0x1.61eb8fc482dd9p+1}));
+INSTANTIATE_TEST_SUITE_P(
+    Readings, Tilt,
+    ::testing::Values(TiltCase{{111, 1650, 1350, 3, 3000, -7}, 0x1.bed07c353e6e7p+1, -0x1.bbe95cdc8d70cp+1},
+                      TiltCase{{5, 1030, 960, 6, 1000, 9}, 0x1.09f6c1ea9efe7p+1, -0x1.61eb8fc482dd9p+1}));
 
 TEST(TiltGuards, NoneProtectTheDivisionsOrTheArcSine) {
   DeviceRecord1 r;

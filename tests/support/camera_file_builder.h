@@ -16,8 +16,8 @@ namespace kvr::test {
 struct CameraHeaderSpec {
   std::string signature = "#KVRCAMR";
   std::uint32_t timeStampFlag = 1;
-  std::string text;
-  std::optional<std::uint32_t> statedTextLength;
+  std::string text{};
+  std::optional<std::uint32_t> statedTextLength{};
   std::uint32_t headerValue = 0;
 };
 
@@ -26,8 +26,8 @@ struct CameraHeaderSpec {
 struct CameraRecordSpec {
   std::uint64_t timeStamp = 0;
   std::array<std::uint32_t, 6> values{};
-  std::vector<std::uint8_t> image;
-  std::optional<std::uint32_t> statedImageSize;
+  std::vector<std::uint8_t> image{};
+  std::optional<std::uint32_t> statedImageSize{};
 };
 
 // Builds camera files ("#KVRCAMR"): the header, then records in the order added.

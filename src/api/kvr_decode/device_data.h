@@ -45,8 +45,8 @@ struct CompassCalibration {
 // Type 1: an inclination reading with the tilt angles derived from it.
 struct DeviceRecord1 {
   std::uint64_t time = 0;
-  double tiltX = 0.0;  // degrees
-  double tiltY = 0.0;  // degrees
+  double tiltX = 0.0;      // degrees
+  double tiltY = 0.0;      // degrees
   double notFilled = 0.0;  // never written by the reader
   std::int32_t raw[6] = {};
 
