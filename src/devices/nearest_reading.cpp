@@ -45,7 +45,8 @@ Nearest ByBisection(std::uint64_t time, std::span<const DeviceRecord7> type7) {
   const auto after = std::lower_bound(begin, type7.end(), time, EarlierTime);
   auto pick = after;
   if (after == type7.end() || (after != begin && time - (after - 1)->time <= after->time - time)) {
-    pick = std::lower_bound(begin, after, (after - 1)->time, EarlierTime);
+    const std::uint64_t before = (after - 1)->time;  // a copy: the packed field is not 8-byte aligned
+    pick = std::lower_bound(begin, after, before, EarlierTime);
   }
   return {static_cast<std::size_t>(pick - begin), Distance(time, pick->time)};
 }

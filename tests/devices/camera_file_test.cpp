@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,8 @@ class CameraFile : public test::InTempDir {
 struct FlagCase {
   std::uint32_t flag;
   std::string text;
+
+  friend void PrintTo(const FlagCase& c, std::ostream* os) { *os << "flag " << c.flag; }
 };
 
 class CameraFileFlag : public CameraFile, public ::testing::WithParamInterface<FlagCase> {};
@@ -142,6 +145,7 @@ TEST_F(CameraFile, LengthsBeyondTheFileGetBuffersOfTheStatedLengthThatCostNoMemo
   EXPECT_EQ(header_.text[0xFFFFFFFFu], 0);
   EXPECT_EQ(header_.headerValue, 0u);
   std::fclose(stream_);
+  ReleaseCameraFileHeader(header_);
 
   CameraFileBuilder images({.timeStampFlag = 0});
   images.record({.values = {1, 2, 3, 4, 5, 6}, .image = ImageBytes("0123456789"), .statedImageSize = 0xFFFFFFFF});
@@ -162,6 +166,8 @@ struct OpenFailureCase {
   std::string message;
   std::vector<std::string> details;
   std::string signatureAfter;
+
+  friend void PrintTo(const OpenFailureCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class CameraFileOpenFailure : public CameraFile, public ::testing::WithParamInterface<OpenFailureCase> {};

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <limits>
+#include <ostream>
 #include <string>
 
 namespace kvr::devices {
@@ -36,6 +37,8 @@ struct AlphaCase {
   const char* name;
   std::string text;
   std::int32_t alpha;
+
+  friend void PrintTo(const AlphaCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class CalibrationTextLine : public ::testing::TestWithParam<AlphaCase> {};

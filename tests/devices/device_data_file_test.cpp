@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -129,6 +130,8 @@ class DeviceDataFile : public test::InTempDir {
 struct VersionCase {
   std::int32_t version;
   bool calibrationBlocks;
+
+  friend void PrintTo(const VersionCase& c, std::ostream* os) { *os << "version " << c.version; }
 };
 
 class DeviceDataFileVersion : public DeviceDataFile, public ::testing::WithParamInterface<VersionCase> {};
@@ -164,7 +167,7 @@ TEST_F(DeviceDataFile, SecondCallAppendsAndRelinksEveryReading) {
   ASSERT_EQ(Read(AddRecords(second).bytes(), data), 0);
 
   EXPECT_EQ(ListSizes(data), (std::array<std::size_t, 8>{4, 4, 2, 2, 2, 2, 4, 2}));
-  EXPECT_EQ(data.type7Records[2].time, 1000u);
+  EXPECT_EQ(std::uint64_t{data.type7Records[2].time}, 1000u);  // copied out of the packed record
   // Type 7 times are now 1000, 6e8, 1000, 6e8: the first of equal distances wins.
   std::vector<std::int32_t> nearest;
   for (const DeviceRecord2& e : data.type2Records) nearest.push_back(e.nearestType7);
@@ -207,6 +210,8 @@ struct DamageCase {
   std::int32_t version;  // what the record holds afterwards; the caller's is -5
   std::array<std::size_t, 8> listSizes;
   long descriptorsLeftOpen;
+
+  friend void PrintTo(const DamageCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class DeviceDataFileDamage : public DeviceDataFile, public ::testing::WithParamInterface<DamageCase> {};

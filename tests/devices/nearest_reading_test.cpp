@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ostream>
 #include <vector>
 
 namespace kvr::devices {
@@ -16,6 +17,8 @@ struct NearestCase {
   std::vector<std::uint64_t> type7Times;
   std::vector<std::uint64_t> type2Times;
   std::vector<std::int32_t> nearest;
+
+  friend void PrintTo(const NearestCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class NearestType7 : public ::testing::TestWithParam<NearestCase> {};

@@ -5,6 +5,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <ostream>
 
 namespace kvr::devices {
 namespace {
@@ -30,6 +31,8 @@ struct TiltCase {
   std::int32_t raw[6];
   double tiltX;
   double tiltY;
+
+  friend void PrintTo(const TiltCase& c, std::ostream* os) { *os << "raw[1] " << c.raw[1]; }
 };
 
 class Tilt : public ::testing::TestWithParam<TiltCase> {};
