@@ -92,8 +92,8 @@ void BM_ReadDeviceDataInfo(benchmark::State& state) {
   close(saved);
   std::fclose(sink);
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(std::filesystem::file_size(DeviceFile())));
-  state.counters["readings/s"] = benchmark::Counter(static_cast<double>(state.iterations()) * kDeviceReadings,
-                                                    benchmark::Counter::kIsRate);
+  state.counters["readings/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * kDeviceReadings, benchmark::Counter::kIsRate);
 }
 
 // The nearest type 7 reading of every type 2 reading, on ascending times (as the

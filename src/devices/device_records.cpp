@@ -1,7 +1,5 @@
 #include "devices/device_records.h"
 
-#include <span>
-
 #include "devices/discard_bytes.h"
 #include "platform/little_endian.h"
 #include "platform/stream_reader.h"
@@ -18,37 +16,44 @@ namespace {
 constexpr std::size_t kPayloadSizes[] = {0, 24, 28, 20, 8, 24, 24, 36, 4};
 constexpr std::size_t kLargestPayload = 36;
 
-// Fields are taken in file order, which for types 2, 3 and 7 is not memory order.
-void AppendReading(le::ByteCursor& in, std::uint64_t time, std::uint32_t type, AncillaryDevicesData& data) {
+std::uint32_t U32At(const std::uint8_t* p, int index) { return le::LoadU32(p + 4 * index); }
+
+// Fields are taken at fixed offsets in file order, which for types 2, 3 and 7 is
+// not memory order.
+void AppendReading(const std::uint8_t* p, std::uint64_t time, std::uint32_t type, AncillaryDevicesData& data) {
   switch (type) {
     case 1: {
       DeviceRecord1 r;
       r.time = time;
-      for (std::int32_t& v : r.raw) v = static_cast<std::int32_t>(in.u32());
+      for (int i = 0; i < 6; ++i) r.raw[i] = static_cast<std::int32_t>(U32At(p, i));
       data.type1Records.push_back(r);
       break;
     }
     case 2: {
       DeviceRecord2 r;
       r.time = time;
-      r.value = in.u32();
-      r.a = in.u64();
-      r.b = in.u64();
-      r.c = in.u64();
+      r.value = U32At(p, 0);
+      r.a = le::LoadU64(p + 4);
+      r.b = le::LoadU64(p + 12);
+      r.c = le::LoadU64(p + 20);
       data.type2Records.push_back(r);
       break;
     }
     case 3: {
       DeviceRecord3 r;
       r.time = time;
-      for (const int i : {0, 4, 1, 2, 3}) r.w[i] = in.u32();
+      r.w[0] = U32At(p, 0);
+      r.w[4] = U32At(p, 1);
+      r.w[1] = U32At(p, 2);
+      r.w[2] = U32At(p, 3);
+      r.w[3] = U32At(p, 4);
       data.type3Records.push_back(r);
       break;
     }
     case 4: {
       DeviceRecord4 r;
       r.time = time;
-      for (std::uint32_t& v : r.values) v = in.u32();
+      for (int i = 0; i < 2; ++i) r.values[i] = U32At(p, i);
       data.type4Records.push_back(r);
       break;
     }
@@ -56,23 +61,23 @@ void AppendReading(le::ByteCursor& in, std::uint64_t time, std::uint32_t type, A
     case 6: {
       DeviceRecord5 r;
       r.time = time;
-      for (std::uint32_t& v : r.values) v = in.u32();
+      for (int i = 0; i < 6; ++i) r.values[i] = U32At(p, i);
       (type == 5 ? data.type5Records : data.type6Records).push_back(r);
       break;
     }
     case 7: {
       DeviceRecord7 r;
       r.time = time;
-      r.e[0] = in.u32();
-      r.d = in.u64();
-      for (int i = 1; i < 7; ++i) r.e[i] = in.u32();
+      r.e[0] = U32At(p, 0);
+      r.d = le::LoadU64(p + 4);
+      for (int i = 1; i < 7; ++i) r.e[i] = U32At(p, i + 2);
       data.type7Records.push_back(r);
       break;
     }
     case 8: {
       DeviceRecord8 r;
       r.time = time;
-      r.value = in.u32();
+      r.value = U32At(p, 0);
       data.type8Records.push_back(r);
       break;
     }
@@ -89,10 +94,10 @@ bool ReadDeviceRecord(std::FILE* in, std::uint64_t time, std::uint32_t type, std
                       AncillaryDevicesData& data) {
   const std::size_t payloadSize = PayloadSize(type);
   if (payloadSize == 0) return DiscardBytes(in, size);
+  // Zero-filled, so the bytes of a cut payload that never arrive read as zero.
   std::uint8_t payload[kLargestPayload] = {};
   const bool complete = stream::ReadBytes(in, payload, payloadSize) == payloadSize;
-  le::ByteCursor cursor(std::span<const std::uint8_t>(payload, payloadSize));
-  AppendReading(cursor, time, type, data);
+  AppendReading(payload, time, type, data);
   return complete;
 }
 
