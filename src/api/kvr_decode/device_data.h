@@ -28,6 +28,8 @@ struct InclinometerCalibration {
   float beta = 0.0f;
   float vref = 0.0f;
   std::int32_t pga = 0;  // rounded half up from its text value
+
+  friend bool operator==(const InclinometerCalibration&, const InclinometerCalibration&) = default;
 };
 
 // Compass calibration, decoded from the file's second calibration text; stored only.
@@ -37,6 +39,8 @@ struct CompassCalibration {
   float xoff = 0.0f;
   float yoff = 0.0f;
   float declination = 0.0f;
+
+  friend bool operator==(const CompassCalibration&, const CompassCalibration&) = default;
 };
 
 // Every reading starts with its time in 20 ns scanner ticks. Apart from the tilt
