@@ -27,7 +27,9 @@ struct CameraFileRecord {
 
 // Opens a camera file, checks its signature and reads its header. Returns the
 // stream at the first record (the caller closes it), or null on failure. The new
-// text replaces cameraFileHeader.text without releasing a previous one.
+// text replaces cameraFileHeader.text without releasing a previous one; when no
+// buffer of textLength + 1 bytes can be had, the stream is closed and
+// std::bad_alloc thrown.
 KVR_API std::FILE* ReadCameraFileHeader(const wchar_t* cameraFileName, CameraFileHeader& cameraFileHeader);
 
 // Reads the next record. 0, also past the last record (the record then keeps what

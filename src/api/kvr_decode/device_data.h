@@ -109,8 +109,8 @@ struct DeviceRecord8 {
 
 // The fixed part of the device data. The lists follow in AncillaryDevicesData:
 // under 4-byte packing they would start at offset 76, and a std::vector on a
-// 4-byte boundary is a misaligned object. Deriving keeps the fixed part packed as
-// the file's tools expect and the containers aligned (they start at offset 80).
+// 4-byte boundary is a misaligned object. Deriving keeps the fixed part packed, as
+// callers lay it out, and the containers aligned (they start at offset 80).
 struct AncillaryDevicesDataBlock {
   std::int32_t version = 0;
   InclinometerCalibration inclinometerCalibration;
