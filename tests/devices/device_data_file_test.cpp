@@ -178,7 +178,7 @@ struct DamageCase {
 
 class DeviceDataFileDamage : public DeviceDataFile, public ::testing::WithParamInterface<DamageCase> {};
 
-TEST_P(DeviceDataFileDamage, GivesTheDocumentedResultLogAndRecord) {
+TEST_P(DeviceDataFileDamage, EndsWithItsResultLogAndRecord) {
   const DamageCase& c = GetParam();
   test::WriteFile(path("device.dat"), c.bytes);
   AncillaryDevicesData data;

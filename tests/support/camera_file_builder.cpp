@@ -2,7 +2,7 @@
 
 namespace kvr::test {
 
-CameraFileBuilder::CameraFileBuilder(const CameraHeaderSpec& header) : timeStamps_(header.timeStampFlag != 0) {
+CameraFileBuilder::CameraFileBuilder(const CameraHeaderFields& header) : timeStamps_(header.timeStampFlag != 0) {
   out_.fixed(header.signature, 8)
       .u32(header.timeStampFlag)
       .u32(header.statedTextLength.value_or(static_cast<std::uint32_t>(header.text.size())))
@@ -10,7 +10,7 @@ CameraFileBuilder::CameraFileBuilder(const CameraHeaderSpec& header) : timeStamp
       .u32(header.headerValue);
 }
 
-CameraFileBuilder& CameraFileBuilder::record(const CameraRecordSpec& record) {
+CameraFileBuilder& CameraFileBuilder::record(const CameraRecordFields& record) {
   if (timeStamps_) out_.u64(record.timeStamp);
   for (const std::uint32_t v : record.values) out_.u32(v);
   out_.u32(record.statedImageSize.value_or(static_cast<std::uint32_t>(record.image.size()))).append(record.image);

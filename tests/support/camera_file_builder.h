@@ -13,7 +13,7 @@ namespace kvr::test {
 
 // The header of a camera file. A stated text length other than the text's own
 // makes a damaged file.
-struct CameraHeaderSpec {
+struct CameraHeaderFields {
   std::string signature = "#KVRCAMR";
   std::uint32_t timeStampFlag = 1;
   std::string text{};
@@ -23,7 +23,7 @@ struct CameraHeaderSpec {
 
 // One image record. The time stamp is written only when the header's flag is
 // non-zero; a stated image size other than the image's own makes a damaged record.
-struct CameraRecordSpec {
+struct CameraRecordFields {
   std::uint64_t timeStamp = 0;
   std::array<std::uint32_t, 6> values{};
   std::vector<std::uint8_t> image{};
@@ -33,9 +33,9 @@ struct CameraRecordSpec {
 // Builds camera files ("#KVRCAMR"): the header, then records in the order added.
 class CameraFileBuilder {
  public:
-  explicit CameraFileBuilder(const CameraHeaderSpec& header);
+  explicit CameraFileBuilder(const CameraHeaderFields& header);
 
-  CameraFileBuilder& record(const CameraRecordSpec& record);
+  CameraFileBuilder& record(const CameraRecordFields& record);
 
   std::size_t size() const { return out_.size(); }
   const std::vector<std::uint8_t>& bytes() const { return out_.bytes(); }
