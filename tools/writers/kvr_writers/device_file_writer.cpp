@@ -61,13 +61,26 @@ std::vector<std::uint8_t> DeviceFileBuilder::DevicePayload(const DeviceReading8&
   return ByteWriter().u32(r.value).take();
 }
 
-std::string DeviceCalibrationText(std::initializer_list<std::pair<std::string_view, std::string_view>> pairs) {
+namespace {
+
+template <class Pairs>
+std::string KeyValueLines(const Pairs& pairs) {
   std::string text;
   for (const auto& [key, value] : pairs) {
     text.append(key).append("=").append(value).append("\n");
   }
   text.push_back('\0');
   return text;
+}
+
+}  // namespace
+
+std::string DeviceCalibrationText(std::initializer_list<std::pair<std::string_view, std::string_view>> pairs) {
+  return KeyValueLines(pairs);
+}
+
+std::string DeviceCalibrationText(const std::vector<std::pair<std::string, std::string>>& pairs) {
+  return KeyValueLines(pairs);
 }
 
 }  // namespace kvr::writers

@@ -94,5 +94,6 @@ class DeviceFileBuilder {
 // A device calibration text of "key=value" lines, each ended by a line feed,
 // then the terminating zero byte the reader expects.
 std::string DeviceCalibrationText(std::initializer_list<std::pair<std::string_view, std::string_view>> pairs);
+std::string DeviceCalibrationText(const std::vector<std::pair<std::string, std::string>>& pairs);
 
 }  // namespace kvr::writers
