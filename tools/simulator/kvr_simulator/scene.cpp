@@ -90,8 +90,8 @@ RayCaster::Trace RayCaster::TraceRay(Vec3 o, Vec3 d, bool detectEdges) const {
   double exit = kInfinity;
   int exitAxis = 0;
   for (int a = 0; a < 3; ++a) {
-    const double c = Axis(d, a);
-    const double t = ((c > 0.0 ? size[a] : 0.0) - Axis(o, a)) * Axis(inverse, a);
+    const double toward = Axis(inverse, a);  // its sign is the direction's, also for a zero component
+    const double t = ((toward > 0.0 ? size[a] : 0.0) - Axis(o, a)) * toward;
     if (t < exit) {
       exit = t;
       exitAxis = a;
@@ -102,12 +102,12 @@ RayCaster::Trace RayCaster::TraceRay(Vec3 o, Vec3 d, bool detectEdges) const {
   trace.surface.distance = exit;
   trace.surface.cosIncidence = std::abs(Axis(d, exitAxis));
   if (exitAxis == 2) {
-    trace.surface.reflectance = d.z < 0.0 ? scene_.floorReflectance : scene_.ceilingReflectance;
+    trace.surface.reflectance = inverse.z < 0.0 ? scene_.floorReflectance : scene_.ceilingReflectance;
     trace.hit = true;
   } else {
     trace.surface.reflectance = scene_.wallReflectance;
     trace.hit = true;
-    const int wall = exitAxis == 0 ? (d.x < 0.0 ? 0 : 1) : (d.y < 0.0 ? 2 : 3);
+    const int wall = exitAxis == 0 ? (inverse.x < 0.0 ? 0 : 1) : (inverse.y < 0.0 ? 2 : 3);
     const double u = exitAxis == 0 ? p.y : p.x;
     const double margin = EdgeMargin(FootprintRadius(exit), trace.surface.cosIncidence);
     for (const Opening& opening : scene_.openings) {

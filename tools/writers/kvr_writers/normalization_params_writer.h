@@ -12,9 +12,9 @@ inline constexpr const char* kNormalizationParamsSuffix = ".NormalizationParams.
 
 // Parameters left empty are not written, so the reader keeps its defaults.
 struct NormalizationParams {
-  std::optional<double> a1, a2, a3, a4, a5;
-  std::optional<std::int32_t> numberOfBins;
-  std::optional<double> gamma;
+  std::optional<double> a1{}, a2{}, a3{}, a4{}, a5{};
+  std::optional<std::int32_t> numberOfBins{};
+  std::optional<double> gamma{};
 };
 
 // One "key = value" line per parameter given, numbers in their shortest exact form.

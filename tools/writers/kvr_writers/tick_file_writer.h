@@ -24,7 +24,7 @@ std::string NmeaChecksum(std::string_view body);
 // "$" + body + "*" + checksum + CR LF, as a receiver prints a sentence.
 std::string NmeaSentence(std::string_view body);
 
-// "$GPZDA,143007.00,28,01,2020,00,00*6B\r\n": centiseconds, zone fields 00,00.
+// "$GPZDA,143007.00,28,01,2020,00,00*6C\r\n": centiseconds, zone fields 00,00.
 std::string ZdaSentence(UtcTime time, std::string_view talker = "GP");
 // "$GPPPS,143007.250,2,1,0,0,0*hh\r\n": time of day with milliseconds, then the
 // day of the week (0 = Sunday) and four status fields.
