@@ -141,7 +141,7 @@ class ChunkPipeline {
       }
       const std::uint64_t first = k * kChunkShots;
       slot.count = static_cast<std::size_t>(std::min(kChunkShots, plan_.totalShots - first));
-      for (std::size_t i = 0; i < slot.count; ++i) SimulateShot(plan_, caster_, seed_, first + i, slot.shots[i]);
+      SimulateShots(plan_, caster_, seed_, first, std::span(slot.shots.data(), slot.count));
       {
         const std::lock_guard lock(mutex_);
         slot.readyChunk = k;
@@ -168,10 +168,11 @@ ScanCounts GenerateScan(const ScanPlan& plan, const RayCaster& caster, std::uint
   BlockPacker packer(plan, sink, observer);
   if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
   if (threads == 1) {
-    SimulatedShot shot;
-    for (std::uint64_t index = 0; index < plan.totalShots; ++index) {
-      SimulateShot(plan, caster, seed, index, shot);
-      packer.Add(shot);
+    std::vector<SimulatedShot> chunk(ChunkPipeline::kChunkShots);
+    for (std::uint64_t first = 0; first < plan.totalShots; first += chunk.size()) {
+      const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), plan.totalShots - first));
+      SimulateShots(plan, caster, seed, first, std::span(chunk.data(), count));
+      for (std::size_t i = 0; i < count; ++i) packer.Add(chunk[i]);
     }
   } else {
     ChunkPipeline pipeline(plan, caster, seed, threads);

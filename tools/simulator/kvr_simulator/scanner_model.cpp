@@ -72,7 +72,11 @@ ScanPlan PlanScan(const SimulationOptions& options, const Scene& scene) {
   }
   plan.sweepCosine.resize(plan.shotsPerLine);
   plan.sweepSine.resize(plan.shotsPerLine);
+  plan.panStepCosine.resize(plan.shotsPerLine);
+  plan.panStepSine.resize(plan.shotsPerLine);
   for (std::uint32_t j = 0; j < plan.shotsPerLine; ++j) {
+    plan.panStepCosine[j] = std::cos(Radians(j * plan.panDegreesPerShot));
+    plan.panStepSine[j] = std::sin(Radians(j * plan.panDegreesPerShot));
     const double counts = SweepCounts(j, plan.shotsPerLine, true);
     const double elevation = Radians(plan.kind == ScannerKind::kNinetyDegree ? counts * kScanDegreesPerCount90 - 45.0
                                                                              : counts * kScanDegreesPerCount360);
@@ -96,62 +100,92 @@ std::uint32_t IntensityOf(const BeamReturn& echo, double noise) {
   return static_cast<std::uint32_t>(std::clamp(std::lround(value), 0L, 4095L));
 }
 
+void SimulateShots(const ScanPlan& plan, const RayCaster& caster, std::uint64_t seed, std::uint64_t first,
+                   std::span<SimulatedShot> shots) {
+  if (shots.empty()) return;
+  const std::uint64_t firstMirrorShot = first + plan.startPhase;
+  std::uint64_t line = firstMirrorShot / plan.shotsPerLine;
+  std::uint32_t inLine = static_cast<std::uint32_t>(firstMirrorShot % plan.shotsPerLine);
+  // The beam's pan at shot j of a line is the line's start turned by j steps.
+  double lineCos = 0.0, lineSin = 0.0;
+  const auto startLine = [&] {
+    const double lineStart = static_cast<double>(line * plan.shotsPerLine) - plan.startPhase;
+    const double radians = Radians(plan.panStartDegrees + lineStart * plan.panDegreesPerShot);
+    lineCos = std::cos(radians);
+    lineSin = std::sin(radians);
+  };
+  startLine();
+
+  for (std::size_t n = 0; n < shots.size(); ++n) {
+    if (inLine == plan.shotsPerLine) {
+      inLine = 0;
+      ++line;
+      startLine();
+    }
+    SimulatedShot& shot = shots[n];
+    const std::uint64_t index = first + n;
+    const bool odd = (line & 1) != 0;
+    shot.index = index;
+    shot.ticks = plan.firstShotTicks + index * plan.shotPeriodTicks;
+    shot.line = static_cast<std::uint32_t>(line);
+    double elevationDegrees;
+    bool upward = true;
+    if (plan.kind == ScannerKind::kNinetyDegree) {
+      upward = plan.firstLineUp != odd;
+      shot.scanCounts = SweepCounts(inLine, plan.shotsPerLine, upward);
+      elevationDegrees = shot.scanCounts * kScanDegreesPerCount90 - 45.0;
+      shot.direction = upward;
+    } else {
+      shot.scanCounts = SweepCounts(inLine, plan.shotsPerLine, true);
+      elevationDegrees = shot.scanCounts * kScanDegreesPerCount360;
+      shot.direction = plan.firstLineFlag != odd;
+    }
+    // The pan turns once over the scan from its start, so it wraps at most once.
+    double panDegrees = plan.panStartDegrees + static_cast<double>(index) * plan.panDegreesPerShot;
+    if (panDegrees >= 360.0) panDegrees -= 360.0;
+    shot.panCounts = panDegrees / kPanDegreesPerCount;
+    std::uint32_t panCount = static_cast<std::uint32_t>(shot.panCounts);
+    if (panCount >= kPanCountsPerTurn) {
+      panCount -= kPanCountsPerTurn;
+      shot.panCounts -= kPanCountsPerTurn;
+    }
+    const std::uint32_t scanCount = std::min(static_cast<std::uint32_t>(shot.scanCounts), 0x3FFFFu);
+    shot.panRadians = Radians(panDegrees);
+    shot.elevationRadians = Radians(elevationDegrees);
+
+    Draws draws(seed, kShotPurpose, index);
+    shot.t0 = 1800 + static_cast<std::uint32_t>(draws.below(500));
+    shot.flags = draws.below(2048) == 0 ? 1 + static_cast<std::uint32_t>(draws.below(15)) : 0;
+
+    const double panCos = lineCos * plan.panStepCosine[inLine] - lineSin * plan.panStepSine[inLine];
+    const double panSin = lineSin * plan.panStepCosine[inLine] + lineCos * plan.panStepSine[inLine];
+    const double ce = plan.sweepCosine[inLine];
+    const double se = upward ? plan.sweepSine[inLine] : -plan.sweepSine[inLine];
+    std::array<BeamReturn, kMaxReturns> echoes;
+    const int echoCount = caster.BeamReturns(plan.origin, plan.scannerToRoom({ce * panCos, ce * panSin, se}), echoes);
+    shot.returnCount = 0;
+    for (int e = 0; e < echoCount; ++e) {
+      const BeamReturn& echo = echoes[static_cast<std::size_t>(e)];
+      const std::uint32_t intensity = IntensityOf(echo, draws.uniform(-1.0, 1.0));
+      const std::uint32_t timeCount = TimeCountFor(echo.distance, plan.rangeOffset, shot.t0);
+      if (intensity < kMinimumIntensity || timeCount > kMaxTimeCount) continue;
+      shot.returns[shot.returnCount] = {echo.distance, timeCount, intensity};
+      shot.returnWords[shot.returnCount] = writers::ReturnWord(timeCount, intensity);
+      ++shot.returnCount;
+    }
+    shot.shotWord = writers::ShotWord({.pan = panCount,
+                                       .scan = scanCount,
+                                       .returnCount = shot.returnCount,
+                                       .t0 = shot.t0,
+                                       .flags = shot.flags,
+                                       .topBits = shot.direction ? 2u : 0u});
+    ++inLine;
+  }
+}
+
 void SimulateShot(const ScanPlan& plan, const RayCaster& caster, std::uint64_t seed, std::uint64_t index,
                   SimulatedShot& shot) {
-  const std::uint64_t mirrorShot = index + plan.startPhase;
-  const std::uint64_t line = mirrorShot / plan.shotsPerLine;
-  const std::uint32_t inLine = static_cast<std::uint32_t>(mirrorShot % plan.shotsPerLine);
-  const bool odd = (line & 1) != 0;
-
-  shot.index = index;
-  shot.ticks = plan.firstShotTicks + index * plan.shotPeriodTicks;
-  shot.line = static_cast<std::uint32_t>(line);
-  double elevationDegrees;
-  if (plan.kind == ScannerKind::kNinetyDegree) {
-    const bool upward = plan.firstLineUp != odd;
-    shot.scanCounts = SweepCounts(inLine, plan.shotsPerLine, upward);
-    elevationDegrees = shot.scanCounts * kScanDegreesPerCount90 - 45.0;
-    shot.direction = upward;
-  } else {
-    shot.scanCounts = SweepCounts(inLine, plan.shotsPerLine, true);
-    elevationDegrees = shot.scanCounts * kScanDegreesPerCount360;
-    shot.direction = plan.firstLineFlag != odd;
-  }
-  const double panDegrees = std::fmod(plan.panStartDegrees + static_cast<double>(index) * plan.panDegreesPerShot, 360.0);
-  shot.panCounts = panDegrees / kPanDegreesPerCount;
-  std::uint32_t panCount = static_cast<std::uint32_t>(shot.panCounts);
-  if (panCount >= kPanCountsPerTurn) {
-    panCount -= kPanCountsPerTurn;
-    shot.panCounts -= kPanCountsPerTurn;
-  }
-  const std::uint32_t scanCount = std::min(static_cast<std::uint32_t>(shot.scanCounts), 0x3FFFFu);
-  shot.panRadians = Radians(panDegrees);
-  shot.elevationRadians = Radians(elevationDegrees);
-
-  Draws draws(seed, kShotPurpose, index);
-  shot.t0 = 1800 + static_cast<std::uint32_t>(draws.below(500));
-  shot.flags = draws.below(2048) == 0 ? 1 + static_cast<std::uint32_t>(draws.below(15)) : 0;
-
-  const double ce = plan.sweepCosine[inLine];
-  const double se = plan.kind == ScannerKind::kThreeSixty || shot.direction ? plan.sweepSine[inLine] : -plan.sweepSine[inLine];
-  const Vec3 beam{ce * std::cos(shot.panRadians), ce * std::sin(shot.panRadians), se};
-  std::array<BeamReturn, kMaxReturns> echoes;
-  const int echoCount = caster.BeamReturns(plan.origin, plan.scannerToRoom(beam), echoes);
-  shot.returnCount = 0;
-  for (int e = 0; e < echoCount; ++e) {
-    const std::uint32_t intensity = IntensityOf(echoes[static_cast<std::size_t>(e)], draws.uniform(-1.0, 1.0));
-    const std::uint32_t timeCount = TimeCountFor(echoes[static_cast<std::size_t>(e)].distance, plan.rangeOffset, shot.t0);
-    if (intensity < kMinimumIntensity || timeCount > kMaxTimeCount) continue;
-    shot.returns[shot.returnCount] = {echoes[static_cast<std::size_t>(e)].distance, timeCount, intensity};
-    shot.returnWords[shot.returnCount] = writers::ReturnWord(timeCount, intensity);
-    ++shot.returnCount;
-  }
-  shot.shotWord = writers::ShotWord({.pan = panCount,
-                                     .scan = scanCount,
-                                     .returnCount = shot.returnCount,
-                                     .t0 = shot.t0,
-                                     .flags = shot.flags,
-                                     .topBits = shot.direction ? 2u : 0u});
+  SimulateShots(plan, caster, seed, index, std::span(&shot, 1));
 }
 
 }  // namespace kvr::sim

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -49,8 +50,10 @@ struct ScanPlan {
   double rangeOffset = 0.0;              // ... and for this scan's PRF
   Beam beam;
   // Cosine and sine of the beam elevation at each shot of an upward sweep (a
-  // downward sweep mirrors it), worked out once rather than per shot.
+  // downward sweep mirrors it), and of the pan turned since the line began:
+  // worked out once rather than per shot.
   std::vector<double> sweepCosine, sweepSine;
+  std::vector<double> panStepCosine, panStepSine;
 };
 
 ScanPlan PlanScan(const SimulationOptions& options, const Scene& scene);
@@ -82,6 +85,10 @@ struct SimulatedShot {
 // Shot `index` of the plan: a pure function, so shots may be made in any order.
 void SimulateShot(const ScanPlan& plan, const RayCaster& caster, std::uint64_t seed, std::uint64_t index,
                   SimulatedShot& shot);
+// The shots from `first` on, one per element of `shots`; the same as one call
+// of SimulateShot each, faster.
+void SimulateShots(const ScanPlan& plan, const RayCaster& caster, std::uint64_t seed, std::uint64_t first,
+                   std::span<SimulatedShot> shots);
 
 // The return's stop count for a distance, and the intensity of an echo.
 std::uint32_t TimeCountFor(double distance, double rangeOffset, std::uint32_t t0);
