@@ -147,9 +147,9 @@ TEST_P(SimulatedSet, EveryReturnDecodesToTheSimulatedRay) {
         // GetPolarTriplet reads every scan count on the 90-degree scale.
         mismatches.Check(std::abs(scanAngle - (t.scanCounts * 0.00034332275390625 - 45.0) * kDegrees) <= kScanCount90,
                          ret + " scan");
-        mismatches.Check(std::abs(range + rangeOffset - t.returns[r].distance) <= kRangeCount,
-                         ret + " range " + std::to_string(range + rangeOffset) + " for " +
-                             std::to_string(t.returns[r].distance));
+        mismatches.Check(
+            std::abs(range + rangeOffset - t.returns[r].distance) <= kRangeCount,
+            ret + " range " + std::to_string(range + rangeOffset) + " for " + std::to_string(t.returns[r].distance));
         mismatches.Check((shot.returns[r] >> 20) == t.returns[r].intensity, ret + " intensity");
         ++returns;
       }
@@ -177,8 +177,9 @@ TEST_P(SimulatedSet, HeaderCarriesTheSimulatedCalibrationAndSideTable) {
   for (const std::uint32_t prf : sim::kPrfs) EXPECT_EQ(scan.header.prfTables.at(static_cast<int>(prf)).size(), 4096u);
 
   ASSERT_EQ(c.opticalModelVersion, 2);
-  const double decoded[] = {c.a0, c.a1, c.a2, c.a3, c.a4, c.a5, c.a6, c.smKappa, c.panA, c.panB, c.wobbleOmega,
-                            c.wobbleOmegaA, c.wobbleOmegaB, c.wobblePhi, c.wobblePhiA, c.wobblePhiB, c.wobblePhiS};
+  const double decoded[] = {c.a0,           c.a1,        c.a2,         c.a3,         c.a4,          c.a5,
+                            c.a6,           c.smKappa,   c.panA,       c.panB,       c.wobbleOmega, c.wobbleOmegaA,
+                            c.wobbleOmegaB, c.wobblePhi, c.wobblePhiA, c.wobblePhiB, c.wobblePhiS};
   ASSERT_EQ(summary.calibration.opticalModel.size(), std::size(decoded));
   for (std::size_t i = 0; i < std::size(decoded); ++i) {
     EXPECT_EQ(decoded[i], summary.calibration.opticalModel[i].second) << summary.calibration.opticalModel[i].first;
@@ -211,9 +212,9 @@ TEST_P(SimulatedSet, BlockTimesOfWeekFollowTheSimulatedClock) {
     ASSERT_FALSE(block.shots.empty());
     const double expected = summary.clock.TimeOfWeek(truth.blocks[b].timeStamp);
     // Pulses lie on whole ticks: the interpolation is off by at most half a tick.
-    mismatches.Check(std::abs(block.shots[0].shotTow - expected) < 2e-8,
-                     "block " + std::to_string(b) + ": " + std::to_string(block.shots[0].shotTow) + " for " +
-                         std::to_string(expected));
+    mismatches.Check(std::abs(block.shots[0].shotTow - expected) < 2e-8, "block " + std::to_string(b) + ": " +
+                                                                             std::to_string(block.shots[0].shotTow) +
+                                                                             " for " + std::to_string(expected));
   });
   DeleteNmeaTicksManager(ticks);
   mismatches.Expect();

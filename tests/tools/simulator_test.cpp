@@ -49,15 +49,16 @@ TEST_P(CastInTestRoom, FindsTheNearestSurface) {
   EXPECT_EQ(hit->reflectance, c.reflectance);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Scene, CastInTestRoom,
-    testing::Values(CastCase{"Wall", {0, 1, 0}, true, 4.0, 1.0, 0.8}, CastCase{"Floor", {0, 0, -1}, true, 2.0, 1.0, 0.35},
-                    CastCase{"Ceiling", {0, 0, 1}, true, 2.0, 1.0, 0.85},
-                    CastCase{"BoxInFront", {1, 0, 0}, true, 2.0, 1.0, 0.5},
-                    CastCase{"BackWall", {-1, 0, 0}, true, 5.0, 1.0, 0.8},
-                    CastCase{"ObliqueCeiling", Normalized({0, 1, 1}), true, 2.0 * std::sqrt(2.0), std::sqrt(0.5), 0.85},
-                    CastCase{"ThroughTheWindow", Toward(10.0, 1.0, 1.5), false, 0, 0, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Scene, CastInTestRoom,
+                         testing::Values(CastCase{"Wall", {0, 1, 0}, true, 4.0, 1.0, 0.8},
+                                         CastCase{"Floor", {0, 0, -1}, true, 2.0, 1.0, 0.35},
+                                         CastCase{"Ceiling", {0, 0, 1}, true, 2.0, 1.0, 0.85},
+                                         CastCase{"BoxInFront", {1, 0, 0}, true, 2.0, 1.0, 0.5},
+                                         CastCase{"BackWall", {-1, 0, 0}, true, 5.0, 1.0, 0.8},
+                                         CastCase{"ObliqueCeiling", Normalized({0, 1, 1}), true, 2.0 * std::sqrt(2.0),
+                                                  std::sqrt(0.5), 0.85},
+                                         CastCase{"ThroughTheWindow", Toward(10.0, 1.0, 1.5), false, 0, 0, 0}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 struct BeamCase {
   const char* name;
@@ -88,7 +89,8 @@ TEST_P(BeamInTestRoom, EchoesFromEverySurfaceItsFootprintMeets) {
 INSTANTIATE_TEST_SUITE_P(
     Scene, BeamInTestRoom,
     testing::Values(BeamCase{"BoxFace", Toward(7.0, 4.0, 1.5), {2.0615528128}, 1e-9, {1.0}},
-                    BeamCase{"BoxEdgeWithTheWallBehind", Toward(7.0, 5.0, 2.0), {2.2360680, 5.5901699}, 0.01, {0.5, 0.5}},
+                    BeamCase{
+                        "BoxEdgeWithTheWallBehind", Toward(7.0, 5.0, 2.0), {2.2360680, 5.5901699}, 0.01, {0.5, 0.5}},
                     BeamCase{"LowBoxEdgeWithTheFloorClose", Toward(6.4, 4.0, 0.3), {2.3966}, 0.195, {1.0}},
                     BeamCase{"WindowEdge", Toward(10.0, 1.0, 2.0), {5.8309519}, 0.01, {0.5}},
                     BeamCase{"ThroughTheWindow", Toward(10.0, 1.0, 1.5), {}, 0, {}}),
@@ -190,9 +192,9 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(SimulateArguments, SetEveryOption) {
-  const SimulateCommand c = ParseSimulateArguments({"out", "--seed", "7", "--kind", "360", "--prf", "500", "--lines",
-                                                    "12", "--lines-per-second", "100", "--room", "4x3.5x2.5",
-                                                    "--signature", "MX700DAT", "--camera-images", "2", "--threads", "1"});
+  const SimulateCommand c = ParseSimulateArguments(
+      {"out", "--seed", "7", "--kind", "360", "--prf", "500", "--lines", "12", "--lines-per-second", "100", "--room",
+       "4x3.5x2.5", "--signature", "MX700DAT", "--camera-images", "2", "--threads", "1"});
   EXPECT_EQ(c.directory, "out");
   EXPECT_EQ(c.options.seed, 7u);
   EXPECT_EQ(c.options.kind, ScannerKind::kThreeSixty);
@@ -266,8 +268,8 @@ TEST(ScanSet, IsTheSameForASeedWhateverTheThreadsOrObserver) {
   const ScanSetSummary one = WriteScanSet(dir / "one", SmallScan(5, 1));
   WriteScanSet(dir / "two", SmallScan(5, 2), &recorder);
   WriteScanSet(dir / "other", SmallScan(6, 2));
-  for (const auto& name : {"scan.raw", "scan.raw.tbl", "scan.raw.NormalizationParams.txt", "Serial.dat",
-                           "Devices.dat", "Camera.dat"}) {
+  for (const auto& name :
+       {"scan.raw", "scan.raw.tbl", "scan.raw.NormalizationParams.txt", "Serial.dat", "Devices.dat", "Camera.dat"}) {
     EXPECT_EQ(test::ReadFileBytes(dir / "one" / name), test::ReadFileBytes(dir / "two" / name)) << name;
   }
   EXPECT_NE(test::ReadFileBytes(dir / "one" / "scan.raw"), test::ReadFileBytes(dir / "other" / "scan.raw"));

@@ -58,17 +58,18 @@ class ShotWordFields : public testing::TestWithParam<WordCase> {};
 
 TEST_P(ShotWordFields, LandInTheirBits) { EXPECT_EQ(ShotWord(GetParam().fields), GetParam().word); }
 
-INSTANTIATE_TEST_SUITE_P(
-    Writers, ShotWordFields,
-    testing::Values(WordCase{"Pan", {.pan = 0xFFFFF}, 0x00000000000FFFFF},
-                    WordCase{"Scan", {.scan = 0x3FFFF}, 0x0000003FFFF00000},
-                    WordCase{"ReturnCount", {.returnCount = 7}, 0x000001C000000000},
-                    WordCase{"T0", {.t0 = 0xFFFF}, 0x01FFFE0000000000},
-                    WordCase{"Flags", {.flags = 0xF}, 0x1E00000000000000},
-                    WordCase{"TopBits", {.topBits = 7}, 0xE000000000000000},
-                    WordCase{"WideFieldsAreCut", {.pan = 0x100001, .scan = 0x40002, .returnCount = 9}, 0x0000004000200001},
-                    WordCase{"All", {0x12345, 0x2ABCD, 2, 0x1234, 5, 2}, 0x4A2468AABCD12345}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Writers, ShotWordFields,
+                         testing::Values(WordCase{"Pan", {.pan = 0xFFFFF}, 0x00000000000FFFFF},
+                                         WordCase{"Scan", {.scan = 0x3FFFF}, 0x0000003FFFF00000},
+                                         WordCase{"ReturnCount", {.returnCount = 7}, 0x000001C000000000},
+                                         WordCase{"T0", {.t0 = 0xFFFF}, 0x01FFFE0000000000},
+                                         WordCase{"Flags", {.flags = 0xF}, 0x1E00000000000000},
+                                         WordCase{"TopBits", {.topBits = 7}, 0xE000000000000000},
+                                         WordCase{"WideFieldsAreCut",
+                                                  {.pan = 0x100001, .scan = 0x40002, .returnCount = 9},
+                                                  0x0000004000200001},
+                                         WordCase{"All", {0x12345, 0x2ABCD, 2, 0x1234, 5, 2}, 0x4A2468AABCD12345}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ReturnWordWriter, PutsTheTimeCountLowAndTheIntensityHigh) {
   EXPECT_EQ(ReturnWord(0xABCDE, 0x123), 0x123ABCDEu);
@@ -91,8 +92,8 @@ TEST(FifoBlockWriter, PacksRecordsBehindTheHeader) {
 
 TEST(FifoBlockWriter, HeaderCutsEveryFieldToItsWidth) {
   FifoBlockWriter block;
-  const auto bytes = block.finish({.signature = 0x55555555, .timeStamp = 0xAB12345678, .castBlockNumber = 0xDA5},
-                                  0x3234);
+  const auto bytes =
+      block.finish({.signature = 0x55555555, .timeStamp = 0xAB12345678, .castBlockNumber = 0xDA5}, 0x3234);
   EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + 12), Hex("55555555 78563412 aba5a591"));
 }
 
@@ -158,9 +159,8 @@ TEST(HeaderBlockWriter, LaysTheFixedFieldsAtTheirOffsetsAndTheTextsBehind) {
   EXPECT_EQ(U32At(b, 216), 0xC0000000u);  // -2.0f
   EXPECT_EQ(U32At(b, 220), 500u);
   EXPECT_EQ(U32At(b, 272), 0xEEu);
-  EXPECT_EQ(Bytes(b.begin() + 276, b.end()),
-            Cat({Hex("03000000"), Text("cal"), Hex("09000000"), Hex("05000000"), Text("third"), Hex("01000000"),
-                 Text("4")}));
+  EXPECT_EQ(Bytes(b.begin() + 276, b.end()), Cat({Hex("03000000"), Text("cal"), Hex("09000000"), Hex("05000000"),
+                                                  Text("third"), Hex("01000000"), Text("4")}));
 }
 
 TEST(ScanFileWriter, PadsTheHeaderToTheDataOffsetWhetherBuiltOrStreamed) {
@@ -204,8 +204,7 @@ TEST(HeaderTextWriters, WriteSectionsRowsAndTagsAsTheParsersReadThem) {
 TEST(TickFileWriter, WritesPulseAndSentenceRecords) {
   TickFileBuilder file(7, "#KVRSERL", 9);
   file.pulse(0x1122334455667788).sentence(5, "AB", 3).sentenceWithLength(6, 1024, "");
-  EXPECT_EQ(file.bytes(), Cat({Text("#KVRSERL"), Hex("07000000 09000000"),
-                               Hex("8877665544332211 01000000"),
+  EXPECT_EQ(file.bytes(), Cat({Text("#KVRSERL"), Hex("07000000 09000000"), Hex("8877665544332211 01000000"),
                                Hex("0500000000000000 03000000 00000000 00000000 02000000"), Text("AB"),
                                Hex("0600000000000000 02000000 00000000 00000000 00040000")}));
 }
@@ -242,16 +241,16 @@ TEST(DeviceFileWriter, WritesPayloadsInFileOrder) {
 }
 
 TEST(CameraFileWriter, WritesTimeStampsOnlyWhenTheHeaderSaysSo) {
-  const CameraRecordFields record{.timeStamp = 0x0102030405060708, .values = {1, 2, 3, 4, 5, 6}, .image = ImageBytes("xyz")};
+  const CameraRecordFields record{
+      .timeStamp = 0x0102030405060708, .values = {1, 2, 3, 4, 5, 6}, .image = ImageBytes("xyz")};
   CameraFileBuilder plain({.timeStampFlag = 0, .text = "hi", .headerValue = 7});
   plain.record(record);
   EXPECT_EQ(plain.bytes(), Cat({Text("#KVRCAMR"), Hex("00000000 02000000"), Text("hi"), Hex("07000000"),
                                 Hex("01000000 02000000 03000000 04000000 05000000 06000000 03000000"), Text("xyz")}));
   CameraFileBuilder stamped({.timeStampFlag = 1, .statedTextLength = 5});
   stamped.record(record);
-  EXPECT_EQ(stamped.bytes(),
-            Cat({Text("#KVRCAMR"), Hex("01000000 05000000 00000000"), Hex("0807060504030201"),
-                 Hex("01000000 02000000 03000000 04000000 05000000 06000000 03000000"), Text("xyz")}));
+  EXPECT_EQ(stamped.bytes(), Cat({Text("#KVRCAMR"), Hex("01000000 05000000 00000000"), Hex("0807060504030201"),
+                                  Hex("01000000 02000000 03000000 04000000 05000000 06000000 03000000"), Text("xyz")}));
 }
 
 TEST(FileOutputWriter, StreamsPiecesAndZeros) {

@@ -44,10 +44,20 @@ std::uint64_t ParseByteSize(const std::string& text) {
   std::string digits = text;
   if (!digits.empty()) {
     switch (digits.back()) {
-      case 'k': case 'K': unit = 1ull << 10; break;
-      case 'm': case 'M': unit = 1ull << 20; break;
-      case 'g': case 'G': unit = 1ull << 30; break;
-      default: break;
+      case 'k':
+      case 'K':
+        unit = 1ull << 10;
+        break;
+      case 'm':
+      case 'M':
+        unit = 1ull << 20;
+        break;
+      case 'g':
+      case 'G':
+        unit = 1ull << 30;
+        break;
+      default:
+        break;
     }
     if (unit != 1) digits.pop_back();
   }

@@ -33,18 +33,36 @@ std::string Shortest(float value) {
 
 Inclinometer DrawInclinometer(Draws& draws) {
   const auto f = [&draws](double low, double high) { return static_cast<float>(draws.uniform(low, high)); };
-  return {f(0.98, 1.02),   f(0.98, 1.02),   f(-0.01, 0.01), f(-0.01, 0.01), f(-0.005, 0.005), f(-0.005, 0.005),
-          f(-0.05, 0.05),  f(-0.05, 0.05),  f(-0.5, 0.5),   65536,          f(7.5, 8.5),      2.5f,
-          64};
+  return {.sxx = f(0.98, 1.02),
+          .syy = f(0.98, 1.02),
+          .sxy = f(-0.01, 0.01),
+          .syx = f(-0.01, 0.01),
+          .offnomx = f(-0.005, 0.005),
+          .offnomy = f(-0.005, 0.005),
+          .bsroll = f(-0.05, 0.05),
+          .bspitch = f(-0.05, 0.05),
+          .bsheading = f(-0.5, 0.5),
+          .alpha = 65536,
+          .beta = f(7.5, 8.5),
+          .vref = 2.5f,
+          .pga = 64};
 }
 
 std::string InclinometerText(const Inclinometer& c) {
-  return writers::DeviceCalibrationText(std::vector<std::pair<std::string, std::string>>{
-      {"sxx", Shortest(c.sxx)},         {"syy", Shortest(c.syy)},         {"sxy", Shortest(c.sxy)},
-      {"syx", Shortest(c.syx)},         {"offnomx", Shortest(c.offnomx)}, {"offnomy", Shortest(c.offnomy)},
-      {"bsroll", Shortest(c.bsroll)},   {"bspitch", Shortest(c.bspitch)}, {"bsheading", Shortest(c.bsheading)},
-      {"alpha", std::to_string(c.alpha)}, {"beta", Shortest(c.beta)},    {"vref", Shortest(c.vref)},
-      {"pga", std::to_string(c.pga)}});
+  return writers::DeviceCalibrationText(
+      std::vector<std::pair<std::string, std::string>>{{"sxx", Shortest(c.sxx)},
+                                                       {"syy", Shortest(c.syy)},
+                                                       {"sxy", Shortest(c.sxy)},
+                                                       {"syx", Shortest(c.syx)},
+                                                       {"offnomx", Shortest(c.offnomx)},
+                                                       {"offnomy", Shortest(c.offnomy)},
+                                                       {"bsroll", Shortest(c.bsroll)},
+                                                       {"bspitch", Shortest(c.bspitch)},
+                                                       {"bsheading", Shortest(c.bsheading)},
+                                                       {"alpha", std::to_string(c.alpha)},
+                                                       {"beta", Shortest(c.beta)},
+                                                       {"vref", Shortest(c.vref)},
+                                                       {"pga", std::to_string(c.pga)}});
 }
 
 // Raw readings that give the tilt back: the sensor is ratiometric, so the zero
@@ -65,8 +83,12 @@ std::array<std::int32_t, 6> InclinometerRaw(const Inclinometer& c, double tiltX,
   const auto channel = [&](double value, float offset) {
     return static_cast<std::int32_t>(std::llround(((value + offset) / k + base) * scale));
   };
-  return {2200 + static_cast<std::int32_t>(draws.below(200)), channel(x, c.offnomx), channel(y, c.offnomy), zero,
-          reference, sequence};
+  return {2200 + static_cast<std::int32_t>(draws.below(200)),
+          channel(x, c.offnomx),
+          channel(y, c.offnomy),
+          zero,
+          reference,
+          sequence};
 }
 
 }  // namespace
@@ -89,8 +111,7 @@ DeviceTruth WriteDeviceFile(const std::filesystem::path& path, const ScanPlan& p
     return static_cast<std::uint64_t>(static_cast<std::int64_t>(clock.firstShotTicks) +
                                       std::llround(seconds * clock.ticksPerSecond));
   };
-  const double scanSeconds =
-      static_cast<double>(clock.lastShotTicks - clock.firstShotTicks) / clock.ticksPerSecond;
+  const double scanSeconds = static_cast<double>(clock.lastShotTicks - clock.firstShotTicks) / clock.ticksPerSecond;
   std::vector<std::tuple<std::uint64_t, int, std::uint32_t>> readings;
   const auto schedule = [&](int type, double first, double period) {
     std::uint32_t n = 0;
@@ -107,8 +128,8 @@ DeviceTruth WriteDeviceFile(const std::filesystem::path& path, const ScanPlan& p
   for (const auto& [time, type, n] : readings) {
     Draws reading(seed, kDevicePurpose, 1 + time);
     if (type == 1) {
-      file.reading(writers::DeviceReading1{
-          time, InclinometerRaw(inclinometer, plan.tiltXDegrees, plan.tiltYDegrees, reading, static_cast<std::int32_t>(n))});
+      file.reading(writers::DeviceReading1{time, InclinometerRaw(inclinometer, plan.tiltXDegrees, plan.tiltYDegrees,
+                                                                 reading, static_cast<std::int32_t>(n))});
       ++truth.inclinometerReadings;
     } else if (type == 7) {
       writers::DeviceReading7 r{.time = time, .d = reading.bits()};
@@ -117,7 +138,8 @@ DeviceTruth WriteDeviceFile(const std::filesystem::path& path, const ScanPlan& p
       file.reading(r);
       truth.type7Times.push_back(time);
     } else {
-      file.reading(writers::DeviceReading2{.time = time, .a = reading.bits(), .b = reading.bits(), .c = time, .value = n});
+      file.reading(
+          writers::DeviceReading2{.time = time, .a = reading.bits(), .b = reading.bits(), .c = time, .value = n});
       truth.type2Times.push_back(time);
     }
   }
@@ -140,9 +162,8 @@ DeviceTruth WriteDeviceFile(const std::filesystem::path& path, const ScanPlan& p
 
 std::vector<CameraImage> WriteCameraFile(const std::filesystem::path& path, const ScanPlan& plan,
                                          const RayCaster& caster, std::uint32_t count) {
-  writers::CameraFileBuilder file({.timeStampFlag = 1,
-                                   .text = "camera=simulated\nwidth=64\nheight=48\nformat=PGM\n",
-                                   .headerValue = count});
+  writers::CameraFileBuilder file(
+      {.timeStampFlag = 1, .text = "camera=simulated\nwidth=64\nheight=48\nformat=PGM\n", .headerValue = count});
   std::vector<CameraImage> images;
   for (std::uint32_t i = 0; i < count; ++i) {
     // The camera looks along the pan direction at the moment it fires.
@@ -150,8 +171,9 @@ std::vector<CameraImage> WriteCameraFile(const std::filesystem::path& path, cons
     const double pan = plan.panStartDegrees + static_cast<double>(shot) * plan.panDegreesPerShot;
     CameraImage image;
     image.timeStamp = plan.firstShotTicks + shot * plan.shotPeriodTicks;
-    image.values = {i, kImageWidth, kImageHeight,
-                    static_cast<std::uint32_t>(std::fmod(pan, 360.0) / kPanDegreesPerCount), 4000, 100};
+    image.values = {
+        i,    kImageWidth, kImageHeight, static_cast<std::uint32_t>(std::fmod(pan, 360.0) / kPanDegreesPerCount),
+        4000, 100};
     const std::string head = "P5\n" + std::to_string(kImageWidth) + " " + std::to_string(kImageHeight) + "\n255\n";
     image.bytes.assign(head.begin(), head.end());
     for (std::uint32_t row = 0; row < kImageHeight; ++row) {
@@ -164,7 +186,8 @@ std::vector<CameraImage> WriteCameraFile(const std::filesystem::path& path, cons
         const auto hit = caster.Cast(plan.origin, plan.scannerToRoom(ray));
         double shade = 0.9;  // daylight through the openings
         if (hit) {
-          shade = hit->reflectance * (0.2 + 0.8 * hit->cosIncidence) / (1.0 + (hit->distance / 8.0) * (hit->distance / 8.0));
+          shade = hit->reflectance * (0.2 + 0.8 * hit->cosIncidence) /
+                  (1.0 + (hit->distance / 8.0) * (hit->distance / 8.0));
         }
         image.bytes.push_back(static_cast<std::uint8_t>(std::clamp(std::lround(255.0 * shade), 0L, 255L)));
       }

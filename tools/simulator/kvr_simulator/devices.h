@@ -26,7 +26,7 @@ DeviceTruth WriteDeviceFile(const std::filesystem::path& path, const ScanPlan& p
                             std::uint64_t seed);
 
 struct CameraImage {
-  std::uint64_t timeStamp = 0;  // scanner ticks
+  std::uint64_t timeStamp = 0;            // scanner ticks
   std::array<std::uint32_t, 6> values{};  // index, width, height, pan count, exposure (us), gain
   std::vector<std::uint8_t> bytes;        // a binary PGM
 };

@@ -14,7 +14,8 @@ void Require(bool condition, const std::string& message) {
 }  // namespace
 
 void ValidateOptions(const SimulationOptions& o) {
-  Require(o.prf == 50 || o.prf == 200 || o.prf == 500, "prf must be 50, 200 or 500 (kHz), not " + std::to_string(o.prf));
+  Require(o.prf == 50 || o.prf == 200 || o.prf == 500,
+          "prf must be 50, 200 or 500 (kHz), not " + std::to_string(o.prf));
   if (o.kind == ScannerKind::kNinetyDegree) {
     Require(o.signature.empty() || o.signature == "#KVRSCAN" || o.signature == "#MX70DAT",
             "a 90-degree scanner writes \"#KVRSCAN\" or \"#MX70DAT\", not \"" + o.signature + "\"");

@@ -20,9 +20,9 @@ struct SimulationOptions {
   // Empty: "#KVRSCAN" for the 90-degree kind, "MX700DAT" for the 360-degree kind.
   // "#MX70DAT" names the other 90-degree model.
   std::string signature;
-  std::uint32_t prf = 200;          // kHz: 50, 200 or 500
-  std::uint32_t lines = 500;        // scan lines; the first one starts mid-line
-  double linesPerSecond = 50.0;     // shots per line = prf x 1000 / linesPerSecond
+  std::uint32_t prf = 200;       // kHz: 50, 200 or 500
+  std::uint32_t lines = 500;     // scan lines; the first one starts mid-line
+  double linesPerSecond = 50.0;  // shots per line = prf x 1000 / linesPerSecond
   RoomSize room;
   std::string scanFileName = "scan.raw";
   std::uint32_t cameraImages = 4;

@@ -55,8 +55,8 @@ class BlockPacker {
  private:
   void StartLine(const SimulatedShot& shot, const ShotPlacement& placement) {
     if (line_ && observer_ != nullptr) observer_->OnLine(*line_);
-    line_ = SimulatedLine{shot.line, shot.index, 0, placement.block, placement.shotInBlock, placement.offsetInBlock,
-                          shot.direction, {}};
+    line_ = SimulatedLine{
+        shot.line, shot.index, 0, placement.block, placement.shotInBlock, placement.offsetInBlock, shot.direction, {}};
     ++counts_.lines;
   }
 
@@ -89,7 +89,10 @@ class ChunkPipeline {
   static constexpr std::uint64_t kChunkShots = 4096;
 
   ChunkPipeline(const ScanPlan& plan, const RayCaster& caster, std::uint64_t seed, unsigned workers)
-      : plan_(plan), caster_(caster), seed_(seed), chunks_((plan.totalShots + kChunkShots - 1) / kChunkShots),
+      : plan_(plan),
+        caster_(caster),
+        seed_(seed),
+        chunks_((plan.totalShots + kChunkShots - 1) / kChunkShots),
         slots_(2 * workers) {
     for (Slot& slot : slots_) slot.shots.resize(kChunkShots);
     for (unsigned w = 0; w < workers; ++w) threads_.emplace_back([this, w, workers] { Work(w, workers); });

@@ -19,13 +19,13 @@ struct SimulatedBlock {
 };
 
 struct SimulatedLine {
-  std::uint32_t index = 0;       // 0 is the line the file starts in (it may start mid-line)
+  std::uint32_t index = 0;  // 0 is the line the file starts in (it may start mid-line)
   std::uint64_t firstShot = 0;
   std::uint32_t shotCount = 0;
-  std::uint32_t block = 0;       // where its first shot lies
+  std::uint32_t block = 0;  // where its first shot lies
   std::uint32_t shotInBlock = 0;
-  std::uint32_t offsetInBlock = 0;  // byte offset of the first shot's record
-  bool direction = false;           // bit 62 of its shots
+  std::uint32_t offsetInBlock = 0;        // byte offset of the first shot's record
+  bool direction = false;                 // bit 62 of its shots
   std::vector<std::uint64_t> eventShots;  // shots carrying event flags
 };
 

@@ -14,10 +14,23 @@ namespace {
 // The optical model's coefficients: a range polynomial close to the identity,
 // small mirror and pan axis errors.
 const std::pair<const char*, double> kOpticalModelSpread[] = {
-    {"a0", 2e-3},  {"a1", 2e-5},           {"a2", 1e-6},           {"a3", 1e-8},          {"a4", 1e-10},
-    {"a5", 1e-12}, {"a6", 1e-14},          {"sm-kappa", 1e-4},     {"pan-a", 1e-4},       {"pan-b", 1e-4},
-    {"wobble-omega", 5e-5},  {"wobble-omega-a", 5e-5}, {"wobble-omega-b", 5e-5}, {"wobble-phi", 5e-5},
-    {"wobble-phi-a", 5e-5},  {"wobble-phi-b", 5e-5},   {"wobble-phi-s", 5e-5},
+    {"a0", 2e-3},
+    {"a1", 2e-5},
+    {"a2", 1e-6},
+    {"a3", 1e-8},
+    {"a4", 1e-10},
+    {"a5", 1e-12},
+    {"a6", 1e-14},
+    {"sm-kappa", 1e-4},
+    {"pan-a", 1e-4},
+    {"pan-b", 1e-4},
+    {"wobble-omega", 5e-5},
+    {"wobble-omega-a", 5e-5},
+    {"wobble-omega-b", 5e-5},
+    {"wobble-phi", 5e-5},
+    {"wobble-phi-a", 5e-5},
+    {"wobble-phi-b", 5e-5},
+    {"wobble-phi-s", 5e-5},
 };
 
 }  // namespace
@@ -51,7 +64,7 @@ writers::HeaderBlockFields ScanHeaderFields(const ScanPlan& plan, const Calibrat
   writers::HeaderBlockFields f;
   f.signature = plan.signature;
   f.headerLayout = 1;
-  f.idText1 = "KVR terrestrial laser scanner (simulated)";
+  f.idText1 = "KVR laser scanner, simulated";
   f.idText2 = "S/N " + std::to_string(calibration.serialNumber);
   f.idText3 = "firmware 4.2.1";
   const sys_seconds start{seconds(clock.firstPulseUnixSeconds)};

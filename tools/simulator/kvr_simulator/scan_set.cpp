@@ -108,7 +108,8 @@ std::uint32_t LinesForScanBytes(const SimulationOptions& options, std::uint64_t 
   const double perLine = static_cast<double>(sampled) / 16.0;
   const double perBlock = 65536.0 / (65536.0 - 12.0 - 12.0);  // header and the usual unfilled tail
   const CalibrationTruth calibration = PlanCalibration(plan, options.seed);
-  const double header = ScanHeaderFields(plan, calibration, PlanClock(plan, options.seed), options.linesPerSecond).dataOffset;
+  const double header =
+      ScanHeaderFields(plan, calibration, PlanClock(plan, options.seed), options.linesPerSecond).dataOffset;
   const double lines = std::ceil((static_cast<double>(bytes) - header) / (perLine * perBlock));
   return static_cast<std::uint32_t>(std::clamp(lines, 1.0, 4.0e9));
 }

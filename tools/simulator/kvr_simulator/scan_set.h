@@ -30,8 +30,8 @@ struct ScanSetFiles {
 ScanSetFiles ScanSetFilesIn(const std::filesystem::path& directory, const SimulationOptions& options);
 
 struct SideTableTruth {
-  std::vector<int> keys;            // whole-number keys across
-  double rowOrigin = 0.0;           // rows are 0.05 apart
+  std::vector<int> keys;                  // whole-number keys across
+  double rowOrigin = 0.0;                 // rows are 0.05 apart
   std::vector<std::vector<double>> rows;  // row coordinate, then one value per key
 };
 
@@ -45,8 +45,8 @@ struct ScanSetSummary {
   std::uint32_t dataOffset = 0;
   std::uint64_t scanFileBytes = 0;
   ScanCounts counts;
-  double seconds = 0.0;        // from the first shot to the last
-  double rangeOffset = 0.0;    // the calibration's "rangeOffset" at this PRF
+  double seconds = 0.0;      // from the first shot to the last
+  double rangeOffset = 0.0;  // the calibration's "rangeOffset" at this PRF
   double tiltXDegrees = 0.0, tiltYDegrees = 0.0;
   Scene scene;
   ScanPlan plan;

@@ -38,7 +38,7 @@ ScanPlan PlanScan(const SimulationOptions& options, const Scene& scene) {
   Draws draws(options.seed, kPlanPurpose);
   ScanPlan plan;
   plan.kind = options.kind;
-  plan.signature = !options.signature.empty() ? options.signature
+  plan.signature = !options.signature.empty()                   ? options.signature
                    : options.kind == ScannerKind::kNinetyDegree ? "#KVRSCAN"
                                                                 : "MX700DAT";
   plan.prf = options.prf;

@@ -16,10 +16,10 @@
 namespace kvr::sim {
 
 // Encoder and ranging constants of the scanner.
-inline constexpr double kTicksPerSecond = 50e6;                 // 20 ns scanner ticks
-inline constexpr double kPanDegreesPerCount = 0.0005625;        // 640000 counts per turn
+inline constexpr double kTicksPerSecond = 50e6;           // 20 ns scanner ticks
+inline constexpr double kPanDegreesPerCount = 0.0005625;  // 640000 counts per turn
 inline constexpr std::uint32_t kPanCountsPerTurn = 640000;
-inline constexpr double kScanCountsPerSweep = 262144.0;         // the 18-bit scan encoder
+inline constexpr double kScanCountsPerSweep = 262144.0;  // the 18-bit scan encoder
 inline constexpr double kScanDegreesPerCount90 = 0.00034332275390625;
 inline constexpr double kScanDegreesPerCount360 = 0.001373291015625;
 // One time-of-flight count in metres of range: 1000/76.8 ps, halved, at the
@@ -37,15 +37,15 @@ struct ScanPlan {
   std::uint32_t shotsPerLine = 0;
   std::uint32_t startPhase = 0;  // shots of the first line that lie before the file starts
   std::uint64_t totalShots = 0;
-  bool firstLineUp = true;       // 90-degree kind: the first sweep runs upward
-  bool firstLineFlag = true;     // the direction bit of the first line
+  bool firstLineUp = true;    // 90-degree kind: the first sweep runs upward
+  bool firstLineFlag = true;  // the direction bit of the first line
   double panStartDegrees = 0.0;
   double panDegreesPerShot = 0.0;
   std::uint64_t shotPeriodTicks = 0;
   std::uint64_t firstShotTicks = 0;
   double tiltXDegrees = 0.0, tiltYDegrees = 0.0;
   Rotation scannerToRoom;
-  Vec3 origin;  // the optical centre in room coordinates
+  Vec3 origin;                           // the optical centre in room coordinates
   std::array<double, 3> rangeOffsets{};  // the calibration's "rangeOffset" for each of kPrfs
   double rangeOffset = 0.0;              // ... and for this scan's PRF
   Beam beam;
@@ -66,16 +66,16 @@ struct SimulatedReturn {
 
 // One shot as the scanner saw it.
 struct SimulatedShot {
-  std::uint64_t index = 0;   // from the first shot of the file
-  std::uint64_t ticks = 0;   // the shot's time on the scanner's tick counter
-  std::uint32_t line = 0;    // from 0, the line the file starts in
-  double panCounts = 0.0;    // encoder positions the counts were read from,
-  double scanCounts = 0.0;   // continuous, in counts
-  double panRadians = 0.0;   // beam azimuth in the scanner frame
+  std::uint64_t index = 0;        // from the first shot of the file
+  std::uint64_t ticks = 0;        // the shot's time on the scanner's tick counter
+  std::uint32_t line = 0;         // from 0, the line the file starts in
+  double panCounts = 0.0;         // encoder positions the counts were read from,
+  double scanCounts = 0.0;        // continuous, in counts
+  double panRadians = 0.0;        // beam azimuth in the scanner frame
   double elevationRadians = 0.0;  // beam elevation in the scanner frame
-  std::uint32_t t0 = 0;      // start count
-  std::uint32_t flags = 0;   // event bits 57-60
-  bool direction = false;    // bit 62
+  std::uint32_t t0 = 0;           // start count
+  std::uint32_t flags = 0;        // event bits 57-60
+  bool direction = false;         // bit 62
   std::uint64_t shotWord = 0;
   std::uint32_t returnCount = 0;
   std::array<SimulatedReturn, kMaxReturns> returns{};

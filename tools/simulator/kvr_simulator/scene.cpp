@@ -237,10 +237,18 @@ class FloorPlan {
       double y0 = draws.uniform(0.1, room_.width - sy - 0.1);
       if (againstWall) {
         switch (draws.below(4)) {
-          case 0: x0 = 0.0; break;
-          case 1: x0 = room_.length - sx; break;
-          case 2: y0 = 0.0; break;
-          default: y0 = room_.width - sy; break;
+          case 0:
+            x0 = 0.0;
+            break;
+          case 1:
+            x0 = room_.length - sx;
+            break;
+          case 2:
+            y0 = 0.0;
+            break;
+          default:
+            y0 = room_.width - sy;
+            break;
         }
       }
       const std::array<double, 4> f{x0, y0, x0 + sx, y0 + sy};
@@ -315,8 +323,8 @@ Scene FurnishedRoom(std::uint64_t seed, const RoomSize& room) {
   }
   // A tall cabinet against a wall.
   if (const auto f = plan.Place(draws, 1.2, 0.5, true)) {
-    scene.boxes.push_back({{(*f)[0], (*f)[1], 0.0}, {(*f)[2], (*f)[3], std::min(1.9, room.height - 0.3)},
-                           draws.uniform(0.5, 0.8)});
+    scene.boxes.push_back(
+        {{(*f)[0], (*f)[1], 0.0}, {(*f)[2], (*f)[3], std::min(1.9, room.height - 0.3)}, draws.uniform(0.5, 0.8)});
   }
   // Crates, one of them with a smaller one on top.
   for (int crate = 0; crate < 4; ++crate) {

@@ -46,7 +46,8 @@ std::string OpticalModelText(std::string_view attributes,
   if (!attributes.empty()) text.append(indented ? "\n\t " : " ").append(attributes);
   text += indented ? ">\r\n" : ">";
   for (const auto& [key, value] : values) {
-    text += indented ? "\t<" + key + ">\v " + value + "\f\t</" + key + ">\r\n" : "<" + key + ">" + value + "</" + key + ">";
+    text +=
+        indented ? "\t<" + key + ">\v " + value + "\f\t</" + key + ">\r\n" : "<" + key + ">" + value + "</" + key + ">";
   }
   return text + (indented ? "</calibration_parameters>\r\n" : "</calibration_parameters>");
 }
