@@ -1,0 +1,174 @@
+#include "scanmap/intensity_histogram.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace kvr::scanmap {
+namespace {
+
+TEST(IntensityModel, BaseIntensityStepsAtOneThousand) {
+  ScanFileMap map;
+  const IntensityModel model(map);
+  // At r = a5 the range factor is a4 alone.
+  EXPECT_EQ(model.Normalized(6.1, 999), 0.43 * (0.0 + 2.3) * 999.0);
+  EXPECT_EQ(model.Normalized(6.1, 1000), 0.43 * (0.0 + 2.3) * 625.0);
+  EXPECT_EQ(model.Normalized(6.1, 0), 0.0);
+  // 4095 / 200 = 20.475; its fourth power through pow, as the model defines it.
+  EXPECT_EQ(model.Normalized(6.1, 4095), 0.43 * (0.0 + 2.3) * std::pow(20.475, 4.0));
+  // r = 12.2: (2 - 0.5)^2 + 2.3 = 4.55.
+  EXPECT_EQ(model.Normalized(12.2, 500), 0.43 * 4.55 * 500.0);
+}
+
+TEST(IntensityModel, UsesTheMapsParameters) {
+  ScanFileMap map;
+  map.a1 = 100.0;
+  map.a2 = 2.0;
+  map.a3 = 1.0;
+  map.a4 = 1.0;
+  map.a5 = 2.0;
+  const IntensityModel model(map);
+  // r = 4: (2 - 0.5)^2 + 1 = 3.25; B = (2000 / 100)^2 = 400.
+  EXPECT_EQ(model.Normalized(4.0, 2000), 3.25 * 400.0);
+}
+
+struct ReturnCase {
+  const char* name;
+  std::uint32_t stop;
+  std::uint32_t start;
+  double rangeOffset;
+  SampleKind kind;
+};
+
+class ReturnClassification : public ::testing::TestWithParam<ReturnCase> {};
+
+TEST_P(ReturnClassification, FollowsTheSampleRule) {
+  const ReturnCase& t = GetParam();
+  EXPECT_EQ(ClassifyReturn(t.stop, t.start, t.rangeOffset).kind, t.kind);
+}
+
+// One count is 0.0019512028931376346 m: 52 counts are 0.1014 m, 51 are 0.0995 m,
+// 1045500 are 2039.98 m, 1048575 are 2045.98 m.
+INSTANTIATE_TEST_SUITE_P(
+    Returns, ReturnClassification,
+    ::testing::Values(ReturnCase{"StopEqualsStart", 500, 500, 0.0, SampleKind::kInvalid},
+                      ReturnCase{"StopBeforeStart", 499, 500, 0.0, SampleKind::kInvalid},
+                      ReturnCase{"JustBeyondTenCentimetres", 552, 500, 0.0, SampleKind::kInRange},
+                      ReturnCase{"BelowTenCentimetres", 551, 500, 0.0, SampleKind::kOutOfRange},
+                      ReturnCase{"OffsetPullsBelowTheLimit", 552, 500, -0.01, SampleKind::kOutOfRange},
+                      ReturnCase{"OffsetPushesAboveTheLimit", 551, 500, 0.01, SampleKind::kInRange},
+                      ReturnCase{"FarEndOfTheField", 1045500, 0, 0.0, SampleKind::kInRange},
+                      ReturnCase{"OffsetPushesBeyondTheFarLimit", 1045500, 0, 0.1, SampleKind::kOutOfRange},
+                      ReturnCase{"BeyondTheFarLimit", 1048575, 0, 0.0, SampleKind::kOutOfRange}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ReturnClassification, LimitsAreExclusiveBelowInclusiveAbove) {
+  const double r = optics::Range(600, 500);
+  // Offsets that put r + offset exactly on each limit.
+  const double onUpper = 2040.0 - r;
+  const double onLower = 0.1 - r;
+  ASSERT_EQ(r + onUpper, 2040.0);
+  ASSERT_EQ(r + onLower, 0.1);
+  EXPECT_EQ(ClassifyReturn(600, 500, onUpper).kind, SampleKind::kInRange);
+  EXPECT_EQ(ClassifyReturn(600, 500, onLower).kind, SampleKind::kOutOfRange);
+}
+
+TEST(BinIndex, BinsFromZeroAndSendsEverythingElseToTheLastBin) {
+  EXPECT_EQ(BinIndex(10.0, 2.5, 8), 4);
+  EXPECT_EQ(BinIndex(12.4, 2.5, 8), 4);
+  EXPECT_EQ(BinIndex(19.99, 2.5, 8), 7);
+  EXPECT_EQ(BinIndex(20.0, 2.5, 8), 7);
+  EXPECT_EQ(BinIndex(1e30, 2.5, 8), 7);
+  EXPECT_EQ(BinIndex(-3.0, 2.5, 8), 7);
+  EXPECT_EQ(BinIndex(-1.0, 2.5, 8), 0);  // truncation toward zero
+  EXPECT_EQ(BinIndex(5.0, std::numeric_limits<double>::quiet_NaN(), 8), 7);
+  EXPECT_EQ(BinIndex(5.0, std::numeric_limits<double>::infinity(), 8), 0);
+}
+
+// A plain table of doubles, one 1.0 per sample, walked bin by bin.
+std::int64_t DenseFirstBinReaching(const std::vector<std::int32_t>& samples, std::int32_t bins, double share,
+                                   std::uint32_t validSampleCount) {
+  std::vector<double> table(static_cast<std::size_t>(bins), 0.0);
+  for (std::int32_t s : samples) table[static_cast<std::size_t>(s)] += 1.0;
+  double sum = 0.0;
+  for (std::int32_t i = 0; i < bins; ++i) {
+    table[static_cast<std::size_t>(i)] /= validSampleCount;
+    sum += table[static_cast<std::size_t>(i)];
+    if (sum >= share) return i;
+  }
+  return bins;
+}
+
+struct WalkCase {
+  const char* name;
+  std::int32_t bins;
+  std::size_t samples;
+  std::uint32_t validSampleCount;
+  bool clustered;  // most samples in a few bins, so counts pass 255
+};
+
+class HistogramWalk : public ::testing::TestWithParam<WalkCase> {};
+
+TEST_P(HistogramWalk, MatchesAFlatTableOfDoubles) {
+  const WalkCase& t = GetParam();
+  std::mt19937 rng(7);
+  std::vector<std::int32_t> samples;
+  for (std::size_t i = 0; i < t.samples; ++i) {
+    const std::int32_t spread = t.clustered && i % 4 != 0 ? 3 : t.bins;
+    samples.push_back(static_cast<std::int32_t>(rng() % static_cast<std::uint32_t>(spread)) +
+                      (t.clustered && i % 4 != 0 ? t.bins / 2 : 0));
+  }
+  IntensityHistogram histogram;
+  ASSERT_TRUE(histogram.Allocate(t.bins));
+  for (std::int32_t s : samples) histogram.Add(s);
+  ASSERT_FALSE(histogram.failed());
+  for (double share : {0.0, 0.25, 0.95, 1.0, 1.5}) {
+    EXPECT_EQ(histogram.FirstBinReaching(share, t.validSampleCount),
+              DenseFirstBinReaching(samples, t.bins, share, t.validSampleCount))
+        << share;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Histograms, HistogramWalk,
+    ::testing::Values(WalkCase{"OnePage", 4096, 20000, 20000, false},
+                      WalkCase{"SparseOverManyPages", 3000000, 5000, 5000, false},
+                      WalkCase{"CountsBeyondOneByte", 100000, 40000, 40000, true},
+                      WalkCase{"MoreSamplesBinnedThanCounted", 5000, 3000, 2000, false},
+                      WalkCase{"OddBinCount", 4097, 3000, 3000, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(HistogramWalk, WithoutCountedSamplesOnlyTheFirstBinCanReachTheShare) {
+  // 1/0 is infinite; 0/0 is NaN, and a NaN sum never reaches anything.
+  IntensityHistogram first;
+  ASSERT_TRUE(first.Allocate(10));
+  first.Add(0);
+  first.Add(5);
+  EXPECT_EQ(first.FirstBinReaching(0.95, 0), 0);
+  IntensityHistogram later;
+  ASSERT_TRUE(later.Allocate(10));
+  later.Add(5);
+  EXPECT_EQ(later.FirstBinReaching(0.95, 0), 10);
+}
+
+TEST(IntensityHistogram, RefusesCountsWithoutBins) {
+  IntensityHistogram histogram;
+  EXPECT_FALSE(histogram.Allocate(0));
+  EXPECT_FALSE(histogram.Allocate(-2147483647));
+  EXPECT_TRUE(histogram.Allocate(2147483647));  // pages come only with use
+  histogram.Add(2147483646);
+  EXPECT_EQ(histogram.FirstBinReaching(0.95, 1), 2147483646);
+}
+
+TEST(IntensityAt95, UpperEdgeOfTheBinOrTheLastEdge) {
+  EXPECT_EQ(IntensityAt95(3, 10, 0.5), 2.0);
+  EXPECT_EQ(IntensityAt95(8, 10, 0.5), 4.5);
+  EXPECT_EQ(IntensityAt95(9, 10, 0.5), 4.5);
+  EXPECT_EQ(IntensityAt95(10, 10, 0.5), 4.5);
+}
+
+}  // namespace
+}  // namespace kvr::scanmap
