@@ -33,5 +33,14 @@ test-asan: $(ASAN_DIR)/CMakeCache.txt
 bench: build
 	cmake --build $(BUILD_DIR) --target bench
 
+FUZZ_DIR ?= build-fuzz
+FUZZ_SECONDS ?= 10
+# Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS.
+fuzz:
+	cmake -S . -B $(FUZZ_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+	  -DKVR_BUILD_FUZZ=ON -DKVR_BUILD_TESTS=OFF -DKVR_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
+	fuzz/run_all.sh $(FUZZ_DIR)/fuzz $(FUZZ_SECONDS) $(JOBS)
+
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(FUZZ_DIR)

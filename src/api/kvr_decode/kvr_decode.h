@@ -3,3 +3,5 @@
 // Umbrella header of the decode library.
 #include "kvr_decode/export.h"
 #include "kvr_decode/switches.h"
+#include "kvr_decode/conversions.h"
+#include "kvr_decode/optical_model.h"
