@@ -14,13 +14,13 @@ TEST(IntensityModel, BaseIntensityStepsAtOneThousand) {
   ScanFileMap map;
   const IntensityModel model(map);
   // At r = a5 the range factor is a4 alone.
-  EXPECT_EQ(model.Normalized(6.1, 999), 0.43 * (0.0 + 2.3) * 999.0);
-  EXPECT_EQ(model.Normalized(6.1, 1000), 0.43 * (0.0 + 2.3) * 625.0);
-  EXPECT_EQ(model.Normalized(6.1, 0), 0.0);
+  EXPECT_EQ(model.Normalized(6.1, model.Base(999)), 0.43 * (0.0 + 2.3) * 999.0);
+  EXPECT_EQ(model.Normalized(6.1, model.Base(1000)), 0.43 * (0.0 + 2.3) * 625.0);
+  EXPECT_EQ(model.Normalized(6.1, model.Base(0)), 0.0);
   // 4095 / 200 = 20.475; its fourth power through pow, as the model defines it.
-  EXPECT_EQ(model.Normalized(6.1, 4095), 0.43 * (0.0 + 2.3) * std::pow(20.475, 4.0));
+  EXPECT_EQ(model.Normalized(6.1, model.Base(4095)), 0.43 * (0.0 + 2.3) * std::pow(20.475, 4.0));
   // r = 12.2: (2 - 0.5)^2 + 2.3 = 4.55.
-  EXPECT_EQ(model.Normalized(12.2, 500), 0.43 * 4.55 * 500.0);
+  EXPECT_EQ(model.Normalized(12.2, model.Base(500)), 0.43 * 4.55 * 500.0);
 }
 
 TEST(IntensityModel, UsesTheMapsParameters) {
@@ -32,7 +32,7 @@ TEST(IntensityModel, UsesTheMapsParameters) {
   map.a5 = 2.0;
   const IntensityModel model(map);
   // r = 4: (2 - 0.5)^2 + 1 = 3.25; B = (2000 / 100)^2 = 400.
-  EXPECT_EQ(model.Normalized(4.0, 2000), 3.25 * 400.0);
+  EXPECT_EQ(model.Normalized(4.0, model.Base(2000)), 3.25 * 400.0);
 }
 
 struct ReturnCase {
