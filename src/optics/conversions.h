@@ -8,6 +8,10 @@
 // inner loops.
 namespace kvr::optics {
 
+// Bounds of the 64-bit integer conversions, exact as doubles.
+inline constexpr double kTwoPow63 = 9223372036854775808.0;
+inline constexpr double kTwoPow64 = 18446744073709551616.0;
+
 inline double Range(unsigned int stop, unsigned int start) {
   const double d = static_cast<double>(stop) - static_cast<double>(start);
   if (d < 0.0) return -1.0;
@@ -18,8 +22,8 @@ inline std::uint64_t TimeInCounts(double seconds) {
   const double q = seconds / kTickSeconds;
   // Truncation toward zero; quotients from 2^63 up convert as unsigned. Values no
   // 64-bit integer can hold (and NaN) give 0 rather than undefined behaviour.
-  if (q >= 0.0 && q < 18446744073709551616.0) return static_cast<std::uint64_t>(q);
-  if (q < 0.0 && q > -9.2e18) return static_cast<std::uint64_t>(static_cast<std::int64_t>(q));
+  if (q >= 0.0 && q < kTwoPow64) return static_cast<std::uint64_t>(q);
+  if (q < 0.0 && q >= -kTwoPow63) return static_cast<std::uint64_t>(static_cast<std::int64_t>(q));
   return 0;
 }
 
@@ -53,7 +57,7 @@ inline std::uint32_t ScanArcToCounts(double arcDegrees, std::uint64_t signature)
   }
   // Truncate toward zero to a 64-bit integer, keep the low 32 bits. Out-of-range
   // and NaN arcs give 0 instead of undefined behaviour.
-  if (!(counts > -9.2e18 && counts < 9.2e18)) return 0;
+  if (!(counts >= -kTwoPow63 && counts < kTwoPow63)) return 0;
   return static_cast<std::uint32_t>(static_cast<std::uint64_t>(static_cast<std::int64_t>(counts)));
 }
 

@@ -35,6 +35,7 @@ TEST(CalculateTime, TicksAndSecondsTruncateWithoutRounding) {
   EXPECT_EQ(CalculateTimeInCounts(1.0 / 500000.0), 100u);
   EXPECT_EQ(CalculateTimeInCounts(0.0), 0u);
   EXPECT_EQ(CalculateTimeInCounts(1.0), 50000000u);
+  EXPECT_EQ(CalculateTimeInCounts(276701161105.6433), 13835058055282165760u);  // past 2^63: unsigned
   EXPECT_EQ(CalculateTimeInSecs(50000000), 50000000.0 * 20.0 * 1e-09);
   EXPECT_NEAR(CalculateTimeInSecs(50000000), 1.0, 1e-15);
   EXPECT_EQ(CalculateTimeInSecs(0xFFFFFFFFFFull), 1099511627775.0 * 20.0 * 1e-09);
@@ -58,6 +59,8 @@ TEST(OpticalScanArcToCounts, HalvesTheArcAndSkipsTheOffset) {
   EXPECT_EQ(OpticalScanArcToCounts(0.001, kKvrScan), 1u);
   EXPECT_EQ(OpticalScanArcToCounts(90.0, 12345), 0u);
   EXPECT_EQ(OpticalScanArcToCounts(std::nan(""), kKvrScan), 0u);
+  // Half the arc is 2^63 - 1024 counts: still a 64-bit integer, whose low 32 bits are kept.
+  EXPECT_EQ(OpticalScanArcToCounts(6333186975989759.0, kKvrScan), 4294966272u);
 }
 
 }  // namespace

@@ -4,4 +4,7 @@
 #include "kvr_decode/export.h"
 #include "kvr_decode/switches.h"
 #include "kvr_decode/conversions.h"
+#include "kvr_decode/file_header.h"
+#include "kvr_decode/fifo_block.h"
+#include "kvr_decode/nmea_ticks_manager.h"
 #include "kvr_decode/optical_model.h"

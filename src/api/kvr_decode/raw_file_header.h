@@ -8,7 +8,9 @@
 
 #include "kvr_decode/export.h"
 
-// The side table of a scan file, resampled to one column per whole key.
+// The side table of a scan file, resampled to one column per whole key. Rows
+// are taken as sampled every rowStep from rowOrigin whatever coordinates the
+// file gives after its first row.
 struct SideTableGrid {
   std::map<int, std::vector<double>> columns;  // key offset (0 = first key) -> one value per data line
   std::int32_t rowCount = 0;
@@ -51,7 +53,9 @@ struct RawFileHeaderBlock {
   std::uint32_t prf = 0;         // pulse repetition frequency in kHz: 50, 200 or 500
   std::uint32_t scanTailWords[13] = {};
 
-  // Owned heap copies of length + 1 bytes, zero-terminated.
+  // Owned heap copies of length + 1 bytes, zero-terminated, from the C
+  // allocator (malloc family); ReleaseFileHeader frees them. A record decoded again gets fresh copies without the old ones
+  // being freed.
   std::uint32_t calibrationTextLength = 0;
   char* calibrationText = nullptr;
   std::uint32_t parameterTextLength = 0;
@@ -66,7 +70,7 @@ struct RawFileHeaderBlock {
 struct RawFileHeader : RawFileHeaderBlock {
   std::map<std::int32_t, std::vector<std::pair<double, double>>> prfTables;
   std::map<std::string, double> calibrationValues;
-  SideTableGrid* sideTableGrid = nullptr;
+  SideTableGrid* sideTableGrid = nullptr;  // owned; attached by ReadFileHeader, freed by ReleaseFileHeader
 };
 
 // The magic as the unsigned 64-bit number that the conversions compare.

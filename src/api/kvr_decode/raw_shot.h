@@ -28,6 +28,15 @@ class ReturnWords {
     if (size_ < kCapacity) words_[size_++] = word;
   }
 
+  // Keeps the first `count` of four words (at most four), the rest zero. It takes
+  // all four whatever the count and does not branch on it: the shot decoder's
+  // return count is random from shot to shot.
+  void assign(const std::uint32_t (&words)[kCapacity], std::size_t count) {
+    count = count < kCapacity ? count : kCapacity;
+    for (std::size_t i = 0; i < kCapacity; ++i) words_[i] = words[i] & kKeepMask[count][i];
+    size_ = static_cast<std::uint32_t>(count);
+  }
+
   std::uint32_t& operator[](std::size_t i) { return words_[i]; }
   const std::uint32_t& operator[](std::size_t i) const { return words_[i]; }
   const std::uint32_t& at(std::size_t i) const {
@@ -49,6 +58,9 @@ class ReturnWords {
   }
 
  private:
+  static constexpr std::uint32_t kKeepMask[kCapacity + 1][kCapacity] = {
+      {0, 0, 0, 0}, {~0u, 0, 0, 0}, {~0u, ~0u, 0, 0}, {~0u, ~0u, ~0u, 0}, {~0u, ~0u, ~0u, ~0u}};
+
   std::uint32_t words_[kCapacity] = {};
   std::uint32_t size_ = 0;
 };

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "optics/constants.h"
+#include "platform/little_endian.h"
+
+// The layout of a FIFO block: a 12-byte DMA block header, then shot records
+// packed back to back (a 64-bit shot word, then one 32-bit word per return).
+namespace kvr::fifo {
+
+using BlockBytes = std::span<const std::uint8_t, optics::SIZEOFFIFOBLOCK>;
+
+inline constexpr std::size_t kDmaBlockHeaderSize = 12;
+
+struct DmaBlockHeader {
+  std::uint32_t signature = 0;           // kFifoBlockSignature in a good block
+  std::uint64_t cycleSyncTimeStamp = 0;  // 40 bits, 20 ns ticks
+  std::uint32_t castBlockNumber = 0;     // the acquisition hardware's 11-bit block counter
+  std::uint32_t shotCount = 0;           // 13 bits: 0-8191
+};
+
+// Bytes 8-11 pack the time stamp's top byte, the cast block number and the shot count.
+inline std::uint32_t ShotCount(BlockBytes block) { return le::LoadU32(block.data() + 8) >> 19; }
+
+inline DmaBlockHeader ReadDmaBlockHeader(BlockBytes block) {
+  const std::uint32_t packed = le::LoadU32(block.data() + 8);
+  return {le::LoadU32(block.data()),
+          le::LoadU32(block.data() + 4) | (std::uint64_t{packed & 0xFFu} << 32),
+          (packed & 0x7FF00u) >> 8,
+          packed >> 19};
+}
+
+// Shot word fields. Bits 61-63 are kept in the stored word, not decoded here.
+inline constexpr std::uint64_t kShotFlagBits = std::uint64_t{0xF} << 57;
+inline std::uint32_t ScanAngleCounts(std::uint64_t shotWord) {
+  return static_cast<std::uint32_t>(shotWord >> 20) & 0x3FFFFu;
+}
+// The 3-bit return count; a record stores at most four return words whatever it says.
+inline std::uint32_t ReturnCount(std::uint64_t shotWord) { return static_cast<std::uint32_t>(shotWord >> 38) & 7u; }
+inline std::uint32_t StoredReturnCount(std::uint64_t shotWord) {
+  const std::uint32_t count = ReturnCount(shotWord);
+  return count < 4 ? count : 4;
+}
+
+}  // namespace kvr::fifo

@@ -1,0 +1,143 @@
+#include "header/header_block.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "diag/error_manager.h"
+#include "header/parameter_text.h"
+#include "optics/constants.h"
+#include "platform/little_endian.h"
+
+namespace kvr::header {
+
+namespace {
+
+constexpr std::string_view kDecodeFileHeaderContext =
+    "int DecodeFileHeader(unsigned char *headerBuffer, RawFileHeader &rawFileHeader)";
+constexpr std::string_view kBufferSignatureWrongMessage = "buffer signature is wrong ";
+
+// The record mirrors the block: its fixed fields lie at the block's offsets.
+static_assert(offsetof(RawFileHeaderBlock, headerLayout) == 8);
+static_assert(offsetof(RawFileHeaderBlock, dataOffset) == 12);
+static_assert(offsetof(RawFileHeaderBlock, idText1) == 28);
+static_assert(offsetof(RawFileHeaderBlock, idValue) == 68);
+static_assert(offsetof(RawFileHeaderBlock, idText4) == 152);
+static_assert(offsetof(RawFileHeaderBlock, scanWord0) == 192);
+static_assert(offsetof(RawFileHeaderBlock, scanStartAngle) == 196);
+static_assert(offsetof(RawFileHeaderBlock, lineRate) == 216);
+static_assert(offsetof(RawFileHeaderBlock, prf) == 220);
+static_assert(offsetof(RawFileHeaderBlock, calibrationTextLength) == kFixedPartSize);
+static_assert(offsetof(RawFileHeaderBlock, parameterText) == 292);  // 4-byte packed pointer
+static_assert(sizeof(RawFileHeaderBlock) == 324);
+
+// Reads the block front to back without bounds: its lengths are trusted.
+class BlockReader {
+ public:
+  explicit BlockReader(const unsigned char* at) : at_(at) {}
+  std::uint32_t u32() {
+    const std::uint32_t v = le::LoadU32(at_);
+    at_ += 4;
+    return v;
+  }
+  float f32() { return std::bit_cast<float>(u32()); }
+  void bytes(void* out, std::size_t n) {
+    std::memcpy(out, at_, n);
+    at_ += n;
+  }
+  // A length word, then that many bytes, as a fresh zero-terminated copy.
+  char* text(std::uint32_t& length) {
+    length = u32();
+    char* copy = AllocateText(length);
+    bytes(copy, length);
+    return copy;
+  }
+
+ private:
+  const unsigned char* at_;
+};
+
+}  // namespace
+
+bool IsScanSignature(const RawFileHeaderBlock& header) {
+  const std::uint64_t magic = ScanSignature(header);
+  return magic == optics::kSignatureMx700Dat || magic == optics::kSignatureKvrScan ||
+         magic == optics::kSignatureMx70Dat;
+}
+
+bool IsDefinedPrf(std::uint32_t prf) { return prf == 50 || prf == 500 || prf == 200; }
+
+std::string SignatureText(const RawFileHeaderBlock& header) {
+  const char* text = reinterpret_cast<const char*>(header.signature);
+  return std::string(text, strnlen(text, sizeof header.signature));
+}
+
+char* AllocateText(std::uint64_t length) {
+  const std::uint64_t size = length + 1;  // 64-bit: a length of 0xFFFFFFFF does not wrap
+  if (size > std::numeric_limits<std::size_t>::max()) throw std::bad_alloc();
+  void* text = std::calloc(static_cast<std::size_t>(size), 1);
+  if (text == nullptr) throw std::bad_alloc();
+  return static_cast<char*>(text);
+}
+
+int DecodeFileHeader(const unsigned char* headerBuffer, RawFileHeader& rawFileHeader) {
+  RawFileHeader& h = rawFileHeader;
+  BlockReader in(headerBuffer);
+  in.bytes(h.signature, sizeof h.signature);
+  if (!IsScanSignature(h)) {
+    Log(kDecodeFileHeaderContext, std::string(kBufferSignatureWrongMessage), {SignatureText(h)});
+    return -1;
+  }
+
+  h.headerLayout = in.u32();
+  h.dataOffset = in.u32();
+  for (std::uint32_t& word : h.headerWords) word = in.u32();
+  in.bytes(h.idText1, sizeof h.idText1);
+  h.idValue = in.u32();
+  in.bytes(h.idText2, sizeof h.idText2);
+  in.bytes(h.idText3, sizeof h.idText3);
+  in.bytes(h.idText4, sizeof h.idText4);
+  h.scanWord0 = in.u32();
+  h.scanStartAngle = in.f32();
+  h.scanEndAngle = in.f32();
+  h.angularSpeed = in.f32();
+  h.sweepStartAngle = in.f32();
+  h.sweepEndAngle = in.f32();
+  h.lineRate = in.f32();
+  h.prf = in.u32();
+  for (std::uint32_t& word : h.scanTailWords) word = in.u32();
+
+  h.calibrationText = in.text(h.calibrationTextLength);
+  h.parameterText = in.text(h.parameterTextLength);
+  h.thirdText = in.text(h.thirdTextLength);
+  if (h.headerLayout == 0) {
+    h.fourthText = in.text(h.fourthTextLength);
+  } else if (h.headerLayout == 1) {
+    h.fourthTextLength = 0;
+    h.fourthText = nullptr;
+  }  // any other layout leaves the fourth text as the record held it
+
+  if (!IsDefinedPrf(h.prf)) {
+    Log(kDecodeFileHeaderContext, std::string(kPrfUndefinedMessage) + std::to_string(h.prf));
+    return 0;  // deliberately not a failure: callers check prf themselves
+  }
+  BuildPrfTables(h.parameterText, h.parameterTextLength, h.prfTables);
+  BuildCalibrationValues(h);
+  return 0;
+}
+
+void ReleaseFileHeader(RawFileHeader& rawFileHeader) {
+  RawFileHeader& h = rawFileHeader;
+  std::free(h.calibrationText);
+  std::free(h.parameterText);
+  std::free(h.thirdText);
+  std::free(h.fourthText);
+  h.calibrationText = h.parameterText = h.thirdText = h.fourthText = nullptr;
+  h.calibrationTextLength = h.parameterTextLength = h.thirdTextLength = h.fourthTextLength = 0;
+  delete h.sideTableGrid;
+  h.sideTableGrid = nullptr;
+}
+
+}  // namespace kvr::header
