@@ -7,50 +7,15 @@
 namespace kvr::scanmap {
 
 namespace {
-// Counters up to this size stay in the caches: they are incremented directly.
-constexpr std::size_t kDirectPages = 64;
-constexpr std::size_t kStagedIndices = std::size_t{1} << 22;
-constexpr int kRegions = 256;
+// Up to this many bins the counters are one flat table.
+constexpr std::size_t kDenseBins = 16384;
+// Regions of 2^18 bins (256 KiB of one-byte counters), at most 1024 of them.
+constexpr int kRegionShift = 18;
+constexpr std::size_t kMaxRegions = 1024;
+constexpr std::size_t kBucketSize = 32768;
+// How far ahead the counters of a region are asked for while one is incremented.
+constexpr std::size_t kAhead = 16;
 }  // namespace
-
-void IntensityModel::Normalize(SampleBatch& batch) const {
-  const double* r = batch.range.get();
-  const double* b = batch.base.get();
-  double* v = batch.value.get();
-  const std::size_t n = batch.count;
-  std::size_t i = 0;
-#if defined(__GNUC__)
-  // Four samples at a time: the same operations in the same order on each
-  // lane, so every value is bit for bit the scalar one; the divisions, which
-  // dominate, overlap.
-  using Lanes = double __attribute__((vector_size(32)));
-  const Lanes a3 = {a3_, a3_, a3_, a3_};
-  const Lanes a4 = {a4_, a4_, a4_, a4_};
-  const Lanes a5 = {a5_, a5_, a5_, a5_};
-  for (; i + 4 <= n; i += 4) {
-    Lanes range;
-    Lanes base;
-    std::memcpy(&range, r + i, sizeof range);
-    std::memcpy(&base, b + i, sizeof base);
-    const Lanes x = range / a5 - a5 / range;
-    const Lanes value = a3 * (x * x + a4) * base;
-    std::memcpy(v + i, &value, sizeof value);
-  }
-#endif
-  for (; i < n; ++i) v[i] = Normalized(r[i], b[i]);
-}
-
-void FoldExtremes(const SampleBatch& batch, double& minimum, double& maximum) {
-  const double* v = batch.value.get();
-  double low = minimum;
-  double high = maximum;
-  for (std::size_t i = 0; i < batch.count; ++i) {
-    low = v[i] < low ? v[i] : low;
-    high = v[i] > high ? v[i] : high;
-  }
-  minimum = low;
-  maximum = high;
-}
 
 void BinIndices(const SampleBatch& batch, double binWidth, std::int32_t numberOfBins, std::int32_t* bins) {
   const double* v = batch.value.get();
@@ -79,66 +44,77 @@ void IntensityHistogram::Release() {
   std::free(pages_);
   pages_ = nullptr;
   pageCount_ = 0;
+  std::free(buckets_);
+  buckets_ = nullptr;
+  bucketFill_.clear();
+  dense_.clear();
   numberOfBins_ = 0;
   failed_ = false;
-  staged_.clear();
-  sorted_.clear();
-  stagedCount_ = 0;
 }
 
 bool IntensityHistogram::Allocate(std::int32_t numberOfBins) {
   Release();
   if (numberOfBins <= 0) return false;
-  const std::size_t pageCount = (static_cast<std::size_t>(numberOfBins) + kPageBins - 1) >> kPageShift;
+  const std::size_t bins = static_cast<std::size_t>(numberOfBins);
+  const std::size_t pageCount = (bins + kPageBins - 1) >> kPageShift;
   pages_ = static_cast<Page**>(std::calloc(pageCount, sizeof(Page*)));
   if (pages_ == nullptr) return false;
   pageCount_ = pageCount;
   numberOfBins_ = numberOfBins;
-  if (pageCount > kDirectPages) {
-    try {
-      staged_.resize(kStagedIndices);
-      sorted_.resize(kStagedIndices);
-    } catch (const std::bad_alloc&) {
-      Release();
-      return false;
+  try {
+    if (bins <= kDenseBins) {
+      dense_.assign(kDenseLanes * bins, 0);
+    } else {
+      regionShift_ = kRegionShift;
+      while (((bins - 1) >> regionShift_) + 1 > kMaxRegions) ++regionShift_;
+      const std::size_t regions = ((bins - 1) >> regionShift_) + 1;
+      bucketFill_.assign(regions, 0);
+      // Zero-filled: the bucket of a region that never receives a sample costs no memory.
+      buckets_ = static_cast<std::uint32_t*>(std::calloc(regions * kBucketSize, sizeof(std::uint32_t)));
+      if (buckets_ == nullptr) throw std::bad_alloc();
     }
-    // Regions of whole pages, at most kRegions of them.
-    regionShift_ = kPageShift;
-    while ((pageCount_ << kPageShift >> regionShift_) > kRegions) ++regionShift_;
+  } catch (const std::bad_alloc&) {
+    Release();
+    return false;
   }
   return true;
 }
 
-bool IntensityHistogram::NewPage(Page*& page) {
-  page = static_cast<Page*>(std::calloc(1, sizeof(Page)));
-  if (page == nullptr) failed_ = true;
-  return page != nullptr;
-}
-
-void IntensityHistogram::Widen(Page& page, std::uint32_t slot) {
-  page.wide = static_cast<std::uint64_t*>(std::calloc(kPageBins, sizeof(std::uint64_t)));
-  if (page.wide == nullptr) {
-    failed_ = true;
+void IntensityHistogram::AddAll(const std::int32_t* bins, std::size_t n) {
+  if (!dense_.empty()) {
+    std::uint64_t* table = dense_.data();
+    const std::size_t stride = static_cast<std::size_t>(numberOfBins_);
+    std::size_t i = 0;
+    for (; i + kDenseLanes <= n; i += kDenseLanes) {
+      for (std::size_t lane = 0; lane < kDenseLanes; ++lane) {
+        ++table[lane * stride + static_cast<std::uint32_t>(bins[i + lane])];
+      }
+    }
+    for (; i < n; ++i) ++table[static_cast<std::uint32_t>(bins[i])];
     return;
   }
-  for (std::size_t i = 0; i < kPageBins; ++i) page.wide[i] = page.narrow[i];
-  ++page.wide[slot];
+  if (buckets_ == nullptr) {
+    for (std::size_t i = 0; i < n; ++i) Increment(static_cast<std::uint32_t>(bins[i]));
+    return;
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::uint32_t bin = static_cast<std::uint32_t>(bins[i]);
+    const std::size_t region = bin >> regionShift_;
+    std::uint32_t& fill = bucketFill_[region];
+    buckets_[region * kBucketSize + fill] = bin;
+    if (++fill == kBucketSize) ApplyRegion(region);
+  }
 }
 
-void IntensityHistogram::ApplyStaged() {
-  if (stagedCount_ == 0) return;
-  // A counting sort by region; the order of increments does not change a count.
-  std::size_t start[kRegions + 1] = {};
-  for (std::size_t i = 0; i < stagedCount_; ++i) ++start[(staged_[i] >> regionShift_) + 1];
-  for (int r = 0; r < kRegions; ++r) start[r + 1] += start[r];
-  for (std::size_t i = 0; i < stagedCount_; ++i) sorted_[start[staged_[i] >> regionShift_]++] = staged_[i];
-  // The counters of a region still miss the caches; asking for them a few
-  // increments ahead keeps several misses in flight instead of one.
-  constexpr std::size_t kAhead = 16;
-  for (std::size_t i = 0; i < stagedCount_; ++i) {
+void IntensityHistogram::ApplyRegion(std::size_t region) {
+  const std::uint32_t* bucket = buckets_ + region * kBucketSize;
+  const std::size_t n = bucketFill_[region];
+  for (std::size_t i = 0; i < n; ++i) {
 #if defined(__GNUC__)
-    if (i + kAhead < stagedCount_) {
-      const std::uint32_t ahead = sorted_[i + kAhead];
+    // A region's counters may still be out of the caches; asking for them a
+    // few increments ahead keeps several misses in flight.
+    if (i + kAhead < n) {
+      const std::uint32_t ahead = bucket[i + kAhead];
       if (const Page* page = pages_[ahead >> kPageShift]; page != nullptr) {
         const std::uint32_t slot = ahead & (kPageBins - 1);
         if (page->wide != nullptr) {
@@ -149,13 +125,52 @@ void IntensityHistogram::ApplyStaged() {
       }
     }
 #endif
-    Increment(sorted_[i]);
+    Increment(bucket[i]);
   }
-  stagedCount_ = 0;
+  bucketFill_[region] = 0;
+}
+
+void IntensityHistogram::Finish() {
+  for (std::size_t region = 0; region < bucketFill_.size(); ++region) {
+    if (bucketFill_[region] != 0) ApplyRegion(region);
+  }
+  FoldDense();
+}
+
+bool IntensityHistogram::NewPage(Page*& page) {
+  page = static_cast<Page*>(std::calloc(1, sizeof(Page)));
+  if (page == nullptr) failed_ = true;
+  return page != nullptr;
+}
+
+bool IntensityHistogram::Widen(Page& page) {
+  page.wide = static_cast<std::uint64_t*>(std::calloc(kPageBins, sizeof(std::uint64_t)));
+  if (page.wide == nullptr) {
+    failed_ = true;
+    return false;
+  }
+  for (std::size_t i = 0; i < kPageBins; ++i) page.wide[i] = page.narrow[i];
+  return true;
+}
+
+// Moves the flat table's counts into pages, where the walk reads them.
+void IntensityHistogram::FoldDense() {
+  if (dense_.empty()) return;
+  const std::size_t stride = static_cast<std::size_t>(numberOfBins_);
+  for (std::size_t bin = 0; bin < stride; ++bin) {
+    std::uint64_t count = 0;
+    for (std::size_t lane = 0; lane < kDenseLanes; ++lane) count += dense_[lane * stride + bin];
+    if (count == 0) continue;
+    Page*& page = pages_[bin >> kPageShift];
+    if (page == nullptr && !NewPage(page)) return;
+    if (page->wide == nullptr && !Widen(*page)) return;
+    page->wide[bin & (kPageBins - 1)] = count;
+  }
+  dense_.clear();
 }
 
 std::int64_t IntensityHistogram::FirstBinReaching(double share, std::uint32_t validSampleCount) {
-  ApplyStaged();
+  Finish();
   const double samples = static_cast<double>(validSampleCount);
   // What an untouched bin adds: 0.0, which leaves the sum as it was (so a run
   // of them is checked once, at its first bin), or NaN when no sample was
@@ -199,16 +214,6 @@ std::int64_t IntensityHistogram::FirstBinReaching(double share, std::uint32_t va
   }
   if (addEmptyUpTo(numberOfBins_)) return reached;
   return numberOfBins_;
-}
-
-std::size_t IntensityHistogram::bytesInUse() const {
-  std::size_t bytes = pageCount_ * sizeof(Page*) + (staged_.size() + sorted_.size()) * sizeof(std::uint32_t);
-  for (std::size_t p = 0; p < pageCount_; ++p) {
-    if (pages_[p] == nullptr) continue;
-    bytes += sizeof(Page);
-    if (pages_[p]->wide != nullptr) bytes += kPageBins * sizeof(std::uint64_t);
-  }
-  return bytes;
 }
 
 double IntensityAt95(std::int64_t bin, std::int32_t numberOfBins, double binWidth) {
