@@ -15,9 +15,8 @@ char* NewHeaderText(const char* bytes, std::size_t n) {
   return text;
 }
 
-void ReleaseHeaderText(char*& text) {
+void ReleaseHeaderText(char* text) {
   std::free(text);
-  text = nullptr;
 }
 
 }  // namespace kvr::scanmap

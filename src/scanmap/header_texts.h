@@ -8,6 +8,6 @@ namespace kvr::scanmap {
 // copy of n bytes, allocated the way the header reader allocates its own, so
 // that one release serves both.
 char* NewHeaderText(const char* bytes, std::size_t n);
-void ReleaseHeaderText(char*& text);
+void ReleaseHeaderText(char* text);
 
 }  // namespace kvr::scanmap

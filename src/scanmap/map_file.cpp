@@ -172,9 +172,11 @@ void ReadEntries(std::FILE* in, ScanFileMap& map) {
 }
 
 // A header text: its length, then its bytes, into a fresh zero-terminated
-// buffer that the record owns (the previous one is released). The buffer holds
-// what the file actually has, and the length says so.
-void ReadText(std::FILE* in, std::uint32_t& length, char*& text) {
+// buffer that the record owns, returned in place of `previous`, which is
+// released. The buffer holds what the file actually has, and the length says
+// so. (The header's text pointers are packed fields: they are assigned, never
+// bound to references.)
+char* ReadText(std::FILE* in, std::uint32_t& length, char* previous) {
   stream::ReadLe(in, length);
   std::vector<char> bytes;
   std::size_t want = length;
@@ -186,9 +188,9 @@ void ReadText(std::FILE* in, std::uint32_t& length, char*& text) {
     if (got < n) break;
     want -= n;
   }
-  ReleaseHeaderText(text);
-  text = NewHeaderText(bytes.data(), bytes.size());
+  ReleaseHeaderText(previous);
   length = static_cast<std::uint32_t>(bytes.size());
+  return NewHeaderText(bytes.data(), bytes.size());
 }
 
 void ReadHeaderSection(std::FILE* in, RawFileHeader& h) {
@@ -208,10 +210,10 @@ void ReadHeaderSection(std::FILE* in, RawFileHeader& h) {
   }
   stream::ReadLe(in, h.prf);
   for (std::uint32_t& word : h.scanTailWords) stream::ReadLe(in, word);
-  ReadText(in, h.calibrationTextLength, h.calibrationText);
-  ReadText(in, h.parameterTextLength, h.parameterText);
-  ReadText(in, h.thirdTextLength, h.thirdText);
-  ReadText(in, h.fourthTextLength, h.fourthText);
+  h.calibrationText = ReadText(in, h.calibrationTextLength, h.calibrationText);
+  h.parameterText = ReadText(in, h.parameterTextLength, h.parameterText);
+  h.thirdText = ReadText(in, h.thirdTextLength, h.thirdText);
+  h.fourthText = ReadText(in, h.fourthTextLength, h.fourthText);
 }
 
 // The stored name goes into the 1024-byte field as it is; a longer one keeps

@@ -97,12 +97,5 @@ TEST(IntensityHistogram, RefusesCountsWithoutBins) {
   EXPECT_EQ(histogram.FirstBinReaching(0.95, 1), 2147483646);
 }
 
-TEST(IntensityAt95, UpperEdgeOfTheBinOrTheLastEdge) {
-  EXPECT_EQ(IntensityAt95(3, 10, 0.5), 2.0);
-  EXPECT_EQ(IntensityAt95(8, 10, 0.5), 4.5);
-  EXPECT_EQ(IntensityAt95(9, 10, 0.5), 4.5);
-  EXPECT_EQ(IntensityAt95(10, 10, 0.5), 4.5);
-}
-
 }  // namespace
 }  // namespace kvr::scanmap

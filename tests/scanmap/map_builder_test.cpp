@@ -55,14 +55,9 @@ TEST_F(ScanMapBuild, IndexesLinesAcrossBlocks) {
   ScanFileMap& m = owned.map;
   ASSERT_EQ(GetScanFileMap(name.c_str(), m), 0);
 
-  EXPECT_EQ(m.mapVersion, 2);
-  EXPECT_EQ(m.currentLineFlag, 0);
-  EXPECT_EQ(m.numberOfScanLines, 2);
-  EXPECT_EQ(m.shotsInCurrentLine, 3);
-  EXPECT_EQ(m.maxShotsPerLine, 7);
-  EXPECT_EQ(m.maxReturnsPerShot, 1);
-  EXPECT_EQ(m.maxShotsPerBlock, 8);
-  EXPECT_EQ(m.blockCount, 4);
+  EXPECT_EQ(std::make_tuple(m.mapVersion, m.currentLineFlag, m.numberOfScanLines, m.shotsInCurrentLine,
+                            m.maxShotsPerLine, m.maxReturnsPerShot, m.maxShotsPerBlock, m.blockCount),
+            std::make_tuple(2, 0, 2, 3, 7, std::uint16_t{1}, 8, 4));
   EXPECT_EQ(m.dataStartOffset, 1024u);
   EXPECT_EQ(m.dataSize, 4u * 65536u - 1024u);
   EXPECT_STREQ(m.scanFileName, "/");  // the first byte of the wide path's storage
@@ -72,37 +67,35 @@ TEST_F(ScanMapBuild, IndexesLinesAcrossBlocks) {
   EXPECT_EQ(m.shotsPerLineEstimate, (12.0f * k) / (100.0f / (200000.0f * k)));
   EXPECT_EQ(m.fileHeader.calibrationValues.at("rangeOffset"), 0.0);
 
-  ASSERT_EQ(m.scanLines.size(), 3u);
-  const ScanLineEntry& lead = m.scanLines.at(-1);
-  EXPECT_EQ(lead.blockNumber, 0u);
-  EXPECT_EQ(lead.lineFlag, -1);
-  EXPECT_EQ(lead.shotCount, 5);
-  EXPECT_EQ(lead.statusWordOffset, -1);
-  EXPECT_TRUE(lead.eventShots.empty());  // the mark before the first line is dropped
-  const ScanLineEntry& line0 = m.scanLines.at(0);
-  EXPECT_EQ(line0.blockNumber, 0u);
-  EXPECT_EQ(line0.shotIndexInBlock, 5u);
-  EXPECT_EQ(line0.lineFlag, 1);
-  EXPECT_EQ(line0.shotCount, 7);
-  EXPECT_EQ(line0.statusWordOffset, 12 + 5 * 12 + 4);
-  // Counted from the first shot of block 0: shot 6, then block 1's shot 2 after 8 shots.
-  EXPECT_EQ(line0.eventShots, (std::vector<std::uint32_t>{6, 10}));
-  const ScanLineEntry& line1 = m.scanLines.at(1);
-  EXPECT_EQ(line1.blockNumber, 1u);
-  EXPECT_EQ(line1.shotIndexInBlock, 4u);
-  EXPECT_EQ(line1.lineFlag, 0);
-  EXPECT_EQ(line1.shotCount, 0);  // never closed
-  EXPECT_EQ(line1.statusWordOffset, 12 + 4 * 12 + 4);
-  EXPECT_EQ(line1.eventShots, (std::vector<std::uint32_t>{6 + 1}));
+  // The mark before the first line is dropped; the others count from the
+  // first shot of block 0: shot 6, and block 1's shot 2 after 8 shots. Line 1
+  // counts from block 1; it stays open (count 0).
+  const std::vector<test::EntryRow> rows = {{-1, 0, 0, -1, 5, -1, {}},
+                                            {0, 0, 5, 1, 7, 12 + 5 * 12 + 4, {6, 10}},
+                                            {1, 1, 4, 0, 0, 12 + 4 * 12 + 4, {6 + 1}}};
+  EXPECT_EQ(test::EntryRows(m), rows);
 
   // Sixteen equal samples: one bin of width 0, and every index falls into it.
   EXPECT_EQ(m.returnCounts, (std::vector<std::uint64_t>{16, 0, 0, 0}));
   EXPECT_EQ(m.validSampleCount, 16u);
   EXPECT_EQ(m.minNormalizedIntensity, ExpectedValue(5000, 500));
   EXPECT_EQ(m.maxNormalizedIntensity, ExpectedValue(5000, 500));
-  EXPECT_EQ(m.numberOfBins, 1);
-  EXPECT_EQ(m.binWidth, 0.0);
-  EXPECT_EQ(m.intensityAt95, 0.0);
+  EXPECT_EQ(std::make_tuple(m.numberOfBins, m.binWidth, m.intensityAt95), std::make_tuple(1, 0.0, 0.0));
+}
+
+// A block that declares more shots than it holds: the walk ends at the block's
+// end (the zero bytes after the shots read as empty shots of direction 0).
+TEST_F(ScanMapBuild, DeclaredShotCountBeyondTheBlockEndsAtItsEnd) {
+  FifoBlockBuilder block = Block({1, 1});
+  block.shotCount(8191);
+  OwnedMap owned;
+  ASSERT_EQ(GetScanFileMap(Scan({block, Block({0})}).c_str(), owned.map), 0);
+  EXPECT_EQ(owned.map.maxShotsPerBlock, 8191);
+  // 2 shots, then (65536 - 12 - 24) / 8 = 8187 empty ones that start line 0.
+  EXPECT_EQ(owned.map.numberOfScanLines, 1);
+  EXPECT_EQ(owned.map.scanLines.at(-1).shotCount, 2);
+  EXPECT_EQ(owned.map.shotsInCurrentLine, 8186 + 1);
+  EXPECT_EQ(owned.map.validSampleCount, 3u);
 }
 
 TEST_F(ScanMapBuild, ConstantDirectionIndexesNoLine) {
@@ -159,11 +152,10 @@ TEST_P(ScanMapEncoder, DerivesTheDirection) {
   ScanFileMap& m = owned.map;
   ASSERT_EQ(GetScanFileMap(Scan({block}, 0, header).c_str(), m), 0);
   EXPECT_EQ(m.numberOfScanLines, t.lines);
-  std::vector<std::int32_t> flags;
-  std::vector<std::int32_t> counts;
-  for (const auto& [key, entry] : m.scanLines) {
-    if (key >= 0) flags.push_back(entry.lineFlag);
-    counts.push_back(entry.shotCount);
+  std::vector<std::int32_t> flags, counts;
+  for (const auto& row : test::EntryRows(m)) {
+    if (std::get<0>(row) >= 0) flags.push_back(std::get<3>(row));
+    counts.push_back(std::get<4>(row));
   }
   EXPECT_EQ(flags, t.lineFlags);
   EXPECT_EQ(counts, t.shotCounts);
@@ -289,7 +281,6 @@ TEST_F(ScanMapBuild, MissingScanFileFailsAfterInitialising) {
   OwnedMap owned;
   ScanFileMap& m = owned.map;
   m.mapVersion = 9;
-  m.numberOfScanLines = 12;
   m.scanLines[3].shotCount = 1;
   EXPECT_EQ(GetScanFileMap(L"absent.raw", m), -1);
   const auto entries = logEntries();

@@ -22,18 +22,6 @@ TEST(IntensityModel, BaseIntensityStepsAtOneThousand) {
   EXPECT_EQ(model.Normalized(12.2, model.Base(500)), 0.43 * 4.55 * 500.0);
 }
 
-TEST(IntensityModel, UsesTheMapsParameters) {
-  ScanFileMap map;
-  map.a1 = 100.0;
-  map.a2 = 2.0;
-  map.a3 = 1.0;
-  map.a4 = 1.0;
-  map.a5 = 2.0;
-  const IntensityModel model(map);
-  // r = 4: (2 - 0.5)^2 + 1 = 3.25; B = (2000 / 100)^2 = 400.
-  EXPECT_EQ(model.Normalized(4.0, model.Base(2000)), 3.25 * 400.0);
-}
-
 struct ReturnCase {
   const char* name;
   std::uint32_t stop;

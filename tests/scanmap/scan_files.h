@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/byte_writer.h"
@@ -37,6 +38,19 @@ inline std::wstring WriteScan(const std::filesystem::path& path, const HeaderBlo
 inline double ExpectedRange(std::uint32_t stop, std::uint32_t start) {
   return (static_cast<double>(stop) - static_cast<double>(start)) * 13.020833333333334 * 1e-12 * 0.5 *
          299704764.3859407;
+}
+
+// A map's entries as rows {key, block, shot, line flag, shot count, status word offset, events}.
+using EntryRow = std::tuple<std::int32_t, std::uint32_t, std::uint32_t, std::int32_t, std::int32_t, std::int32_t,
+                            std::vector<std::uint32_t>>;
+template <typename Map>
+std::vector<EntryRow> EntryRows(const Map& map) {
+  std::vector<EntryRow> rows;
+  for (const auto& [key, e] : map.scanLines) {
+    rows.emplace_back(key, e.blockNumber, e.shotIndexInBlock, e.lineFlag, e.shotCount, e.statusWordOffset,
+                      e.eventShots);
+  }
+  return rows;
 }
 
 struct ExpectedModel {

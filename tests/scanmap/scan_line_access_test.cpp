@@ -7,7 +7,9 @@
 
 #include "kvr_decode/scan_file_map.h"
 #include "scanmap/scan_files.h"
+#include "kvr_decode/nmea_ticks_manager.h"
 #include "support/stdout_capture.h"
+#include "support/tick_file_builder.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -88,19 +90,9 @@ TEST_F(ScanLineAccess, LineYieldsItsShotsAndTheNextLinesFirst) {
   // The cache holds the blocks of the line last fetched.
   EXPECT_EQ(owned_.map.fifoBlock.shots.size(), 6u);
   EXPECT_EQ(owned_.map.fifoBlock.blockNumber, 1);
-}
-
-TEST_F(ScanLineAccess, IndicesOutsideTheLinesAreClamped) {
+  // Indices outside the lines are clamped.
   EXPECT_EQ(Fetch(-5), kLine0);
   EXPECT_EQ(Fetch(12), std::vector<std::uint32_t>{Tag(1, 4)});
-}
-
-TEST_F(ScanLineAccess, ShotsAreTimedFromTheirBlock) {
-  std::vector<RawShot> shots;
-  ASSERT_EQ(GetShotsFromScanLineIndex(0, &file_.stream, owned_.map, shots, nullptr), 8);
-  EXPECT_EQ(shots[0].timeInCounts, 5 * kTicksPerShot);
-  EXPECT_EQ(shots[3].timeInCounts, 0u);  // block 1, shot 0, both time stamps 0
-  EXPECT_EQ(shots[0].returns.size(), 1u);
 }
 
 TEST_F(ScanLineAccess, LineRunningPastTheFileIsReturnedShort) {
@@ -118,10 +110,34 @@ TEST_F(ScanLineAccess, EntryBeyondItsBlocksShotsYieldsNothing) {
   EXPECT_EQ(out.text(), "");  // no later block was needed
 }
 
-TEST_F(ScanLineAccess, FailedFirstBlockLeavesTheCacheEmpty) {
-  owned_.map.scanLines[1].blockNumber = 9;  // beyond the file
-  EXPECT_TRUE(Fetch(1).empty());
-  EXPECT_TRUE(owned_.map.fifoBlock.shots.empty());
+TEST_F(ScanLineAccess, BadBlockSignatureIsLoggedAndYieldsNothing) {
+  ScanFileMap& m = owned_.map;
+  test::WriteFile(path("bad.raw"),
+                  test::BuildScanFile({}, FifoBlockBuilder().signature(0x55555555).shot(MapShot(0, 0, kT0)).build()));
+  OpenFile bad;
+  bad.stream = std::fopen(path("bad.raw").c_str(), "rb");
+  std::vector<RawShot> shots(2);
+  EXPECT_EQ(GetShotsFromScanLineIndex(0, &bad.stream, m, shots, nullptr), 0);
+  EXPECT_TRUE(shots.empty());
+  EXPECT_TRUE(m.fifoBlock.shots.empty());
+  const auto entries = logEntries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].message, "!!Error in DmaBlockHeader Signature!!");
+}
+
+TEST_F(ScanLineAccess, TicksManagerTimesTheShots) {
+  test::TickFileBuilder().writeTo(path("Serial.dat"));  // no pulse: no time is known
+  NmeaTicksManager* ticks = CreateNmeaTicksManager(test::WideName(path("Serial.dat")).c_str(), 0);
+  ASSERT_NE(ticks, nullptr);
+  std::vector<RawShot> shots;
+  EXPECT_EQ(GetShotsFromScanLineIndex(0, &file_.stream, owned_.map, shots, ticks), 8);
+  for (const RawShot& shot : shots) EXPECT_EQ(shot.shotTow, -1.0);
+  DeleteNmeaTicksManager(ticks);
+  // Without a manager, shots are timed from their block's ticks (both blocks stamped 0).
+  EXPECT_EQ(GetShotsFromScanLineIndex(0, &file_.stream, owned_.map, shots, nullptr), 8);
+  EXPECT_EQ(shots[0].shotTow, 5 * 5e-06);
+  EXPECT_EQ(shots[0].timeInCounts, 5 * kTicksPerShot);
+  EXPECT_EQ(shots[3].timeInCounts, 0u);
 }
 
 TEST_F(ScanLineAccess, MapWithoutLinesFetchesTheFirstShot) {
