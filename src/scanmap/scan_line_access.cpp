@@ -35,12 +35,13 @@ int FillScanLineCachedBlock(int scanLineIndex, std::FILE** fp, ScanFileMap& map,
   const std::int32_t count = entry.shotCount;
   const std::uint32_t first = entry.shotIndexInBlock;
   const std::uint32_t block = entry.blockNumber;
-  platform::SeekAbsolute(*fp, std::uint64_t{block} * optics::SIZEOFFIFOBLOCK + map.dataStartOffset);
-
   FifoBlock& cache = map.fifoBlock;
   cache.CycleSyncTimeStamp = 0;
   cache.blockNumber = 0;
   cache.shots.clear();
+  if (fp == nullptr || *fp == nullptr) return -1;  // no stream: read as a file that ends at once
+
+  platform::SeekAbsolute(*fp, std::uint64_t{block} * optics::SIZEOFFIFOBLOCK + map.dataStartOffset);
   const int result = DecodeNextFifoBlock(fp, map.fileHeader, static_cast<int>(block), cache, ticksManager);
   if (result < 0) return result;
 

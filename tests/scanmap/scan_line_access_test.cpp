@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kvr_decode/scan_file_map.h"
@@ -251,11 +252,12 @@ TEST_F(ScanParameters, UnreadableLinesLeaveTheHeader) {
   test::WriteFile(path("short.raw"), std::vector<std::uint8_t>(100, 0));
   OpenFile other;
   other.stream = std::fopen(path("short.raw").c_str(), "rb");
-  const RawFileHeader before = owned_.map.fileHeader;
-  EXPECT_EQ(UpdateScanParameters(other.stream, owned_.map), 1);
-  EXPECT_EQ(owned_.map.fileHeader.lineRate, before.lineRate);
-  EXPECT_EQ(owned_.map.fileHeader.angularSpeed, before.angularSpeed);
-  EXPECT_EQ(owned_.map.fileHeader.scanStartAngle, before.scanStartAngle);
+  const RawFileHeader& h = owned_.map.fileHeader;
+  for (std::FILE* stream : {other.stream, static_cast<std::FILE*>(nullptr)}) {
+    EXPECT_EQ(UpdateScanParameters(stream, owned_.map), 1);
+    EXPECT_EQ(std::make_tuple(h.lineRate, h.angularSpeed, h.scanStartAngle, h.scanEndAngle),
+              std::make_tuple(100.0f, 12.0f, 30.0f, 130.0f));  // the header builder's values
+  }
 }
 
 }  // namespace

@@ -24,10 +24,14 @@ struct ScanLineEntry {
 // The index of a raw scan file by scan line, with file-wide maxima and the
 // statistics of normalized intensity.
 //
-// Ownership: the record owns the texts (and side table) of its header copy
-// `fileHeader`. GetScanFileMap and LoadScanFileMap release what the copy held
-// before they refill it; ReleaseScanFileMap releases it when the caller is done.
-// Everything else is held by value.
+// Ownership: the record owns what its header copy `fileHeader` points to (the
+// four texts, from the C allocator, and the side table grid). GetScanFileMap
+// releases the copy's texts and grid before it reads the header again;
+// LoadScanFileMap frees each text it replaces and leaves the grid alone;
+// ReleaseScanFileMap frees all of it (pointers become null) when the caller is
+// done, after which the record may be reused. Do not share these pointers with
+// another RawFileHeader. Everything else is held by value; `histogram` is only
+// ever null outside a build.
 typedef struct _ScanFileMap {
   char mapSignature[8] = {};            // "#KVRMAPF" once saved; no terminator
   std::int32_t mapVersion = 0;          // 2 after a build
@@ -79,7 +83,8 @@ KVR_API int SaveScanFileMap(wchar_t* scanFileName, ScanFileMap& scanFileMap);
 // Reads a map file into the record. 0, or -1 when the file cannot be opened.
 KVR_API int LoadScanFileMap(wchar_t* filename, ScanFileMap& scanFileMap);
 
-// Releases what the map's header copy owns (texts, side table).
+// Releases what the map's header copy owns (texts, side table grid); safe on a
+// record that owns nothing.
 KVR_API void ReleaseScanFileMap(ScanFileMap& scanFileMap);
 
 // Fills `shots` with the shots of one scan line (the index is clamped to the
