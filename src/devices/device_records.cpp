@@ -1,0 +1,104 @@
+#include "devices/device_records.h"
+
+#include "devices/discard_bytes.h"
+#include "platform/little_endian.h"
+#include "platform/stream_reader.h"
+
+namespace kvr::devices {
+
+// Callers lay these records out in memory themselves: keep the packed sizes.
+static_assert(sizeof(DeviceRecord1) == 56 && sizeof(DeviceRecord2) == 40 && sizeof(DeviceRecord3) == 28);
+static_assert(sizeof(DeviceRecord4) == 16 && sizeof(DeviceRecord5) == 32 && sizeof(DeviceRecord7) == 44);
+static_assert(sizeof(DeviceRecord8) == 12 && sizeof(AncillaryDevicesDataBlock) == 76);
+
+namespace {
+
+constexpr std::size_t kPayloadSizes[] = {0, 24, 28, 20, 8, 24, 24, 36, 4};
+constexpr std::size_t kLargestPayload = 36;
+
+std::uint32_t U32At(const std::uint8_t* p, int index) { return le::LoadU32(p + 4 * index); }
+
+// Fields are taken at fixed offsets in file order, which for types 2, 3 and 7 is
+// not memory order.
+void AppendReading(const std::uint8_t* p, std::uint64_t time, std::uint32_t type, AncillaryDevicesData& data) {
+  switch (type) {
+    case 1: {
+      DeviceRecord1 r;
+      r.time = time;
+      for (int i = 0; i < 6; ++i) r.raw[i] = static_cast<std::int32_t>(U32At(p, i));
+      data.type1Records.push_back(r);
+      break;
+    }
+    case 2: {
+      DeviceRecord2 r;
+      r.time = time;
+      r.value = U32At(p, 0);
+      r.a = le::LoadU64(p + 4);
+      r.b = le::LoadU64(p + 12);
+      r.c = le::LoadU64(p + 20);
+      data.type2Records.push_back(r);
+      break;
+    }
+    case 3: {
+      DeviceRecord3 r;
+      r.time = time;
+      r.w[0] = U32At(p, 0);
+      r.w[4] = U32At(p, 1);
+      r.w[1] = U32At(p, 2);
+      r.w[2] = U32At(p, 3);
+      r.w[3] = U32At(p, 4);
+      data.type3Records.push_back(r);
+      break;
+    }
+    case 4: {
+      DeviceRecord4 r;
+      r.time = time;
+      for (int i = 0; i < 2; ++i) r.values[i] = U32At(p, i);
+      data.type4Records.push_back(r);
+      break;
+    }
+    case 5:
+    case 6: {
+      DeviceRecord5 r;
+      r.time = time;
+      for (int i = 0; i < 6; ++i) r.values[i] = U32At(p, i);
+      (type == 5 ? data.type5Records : data.type6Records).push_back(r);
+      break;
+    }
+    case 7: {
+      DeviceRecord7 r;
+      r.time = time;
+      r.e[0] = U32At(p, 0);
+      r.d = le::LoadU64(p + 4);
+      for (int i = 1; i < 7; ++i) r.e[i] = U32At(p, i + 2);
+      data.type7Records.push_back(r);
+      break;
+    }
+    case 8: {
+      DeviceRecord8 r;
+      r.time = time;
+      r.value = U32At(p, 0);
+      data.type8Records.push_back(r);
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+}  // namespace
+
+std::size_t PayloadSize(std::uint32_t type) { return type < std::size(kPayloadSizes) ? kPayloadSizes[type] : 0; }
+
+bool ReadDeviceRecord(std::FILE* in, std::uint64_t time, std::uint32_t type, std::uint32_t size,
+                      AncillaryDevicesData& data) {
+  const std::size_t payloadSize = PayloadSize(type);
+  if (payloadSize == 0) return DiscardBytes(in, size);
+  // Zero-filled, so the bytes of a cut payload that never arrive read as zero.
+  std::uint8_t payload[kLargestPayload] = {};
+  const bool complete = stream::ReadBytes(in, payload, payloadSize) == payloadSize;
+  AppendReading(payload, time, type, data);
+  return complete;
+}
+
+}  // namespace kvr::devices

@@ -1,0 +1,57 @@
+#include "devices/nearest_reading.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+namespace kvr::devices {
+namespace {
+
+constexpr std::uint64_t kSecond = 50000000;  // ticks
+constexpr std::uint64_t kTop = 0xFFFFFFFFFFFFFFF0u;
+
+struct NearestCase {
+  const char* name;
+  std::vector<std::uint64_t> type7Times;
+  std::vector<std::uint64_t> type2Times;
+  std::vector<std::int32_t> nearest;
+
+  friend void PrintTo(const NearestCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class NearestType7 : public ::testing::TestWithParam<NearestCase> {};
+
+TEST_P(NearestType7, LinksEachType2ReadingToTheFirstNearestWithinFiveSeconds) {
+  const NearestCase& c = GetParam();
+  std::vector<DeviceRecord7> type7;
+  for (const std::uint64_t t : c.type7Times) type7.push_back(DeviceRecord7{.time = t});
+  std::vector<DeviceRecord2> type2;
+  for (const std::uint64_t t : c.type2Times) type2.push_back(DeviceRecord2{.time = t, .nearestType7 = 77});
+  LinkNearestType7(type2, type7);
+  std::vector<std::int32_t> nearest;
+  for (const DeviceRecord2& e : type2) nearest.push_back(e.nearestType7);
+  EXPECT_EQ(nearest, c.nearest);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lists, NearestType7,
+    ::testing::Values(NearestCase{"NoType7Readings", {}, {0, 5}, {-1, -1}},
+                      // 249999999 ticks are 4.99999998 s; 250000000 ticks are 5 s exactly.
+                      NearestCase{"FiveSecondsIsTooFar",
+                                  {10 * kSecond},
+                                  {10 * kSecond + 249999999, 10 * kSecond - 249999999, 15 * kSecond, 5 * kSecond},
+                                  {0, 0, -1, -1}},
+                      NearestCase{
+                          "EqualDistanceKeepsTheEarlier", {100, 200, 300}, {150, 250, 300, 99999}, {0, 1, 2, 2}},
+                      NearestCase{"EqualTimesKeepTheFirst", {100, 200, 200, 200, 400}, {210, 190, 450}, {1, 1, 4}},
+                      NearestCase{"UnsortedList", {500, 100, 300, 100}, {90, 320, 450, 200}, {1, 2, 0, 1}},
+                      // Beyond 2^63 the signed difference wraps: 16 ticks back from 0 is near,
+                      // but 2^63 ticks away counts as the smallest distance of all, and is far.
+                      NearestCase{"DifferencesWrapAroundZero", {kTop, 40}, {0, 30}, {0, 1}},
+                      NearestCase{"HalfwayAroundIsTheSmallestDistanceAndFar", {0x8000000000000000u, 5}, {0}, {-1}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace kvr::devices
