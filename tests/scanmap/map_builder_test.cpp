@@ -8,6 +8,7 @@
 
 #include "kvr_decode/scan_file_map.h"
 #include "scanmap/scan_files.h"
+#include "support/open_descriptors.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -100,7 +101,10 @@ TEST_F(ScanMapBuild, DeclaredShotCountBeyondTheBlockEndsAtItsEnd) {
 
 TEST_F(ScanMapBuild, ConstantDirectionIndexesNoLine) {
   OwnedMap owned;
-  ASSERT_EQ(GetScanFileMap(Scan({Block({1, 1, 1}, {0, 2}), Block({1, 1})}).c_str(), owned.map), 0);
+  const std::wstring name = Scan({Block({1, 1, 1}, {0, 2}), Block({1, 1})});
+  const long descriptors = test::OpenDescriptorCount();
+  ASSERT_EQ(GetScanFileMap(name.c_str(), owned.map), 0);
+  EXPECT_EQ(test::OpenDescriptorCount(), descriptors);
   EXPECT_EQ(owned.map.numberOfScanLines, 0);
   EXPECT_TRUE(owned.map.scanLines.empty());
   EXPECT_EQ(owned.map.maxShotsPerLine, 0);
@@ -301,7 +305,10 @@ TEST_F(ScanMapBuild, NoValidShotFailsOnTheHistogram) {
   block.shot(MapShot(1, 0, kT0));
   OwnedMap owned;
   ScanFileMap& m = owned.map;
-  ASSERT_EQ(GetScanFileMap(Scan({block}).c_str(), m), -1);
+  const std::wstring name = Scan({block});
+  const long descriptors = test::OpenDescriptorCount();
+  ASSERT_EQ(GetScanFileMap(name.c_str(), m), -1);
+  EXPECT_EQ(test::OpenDescriptorCount(), descriptors);  // nothing could reach the stream: it is closed
   const auto entries = logEntries();
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].context, "int GetScanFileMap(const char *input_data, ScanFileMap &scanFileMap)");
