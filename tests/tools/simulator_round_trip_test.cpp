@@ -4,8 +4,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kvr_decode/camera_file.h"
@@ -15,6 +17,7 @@
 #include "kvr_decode/file_header.h"
 #include "kvr_decode/nmea_ticks_manager.h"
 #include "kvr_decode/optical_model.h"
+#include "kvr_decode/scan_file_map.h"
 #include "kvr_simulator/scan_set.h"
 #include "support/stdout_capture.h"
 #include "support/temp_dir_test_base.h"
@@ -68,6 +71,7 @@ class DecodedScan {
     ReleaseFileHeader(header);
   }
   bool open() const { return stream_ != nullptr; }
+  std::FILE** stream() { return &stream_; }
 
   // Calls visit(blockNumber, block) for each block; returns the number of blocks.
   template <class Visit>
@@ -261,6 +265,67 @@ TEST_P(SimulatedSet, CameraImagesComeBackByteForByte) {
   EXPECT_EQ(std::fgetc(stream), EOF);
   std::fclose(stream);
   ReleaseCameraFileHeader(header);
+}
+
+TEST_P(SimulatedSet, ScanFileMapFindsTheSimulatedLines) {
+  const auto map = std::make_unique<ScanFileMap>();
+  ASSERT_EQ(GetScanFileMap(test::WideName(summary.files.scan).c_str(), *map), 0);
+  const std::vector<sim::SimulatedLine>& lines = truth.lines;
+  ASSERT_EQ(lines.size(), GetParam().lines);
+  // The shots before the first change of the direction bit (the line the file
+  // starts in) are entry -1; line k is entry k - 1; the last line stays open.
+  EXPECT_EQ(map->numberOfScanLines, static_cast<int>(lines.size()) - 1);
+  ASSERT_EQ(map->scanLines.size(), lines.size());
+  EXPECT_EQ(map->scanLines.at(-1).shotCount, static_cast<std::int32_t>(lines[0].shotCount));
+  std::int32_t longest = static_cast<std::int32_t>(lines[0].shotCount);
+  for (std::size_t k = 1; k < lines.size(); ++k) {
+    const sim::SimulatedLine& line = lines[k];
+    const bool last = k + 1 == lines.size();
+    if (!last) longest = std::max(longest, static_cast<std::int32_t>(line.shotCount));
+    // Event shots count from the first shot of the block the line begins in.
+    std::vector<std::uint32_t> events;
+    for (const std::uint64_t shot : line.eventShots) {
+      events.push_back(static_cast<std::uint32_t>(shot - truth.blocks[line.block].firstShot));
+    }
+    const ScanLineEntry& e = map->scanLines.at(static_cast<std::int32_t>(k - 1));
+    EXPECT_EQ(std::tie(e.blockNumber, e.shotIndexInBlock, e.lineFlag, e.shotCount, e.statusWordOffset, e.eventShots),
+              std::make_tuple(line.block, line.shotInBlock, line.direction ? 1 : 0,
+                              last ? 0 : static_cast<std::int32_t>(line.shotCount),
+                              static_cast<std::int32_t>(line.offsetInBlock + 4), events))
+        << "line " << k;
+  }
+  EXPECT_EQ(map->maxShotsPerLine, longest);
+
+  std::uint16_t mostReturns = 0;
+  std::vector<std::uint64_t> returnCounts(4, 0);
+  for (const auto& [shot, placement] : truth.shots) {
+    mostReturns = std::max<std::uint16_t>(mostReturns, static_cast<std::uint16_t>(shot.returnCount));
+    for (std::uint32_t r = 0; r < shot.returnCount; ++r) ++returnCounts[r];
+  }
+  EXPECT_EQ(map->maxReturnsPerShot, mostReturns);
+  EXPECT_EQ(map->returnCounts, returnCounts);  // every simulated return lies in range
+  // The map counts blocks in pairs.
+  const auto blocks = static_cast<std::int32_t>(summary.counts.blocks);
+  EXPECT_EQ(map->blockCount, blocks == 1 ? 0 : blocks - blocks % 2);
+  EXPECT_EQ(map->dataStartOffset, summary.dataOffset);
+  // The normalization parameters come from the file beside the scan.
+  const auto& n = summary.normalization;
+  EXPECT_EQ(std::tie(map->a1, map->a2, map->a3, map->a4, map->a5, map->gamma),
+            std::tie(*n.a1, *n.a2, *n.a3, *n.a4, *n.a5, *n.gamma));
+  EXPECT_EQ(map->numberOfBins, *n.numberOfBins);
+
+  // A line fetched through the map holds its shots and the first of the next.
+  DecodedScan scan(summary.files.scan);
+  ASSERT_TRUE(scan.open());
+  std::vector<RawShot> shots;
+  for (std::size_t k = 1; k < lines.size(); ++k) {
+    const bool last = k + 1 == lines.size();
+    GetShotsFromScanLineIndex(static_cast<int>(k - 1), scan.stream(), *map, shots, nullptr);
+    ASSERT_EQ(shots.size(), last ? 1u : lines[k].shotCount + 1) << "line " << k;
+    EXPECT_EQ(shots.front().timeInCounts, truth.shots[lines[k].firstShot].shot.ticks) << "line " << k;
+    EXPECT_EQ(shots.front().shotWord, truth.shots[lines[k].firstShot].shot.shotWord) << "line " << k;
+  }
+  ReleaseScanFileMap(*map);
 }
 
 INSTANTIATE_TEST_SUITE_P(
