@@ -194,6 +194,8 @@ TEST(HeaderTextWriters, WriteSectionsRowsAndTagsAsTheParsersReadThem) {
             "[PRF = 200]\n0 0 0 0.5 0.25\n1 0 0 1 2\n[PRF = 50]\n");
   EXPECT_EQ(OpticalModelText("version=\"2\"", {{"a0", "1.5"}}, TextLayout::kCompact),
             "<calibration_parameters version=\"2\"><a0>1.5</a0></calibration_parameters>");
+  EXPECT_EQ(OpticalModelText("", {{"a0", "1.5"}, {"a1", "1"}}, TextLayout::kLines),
+            "<?xml version=\"1.0\"?>\n<calibration_parameters>\n  <a0>1.5</a0>\n  <a1>1</a1>\n</calibration_parameters>\n");
   EXPECT_EQ(BuildSideTable({10, 12}, {{5.0, 1, 3}, {5.05, 2, 4.5}}), "row 10 12\n5 1 3\n5.05 2 4.5\n");
   EXPECT_EQ(BuildSideTable({1}, {{0.1, 2}}, false, "range"), "range 1\n0.1 2");
   EXPECT_EQ(NormalizationParamsText({.a1 = 200.0, .a5 = 6.1, .numberOfBins = 2048, .gamma = 0.7}),

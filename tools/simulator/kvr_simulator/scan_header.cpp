@@ -93,17 +93,19 @@ writers::HeaderBlockFields ScanHeaderFields(const ScanPlan& plan, const Calibrat
   std::vector<writers::CalibrationSection> sections;
   std::vector<writers::PrfTable> tables;
   for (std::size_t p = 0; p < kPrfs.size(); ++p) {
-    const double period = 1.0 / (kPrfs[p] * 1000.0);
+    // The encoder lags the laser by about a pulse period, more at faster lines;
+    // whole nanoseconds.
+    const auto lag = [&](double periods) { return std::round(periods * 1e6 / kPrfs[p]) / 1e9; };
     sections.push_back({static_cast<std::int32_t>(kPrfs[p]),
                         {{"rangeOffset", calibration.rangeOffsets[p]}, {"intensityGain", 1.0 + 0.05 * p}},
-                        {{25.0, 0.6 * period}, {50.0, 0.8 * period}, {100.0, 1.1 * period}}});
+                        {{25.0, lag(0.6)}, {50.0, lag(0.8)}, {100.0, lag(1.1)}}});
     tables.push_back({static_cast<std::int32_t>(kPrfs[p]), calibration.rangeTables[p]});
   }
   f.calibrationText = writers::ScanCalibrationText(leading, sections);
   f.parameterText = writers::ParameterText(tables);
   std::vector<std::pair<std::string, std::string>> tags;
   for (const auto& [tag, value] : calibration.opticalModel) tags.emplace_back(tag, writers::ShortestDecimal(value));
-  f.thirdText = writers::OpticalModelText("version=\"2\"", tags, writers::TextLayout::kIndented);
+  f.thirdText = writers::OpticalModelText("version=\"2\"", tags, writers::TextLayout::kLines);
 
   const std::size_t headerSize = 288 + f.calibrationText.size() + f.parameterText.size() + f.thirdText.size();
   f.dataOffset = static_cast<std::uint32_t>((headerSize + 4095) / 4096 * 4096);

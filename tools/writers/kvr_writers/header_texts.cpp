@@ -41,15 +41,25 @@ std::string ParameterText(const std::vector<PrfTable>& tables) {
 
 std::string OpticalModelText(std::string_view attributes,
                              const std::vector<std::pair<std::string, std::string>>& values, TextLayout layout) {
-  const bool indented = layout == TextLayout::kIndented;
-  std::string text = indented ? "<?xml version=\"1.0\"?>\r\n<calibration_parameters" : "<calibration_parameters";
-  if (!attributes.empty()) text.append(indented ? "\n\t " : " ").append(attributes);
-  text += indented ? ">\r\n" : ">";
-  for (const auto& [key, value] : values) {
-    text +=
-        indented ? "\t<" + key + ">\v " + value + "\f\t</" + key + ">\r\n" : "<" + key + ">" + value + "</" + key + ">";
+  const std::string open = attributes.empty() ? "<calibration_parameters" : "<calibration_parameters ";
+  std::string text;
+  switch (layout) {
+    case TextLayout::kCompact:
+      text = open + std::string(attributes) + ">";
+      for (const auto& [key, value] : values) text += "<" + key + ">" + value + "</" + key + ">";
+      return text + "</calibration_parameters>";
+    case TextLayout::kIndented:
+      text = "<?xml version=\"1.0\"?>\r\n<calibration_parameters";
+      if (!attributes.empty()) text.append("\n\t ").append(attributes);
+      text += ">\r\n";
+      for (const auto& [key, value] : values) text += "\t<" + key + ">\v " + value + "\f\t</" + key + ">\r\n";
+      return text + "</calibration_parameters>\r\n";
+    case TextLayout::kLines:
+      text = "<?xml version=\"1.0\"?>\n" + open + std::string(attributes) + ">\n";
+      for (const auto& [key, value] : values) text += "  <" + key + ">" + value + "</" + key + ">\n";
+      return text + "</calibration_parameters>\n";
   }
-  return text + (indented ? "</calibration_parameters>\r\n" : "</calibration_parameters>");
+  return text;
 }
 
 }  // namespace kvr::writers

@@ -37,6 +37,7 @@ std::string ParameterText(const std::vector<PrfTable>& tables);
 enum class TextLayout {
   kCompact,   // no whitespace at all
   kIndented,  // blanks, tabs, CR LF, vertical tabs and form feeds between and inside the elements
+  kLines,     // one element a line, indented by two blanks, as a scanner writes it
 };
 
 // An optical model text: one calibration_parameters element with the given
