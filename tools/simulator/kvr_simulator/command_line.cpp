@@ -8,7 +8,7 @@ namespace kvr::sim {
 
 const char* const kSimulateUsage =
     "simulate DIR [--seed N] [--kind 90|360] [--prf 50|200|500] [--lines N | --size BYTES[k|M|G]]\n"
-    "             [--lines-per-second R] [--room LxWxH] [--signature MAGIC] [--camera-images N] [--threads N]\n"
+    "    [--lines-per-second R] [--room LxWxH] [--signature MAGIC] [--camera-images N] [--threads N]\n"
     "  Writes a simulated scan set into DIR: the scan file, its side table and normalization\n"
     "  parameters, Serial.dat, Devices.dat and Camera.dat.\n";
 

@@ -13,6 +13,14 @@
 // How the simulated scanner moves and measures: the plan of a scan (fixed by
 // the options and the seed) and the pure function from a shot's index to its
 // encoder readings, beam direction and echoes.
+//
+// Scanner frame: z along the pan axis, up; the pan (azimuth) turns counter-
+// clockwise seen from above, from x at pan count 0; the elevation is measured
+// from the horizontal. The 90-degree mirror's scan count 0 points 45 degrees
+// down, 131072 horizontal, 262143 45 degrees up. The 360-degree mirror's count 0
+// points horizontally along the pan, 65536 to the zenith, 131072 to the opposite
+// horizon, 196608 to the nadir. The tilted tripod turns the scanner frame into
+// the room's by Ry(-tiltX) Rx(tiltY).
 namespace kvr::sim {
 
 // Encoder and ranging constants of the scanner.
