@@ -38,6 +38,32 @@ inline void WriteInputFile(const char* name, Bytes bytes) {
 
 using kvr::test::LeftOpenStreams;
 
+// An input that carries a side file before the main one: a 16-bit word (bit 15:
+// the side file exists; bits 0-14: its length, cut to what the input holds),
+// the side file's bytes, then the main file's.
+struct TwoFiles {
+  bool sideExists = false;
+  Bytes side;
+  Bytes main;
+};
+
+inline TwoFiles SplitTwoFiles(const std::uint8_t* data, std::size_t size) {
+  if (size < 2) return {false, {}, Bytes(data, size)};
+  const unsigned control = data[0] | (data[1] << 8);
+  std::size_t sideLength = control & 0x7FFFu;
+  if (sideLength > size - 2) sideLength = size - 2;
+  return {(control & 0x8000u) != 0, Bytes(data + 2, sideLength), Bytes(data + 2 + sideLength, size - 2 - sideLength)};
+}
+
+// Writes the side file, or removes one an earlier input left.
+inline void WriteSideFile(const char* name, const TwoFiles& files) {
+  if (files.sideExists) {
+    WriteInputFile(name, files.side);
+  } else {
+    std::remove(name);
+  }
+}
+
 // The library appends to "KVR_Decode.log" in the current directory on every
 // failure; a fuzzer fails millions of times. The log is removed now and then.
 inline void TrimLog() {
@@ -79,5 +105,26 @@ using kvr::test::ReadModel;
 // claim, so targets keep claims under this size; the damaged-file tests cover
 // the largest values.
 inline constexpr std::uint64_t kLargestClaim = std::uint64_t{1} << 20;
+
+// True when every text length that ReadFileHeader meets in a scan file stays
+// within the claim limit; only files with a scan magic get that far.
+inline bool ScanHeaderClaimsWithinLimit(Bytes scan) {
+  ReadModel in(scan);
+  std::uint8_t magic[8] = {};
+  in.read(magic, sizeof magic);
+  bool known = false;
+  for (const char* m : {"MX700DAT", "#KVRSCAN", "#MX70DAT"}) known = known || std::memcmp(magic, m, 8) == 0;
+  if (!known) return true;
+  std::uint32_t layout = 0;
+  in.readField(layout);
+  in.skip(276 - 12);
+  for (int text = 0; text < (layout == 0 ? 4 : 3); ++text) {
+    std::uint32_t length = 0;
+    in.readField(length);
+    if (length > kLargestClaim) return false;
+    in.skip(length);
+  }
+  return true;
+}
 
 }  // namespace kvr::fuzz

@@ -38,7 +38,7 @@ bool MakeClaimedBlock(Bytes input, ClaimedBlock& block) {
   std::uint64_t end = kFixedPart;
   for (int i = 0; i < texts; ++i) {
     const std::uint32_t length = u32At(end);
-    end += 4 + length;
+    end += 4 + std::uint64_t{length};  // in 64 bits: a length of 0xFFFFFFFF must not wrap
     if (end > kvr::fuzz::kLargestClaim) return false;  // the whole block is copied and zero-filled per input
   }
   block.size = end;
