@@ -13,6 +13,7 @@
 #include "support/camera_file_builder.h"
 #include "support/device_file_builder.h"
 #include "support/fifo_block_builder.h"
+#include "support/map_file_builder.h"
 #include "support/optical_model_text.h"
 #include "support/scan_file_builder.h"
 #include "support/temp_dir.h"
@@ -187,6 +188,64 @@ void CameraSeeds() {
   Seed("camera_file_fuzz", "no_time_stamps", plain.bytes());
 }
 
+// A block of shots whose scan direction turns every `lineLength` shots, each
+// with returns near and far (some out of the intensity model's range), and an
+// event mark now and then.
+FifoBlockBuilder LineBlock(std::uint64_t timeStamp, std::uint32_t firstShot, std::uint32_t lineLength) {
+  FifoBlockBuilder block;
+  block.timeStamp(timeStamp);
+  for (std::uint32_t i = 0; i < 60; ++i) {
+    const std::uint32_t shot = firstShot + i;
+    const std::uint32_t returns = shot % 3;
+    std::vector<std::uint32_t> words;
+    for (std::uint32_t k = 0; k < returns; ++k) words.push_back(ReturnWord(1000 + 400 * (k + 1) + shot, 200 + 900 * k));
+    block.shot(ShotWord({.pan = shot, .scan = (shot * 97) % 4096, .returnCount = returns, .t0 = 1000,
+                         .flags = shot % 17 == 0 ? 2u : 0u, .topBits = (shot / lineLength) % 2 == 0 ? 2u : 0u}),
+               words);
+  }
+  return block;
+}
+
+void MapSeeds() {
+  // Maps of scans: a 16-bit word (bit 15: a parameter file exists), its text, the scan file.
+  const auto withParameters = [](const std::string& text, const Bytes& scan) {
+    ByteWriter out;
+    out.u16(static_cast<std::uint16_t>(0x8000u | text.size())).text(text).append(scan);
+    return out.take();
+  };
+  HeaderBlockFields kvrscan = Header("#KVRSCAN", 1, 200);
+  const Bytes blocks = FifoFile({LineBlock(1000, 0, 7).build(), LineBlock(13000, 60, 7).build()}, 50);
+  Seed("map_build_fuzz", "kvrscan_with_parameters",
+       withParameters("a1 = 210\nnumberOfBins = 2048\ngamma\t0.7\na5=5.5\n", BuildScanFile(kvrscan, blocks)));
+  HeaderBlockFields mx700 = Header("MX700DAT", 0, 500);
+  ByteWriter noParameters;
+  noParameters.u16(0).append(BuildScanFile(mx700, FifoFile({LineBlock(5, 0, 25).build()})));
+  Seed("map_build_fuzz", "mx700dat_encoder_lines", noParameters.take());
+
+  MapFileContents c;
+  c.currentLineFlag = 1;
+  c.maxShotsPerLine = 8;
+  c.numberOfScanLines = 3;
+  c.maxReturnsPerShot = 2;
+  c.dataStartOffset = 512;
+  c.blockCount = 2;
+  c.maxShotsPerBlock = 60;
+  c.scanFileName = "s";
+  c.entries = {{-1, 0, 0, -1, 5, {}, {}}, {0, 0, 5, 0, 7, {3}, {}}, {1, 0, 12, 1, 7, {}, {}}, {2, 1, 19, 0, 0, {}, {}}};
+  c.header.dataOffset = 512;
+  c.header.texts[0].bytes = "rangeOffset = 1.5";
+  c.header.texts[2].bytes = "<a0>1</a0>";
+  c.binWidth = c.trailingBinWidth = 0.25;
+  c.minimum = c.maximumSlot = 3.5;
+  c.validSampleCount = 77;
+  c.returnCounts = {40, 20, 0, 0};
+  Seed("map_load_fuzz", "version2", BuildMapFile(c));
+  c.signature = "#KVRMAPX";  // an old map: no version, counts or trailing bin width
+  c.numberOfBins = 2;
+  c.binValues = {0.5, 0.25, 0.125, 0.0625};
+  Seed("map_load_fuzz", "no_signature_with_bins", BuildMapFile(c));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -200,5 +259,6 @@ int main(int argc, char** argv) {
   TickSeeds();
   DeviceSeeds();
   CameraSeeds();
+  MapSeeds();
   return 0;
 }
