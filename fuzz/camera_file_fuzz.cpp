@@ -11,42 +11,16 @@ namespace {
 
 using kvr::fuzz::Bytes;
 using kvr::fuzz::Finding;
-using kvr::fuzz::ReadModel;
 
 constexpr const char* kCameraFile = "camera.dat";
 constexpr const wchar_t* kCameraFileWide = L"camera.dat";
-
-// Follows the reader through the file, the record's fields kept from call to
-// call as it keeps them, and tells whether every text and image size it meets
-// stays within the claim limit.
-bool ClaimsWithinLimit(Bytes file) {
-  ReadModel in(file);
-  std::uint8_t signature[8] = {};
-  in.read(signature, sizeof signature);
-  if (std::memcmp(signature, "#KVRCAMR", 8) != 0) return true;
-  std::uint32_t timeStamps = 0, textLength = 0, headerValue = 0;
-  in.readField(timeStamps);
-  in.readField(textLength);
-  if (textLength > kvr::fuzz::kLargestClaim) return false;
-  in.skip(textLength);
-  in.readField(headerValue);
-  std::uint32_t imageSize = 0;
-  while (!in.ended()) {
-    if (timeStamps != 0) in.skip(8);
-    in.skip(24);
-    in.readField(imageSize);
-    if (imageSize > kvr::fuzz::kLargestClaim) return false;
-    in.skip(imageSize);
-  }
-  return true;
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   kvr::fuzz::TrimLog();
   const Bytes file(data, size);
-  if (!ClaimsWithinLimit(file)) return 0;
+  if (kvr::test::LargestCameraFileClaim(file) > kvr::fuzz::kLargestClaim) return 0;
   kvr::fuzz::WriteInputFile(kCameraFile, file);
 
   CameraFileHeader header;

@@ -107,24 +107,7 @@ using kvr::test::ReadModel;
 inline constexpr std::uint64_t kLargestClaim = std::uint64_t{1} << 20;
 
 // True when every text length that ReadFileHeader meets in a scan file stays
-// within the claim limit; only files with a scan magic get that far.
-inline bool ScanHeaderClaimsWithinLimit(Bytes scan) {
-  ReadModel in(scan);
-  std::uint8_t magic[8] = {};
-  in.read(magic, sizeof magic);
-  bool known = false;
-  for (const char* m : {"MX700DAT", "#KVRSCAN", "#MX70DAT"}) known = known || std::memcmp(magic, m, 8) == 0;
-  if (!known) return true;
-  std::uint32_t layout = 0;
-  in.readField(layout);
-  in.skip(276 - 12);
-  for (int text = 0; text < (layout == 0 ? 4 : 3); ++text) {
-    std::uint32_t length = 0;
-    in.readField(length);
-    if (length > kLargestClaim) return false;
-    in.skip(length);
-  }
-  return true;
-}
+// within the claim limit.
+inline bool ScanHeaderClaimsWithinLimit(Bytes scan) { return kvr::test::LargestScanHeaderText(scan) <= kLargestClaim; }
 
 }  // namespace kvr::fuzz

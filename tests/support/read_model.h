@@ -55,6 +55,52 @@ class ReadModel {
   bool ended_ = false;
 };
 
+// The largest text length ReadFileHeader meets in a scan file (0 when the magic
+// is not a scan magic, as nothing more is read then).
+inline std::uint64_t LargestScanHeaderText(std::span<const std::uint8_t> scan) {
+  ReadModel in(scan);
+  std::uint8_t magic[8] = {};
+  in.read(magic, sizeof magic);
+  bool known = false;
+  for (const char* m : {"MX700DAT", "#KVRSCAN", "#MX70DAT"}) known = known || std::memcmp(magic, m, 8) == 0;
+  if (!known) return 0;
+  std::uint32_t layout = 0;
+  in.readField(layout);
+  in.skip(276 - 12);
+  std::uint64_t largest = 0;
+  for (int text = 0; text < (layout == 0 ? 4 : 3); ++text) {
+    std::uint32_t length = 0;
+    in.readField(length);
+    largest = length > largest ? length : largest;
+    in.skip(length);
+  }
+  return largest;
+}
+
+// The largest text length or image size the camera reader meets in a camera
+// file walked record by record to its end (0 when the magic is wrong).
+inline std::uint64_t LargestCameraFileClaim(std::span<const std::uint8_t> file) {
+  ReadModel in(file);
+  std::uint8_t signature[8] = {};
+  in.read(signature, sizeof signature);
+  if (std::memcmp(signature, "#KVRCAMR", 8) != 0) return 0;
+  std::uint32_t timeStamps = 0, textLength = 0, headerValue = 0;
+  in.readField(timeStamps);
+  in.readField(textLength);
+  std::uint64_t largest = textLength;
+  in.skip(textLength);
+  in.readField(headerValue);
+  std::uint32_t imageSize = 0;
+  while (!in.ended()) {
+    if (timeStamps != 0) in.skip(8);
+    in.skip(24);
+    in.readField(imageSize);
+    largest = imageSize > largest ? imageSize : largest;
+    in.skip(imageSize);
+  }
+  return largest;
+}
+
 // True when the tick file loader would meet a sentence record of 1024 bytes or
 // more, which stops the process by design. Record fields carry over from record
 // to record as the loader keeps them.
