@@ -287,6 +287,40 @@ TEST_F(DamagedScanFile, OtherMagicsAndPrfsFailWithTheirLogEntry) {
   }
 }
 
+// The side table "row 10 12 / 5.0 1 3 / 5.05 2 4" cut at its line and token
+// boundaries. Its last line is read twice when it ends in a line feed, so a key
+// line alone makes a data row of itself (row 0, values 10 and 12); a table
+// without a key line or a data row ends with the out-of-range error.
+TEST_F(DamagedScanFile, SideTableCutAtEveryLineAndTokenBoundary) {
+  const std::string table = "row 10 12\n5.0 1 3\n5.05 2 4\n";
+  using Columns = decltype(SideTableGrid::columns);
+  struct Case {
+    std::size_t cut;
+    bool throws;
+    Columns columns;
+    double rowOrigin;
+  };
+  for (const Case& c : {Case{0, true, {}, 0}, Case{3, true, {}, 0}, Case{6, true, {}, 0}, Case{9, true, {}, 0},
+                        Case{10, false, {{0, {10}}, {1, {11}}, {2, {12}}}, 0.0}, Case{15, true, {}, 0},
+                        Case{17, false, {{0, {1}}, {1, {2}}, {2, {3}}}, 5.0},
+                        Case{18, false, {{0, {1, 1}}, {1, {2, 2}}, {2, {3, 3}}}, 5.0},
+                        Case{26, false, {{0, {1, 2}}, {1, {2, 3}}, {2, {3, 4}}}, 5.0},
+                        Case{27, false, {{0, {1, 2, 2}}, {1, {2, 3, 3}}, {2, {3, 4, 4}}}, 5.0}}) {
+    test::WriteFile(path("scan.raw.tbl"), table.substr(0, c.cut));
+    test::LeftOpenStreams leftOpen;
+    if (c.throws) {
+      EXPECT_THROW(Read(kValid), std::out_of_range) << c.cut;
+      EXPECT_EQ(leftOpen.Close(), 0) << c.cut;
+      continue;
+    }
+    EXPECT_EQ(Read(kValid), 400) << c.cut;
+    ASSERT_NE(header.sideTableGrid, nullptr) << c.cut;
+    EXPECT_EQ(header.sideTableGrid->columns, c.columns) << c.cut;
+    EXPECT_EQ(header.sideTableGrid->rowOrigin, c.rowOrigin) << c.cut;
+  }
+  EXPECT_TRUE(logEntries().empty());
+}
+
 // Random damage to the scan file and its side table: a stream with no log entry,
 // or null with one of the three entries, or the parsers' out-of-range error; no
 // stream is left open except on the two paths that keep theirs. Damage that
