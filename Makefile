@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_FLAGS ?=
 
-.PHONY: all build demo test test-asan bench fuzz clean
+.PHONY: all build demo test test-asan bench fuzz fuzz-seeds clean
 
 all: build
 
@@ -41,6 +41,11 @@ fuzz:
 	  -DKVR_BUILD_FUZZ=ON -DKVR_BUILD_TESTS=OFF -DKVR_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets
 	fuzz/run_all.sh $(FUZZ_DIR)/fuzz $(FUZZ_SECONDS) $(JOBS)
+
+# Rewrites the fuzz targets' seed corpora (fuzz/corpus) from the test builders.
+fuzz-seeds: build
+	rm -rf fuzz/corpus
+	$(BUILD_DIR)/tests/kvr_fuzz_seeds fuzz/corpus
 
 clean:
 	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(FUZZ_DIR)

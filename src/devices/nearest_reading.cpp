@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <limits>
+#include <vector>
 
 #include "optics/conversions.h"
 
@@ -11,12 +11,7 @@ namespace kvr::devices {
 namespace {
 
 constexpr double kNearestWithinSeconds = 5.0;
-constexpr std::uint64_t kSignedMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-
-struct Nearest {
-  std::size_t index = 0;
-  std::int64_t distance = 0;
-};
+constexpr std::uint64_t kHalfwayAround = std::uint64_t{1} << 63;
 
 // |a - b| of the signed 64-bit difference. Like the signed absolute value it
 // stands for, it wraps: the difference -2^63 stays -2^63.
@@ -25,37 +20,48 @@ std::int64_t Distance(std::uint64_t a, std::uint64_t b) {
   return static_cast<std::int64_t>(static_cast<std::int64_t>(diff) < 0 ? 0 - diff : diff);
 }
 
-// Any order and any times: the first reading with the smallest distance.
-Nearest ByScan(std::uint64_t time, std::span<const DeviceRecord7> type7) {
-  Nearest best{0, Distance(time, type7[0].time)};
-  for (std::size_t i = 1; i < type7.size(); ++i) {
-    const std::int64_t d = Distance(time, type7[i].time);
-    if (d < best.distance) best = {i, d};
-  }
-  return best;
+// Every distinct time of the type 7 list with the first index that carries it,
+// in ascending time.
+struct FirstAtTime {
+  std::uint64_t time;
+  std::size_t index;
+};
+
+std::vector<FirstAtTime> FirstIndexByTime(std::span<const DeviceRecord7> type7) {
+  std::vector<FirstAtTime> times;
+  times.reserve(type7.size());
+  for (std::size_t i = 0; i < type7.size(); ++i) times.push_back({type7[i].time, i});  // copies the packed field
+  std::sort(times.begin(), times.end(), [](const FirstAtTime& a, const FirstAtTime& b) {
+    return a.time < b.time || (a.time == b.time && a.index < b.index);
+  });
+  const auto sameTime = [](const FirstAtTime& a, const FirstAtTime& b) { return a.time == b.time; };
+  times.erase(std::unique(times.begin(), times.end(), sameTime), times.end());
+  return times;
 }
 
-bool EarlierTime(const DeviceRecord7& f, std::uint64_t time) { return f.time < time; }
+struct Nearest {
+  std::size_t index;
+  std::int64_t distance;
+};
 
-// Times in ascending order below 2^63, where no difference wraps: the scan's
-// answer by bisection. Of equal distances the earlier reading wins, and of equal
-// times the first of them.
-Nearest ByBisection(std::uint64_t time, std::span<const DeviceRecord7> type7) {
-  const auto begin = type7.begin();
-  const auto after = std::lower_bound(begin, type7.end(), time, EarlierTime);
-  auto pick = after;
-  if (after == type7.end() || (after != begin && time - (after - 1)->time <= after->time - time)) {
-    const std::uint64_t before = (after - 1)->time;  // a copy: the packed field is not 8-byte aligned
-    pick = std::lower_bound(begin, after, before, EarlierTime);
+// The first reading of the smallest distance, found without walking the list: on
+// the circle of 2^64 tick counts that the wrapping difference describes, the
+// nearest time lies just below or just above (wrapping at the ends), except that
+// a time exactly halfway around counts -2^63 and beats every other. Of equal
+// distances the lower index wins, as a walk from the start would keep it.
+Nearest NearestOf(std::uint64_t time, const std::vector<FirstAtTime>& times) {
+  const auto earlier = [](const FirstAtTime& f, std::uint64_t t) { return f.time < t; };
+  const auto halfway = std::lower_bound(times.begin(), times.end(), time + kHalfwayAround, earlier);
+  if (halfway != times.end() && halfway->time == time + kHalfwayAround) {
+    return {halfway->index, Distance(time, halfway->time)};
   }
-  return {static_cast<std::size_t>(pick - begin), Distance(time, pick->time)};
-}
-
-bool AscendingBelowSignedMax(std::span<const DeviceRecord7> type7) {
-  for (std::size_t i = 0; i < type7.size(); ++i) {
-    if (type7[i].time > kSignedMax || (i > 0 && type7[i].time < type7[i - 1].time)) return false;
-  }
-  return true;
+  const auto above = std::lower_bound(times.begin(), times.end(), time, earlier);
+  const FirstAtTime& next = above == times.end() ? times.front() : *above;
+  const FirstAtTime& previous = above == times.begin() ? times.back() : *(above - 1);
+  const Nearest a{next.index, Distance(time, next.time)};
+  const Nearest b{previous.index, Distance(time, previous.time)};
+  if (a.distance != b.distance) return a.distance < b.distance ? a : b;
+  return a.index < b.index ? a : b;
 }
 
 }  // namespace
@@ -65,12 +71,12 @@ void LinkNearestType7(std::span<DeviceRecord2> type2, std::span<const DeviceReco
     for (DeviceRecord2& e : type2) e.nearestType7 = -1;
     return;
   }
-  // The scan costs a pass over the type 7 list per type 2 reading; on sorted
-  // times, which is what the scanner writes, bisection gives the same answer.
-  const bool sorted = AscendingBelowSignedMax(type7);
+  // Sorted once, so a file of any order costs a search per type 2 reading rather
+  // than a pass over every type 7 reading: one damaged time stamp must not turn a
+  // long recording quadratic.
+  const std::vector<FirstAtTime> times = FirstIndexByTime(type7);
   for (DeviceRecord2& e : type2) {
-    const std::uint64_t time = e.time;
-    const Nearest nearest = sorted && time <= kSignedMax ? ByBisection(time, type7) : ByScan(time, type7);
+    const Nearest nearest = NearestOf(e.time, times);
     const double seconds = optics::TimeInSecs(static_cast<std::uint64_t>(nearest.distance));
     e.nearestType7 = seconds < kNearestWithinSeconds ? static_cast<std::int32_t>(nearest.index) : -1;
   }

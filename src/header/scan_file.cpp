@@ -18,6 +18,7 @@ constexpr std::string_view kReadFileHeaderContext =
     "FILE *ReadFileHeader(unsigned char *scanFileName, RawFileHeader &rawFileHeader)";
 constexpr std::string_view kErrorOpeningMessage = "Error opening file";
 constexpr std::string_view kScanSignatureWrongMessage = "The scan file exist but the signature is wrong ";
+constexpr std::string_view kSideTableNotLoadedMessage = "The side table is unreadable or too large and was not loaded";
 
 // A text read from the stream into a buffer of length + 1 zero-filled bytes.
 // A length beyond the end of the file reads what is there; the rest stays zero
@@ -92,7 +93,12 @@ std::FILE* ReadFileHeader(const wchar_t* scanFileName, RawFileHeader& rawFileHea
     platform::SeekAbsolute(in, h.dataOffset);
     BuildPrfTables(h.parameterText, h.parameterTextLength, h.prfTables);
     BuildCalibrationValues(h);
-    LoadSideTable(scanFileName, h);  // a scan without a side table is normal
+    // A scan without a side table is normal; one that is there but cannot be
+    // used is worth a note, and the scan is still read.
+    if (LoadSideTable(scanFileName, h) == kSideTableNotLoaded) {
+      Log(kReadFileHeaderContext, std::string(kSideTableNotLoadedMessage),
+          {platform::NarrowLowBytes(scanFileName) + ".tbl"});
+    }
   } catch (...) {
     // The caller never receives the stream when a table is malformed.
     std::fclose(in);

@@ -20,10 +20,11 @@ constexpr double kRowStep = 0.05;    // the table is required to be sampled at 0
 constexpr double kKeyStep = 1.0;
 
 // Keys are whole numbers read from text, so a single pair like 0 and 2000000000
-// would ask for billions of resampled columns. Tables beyond these sizes are
-// treated as unreadable rather than allowed to exhaust memory.
+// would ask for billions of resampled columns, and a few kilobytes of rows under
+// two distant keys for hundreds of megabytes. Tables beyond these sizes (32 MB of
+// values) are refused rather than allowed to exhaust memory and time.
 constexpr long long kMaxGridColumns = 1 << 16;
-constexpr long long kMaxGridValues = 1 << 26;
+constexpr long long kMaxGridValues = 1 << 22;
 
 // The table as read: one row coordinate and one value per key for every data
 // line (fewer when the line is short).
@@ -115,7 +116,7 @@ int LoadSideTable(const wchar_t* scanFileName, RawFileHeader& record) {
   TableText table;
   const bool complete = ReadTable(in, table);
   std::fclose(in);
-  if (!complete || !GridWithinLimits(table)) return -1;
+  if (!complete || !GridWithinLimits(table)) return kSideTableNotLoaded;
 
   auto grid = std::make_unique<SideTableGrid>();
   grid->columns = ResampleColumns(table.keys, table.values);

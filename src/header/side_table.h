@@ -12,11 +12,15 @@ namespace kvr::header {
 
 using GridColumns = decltype(SideTableGrid::columns);
 
+// LoadSideTable's result for a table that exists but is not attached: it cannot
+// be read to its end, or would resample to an unreasonably large grid.
+inline constexpr int kSideTableNotLoaded = -2;
+
 // Loads the side table of the named scan file and attaches it to the record as
 // a new grid (an earlier grid is not freed). 0 when a grid was attached, -1 when
-// the table cannot be opened or read, or would resample to an unreasonably large
-// grid. A table without a key line or data line, or with a value column shorter
-// than its neighbour, throws std::out_of_range("invalid vector<T> subscript").
+// there is no table to open, kSideTableNotLoaded as above. A table without a key
+// line or data line, or with a value column shorter than its neighbour, throws
+// std::out_of_range("invalid vector<T> subscript").
 int LoadSideTable(const wchar_t* scanFileName, RawFileHeader& record);
 
 // One column per whole key from keys[0] to the last key: columns between two

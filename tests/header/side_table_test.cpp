@@ -80,21 +80,33 @@ TEST_F(LoadSideTableFile, UnreadableOrOversizedTableAttachesNothing) {
   record.sideTableGrid = &kept;
   EXPECT_EQ(LoadSideTable(L"missing.raw", record), -1);
   std::filesystem::create_directory(path("folder.raw.tbl"));
-  EXPECT_EQ(LoadSideTable(L"folder.raw", record), -1);
+  EXPECT_EQ(LoadSideTable(L"folder.raw", record), kSideTableNotLoaded);
   for (const char* text : {"row 0 2000000000\n1 2 3\n", "row -2147483648 2147483647\n1 2 3\n"}) {
     test::WriteFile(path("wide.raw.tbl"), std::string(text));
-    EXPECT_EQ(LoadSideTable(L"wide.raw", record), -1) << text;
+    EXPECT_EQ(LoadSideTable(L"wide.raw", record), kSideTableNotLoaded) << text;
   }
   EXPECT_EQ(record.sideTableGrid, &kept);
   record.sideTableGrid = nullptr;
 }
 
-TEST_F(LoadSideTableFile, MissingKeyLineRowsOrValuesAreOutOfRange) {
-  for (const char* text : {"", "a b\n\n", "row 1 2", "row 0 1 2\n0 1 2\n"}) {
-    test::WriteFile(path("bad.raw.tbl"), std::string(text));
-    test::ExpectInvalidSubscript([&] { LoadSideTable(L"bad.raw", record); });
-    EXPECT_EQ(record.sideTableGrid, nullptr);
-  }
+// Keys 0 and 4095 resample to 4096 columns, each as long as the table. The last
+// line ends in a line feed and counts twice, so 1023 lines (about 6 KB of text)
+// make 1024 rows: 4194304 values, 32 MB, the most a grid may hold. One line more
+// is refused before anything is resampled.
+TEST_F(LoadSideTableFile, FewKilobytesCannotAskForAGridOfHundredsOfMegabytes) {
+  const auto table = [](int lines) {
+    std::string text = "row 0 4095\n";
+    for (int line = 0; line < lines; ++line) text += "1 2 3\n";
+    return text;
+  };
+  test::WriteFile(path("rows.raw.tbl"), table(1024));
+  EXPECT_EQ(LoadSideTable(L"rows.raw", record), kSideTableNotLoaded);
+  EXPECT_EQ(record.sideTableGrid, nullptr);
+  test::WriteFile(path("rows.raw.tbl"), table(1023));
+  ASSERT_EQ(LoadSideTable(L"rows.raw", record), 0);
+  EXPECT_EQ(record.sideTableGrid->keyCount, 4096);
+  EXPECT_EQ(record.sideTableGrid->rowCount, 1024);
+  EXPECT_EQ(record.sideTableGrid->columns.at(4095), std::vector<double>(1024, 3.0));
 }
 
 }  // namespace
