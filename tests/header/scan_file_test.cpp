@@ -123,21 +123,21 @@ TEST_F(ReadHeader, OversizedLengthReadsTheRestOfTheFileIntoAZeroFilledText) {
 
 TEST_F(ReadHeader, SideTableThatCannotBeUsedIsLoggedAndTheScanStillRead) {
   std::filesystem::create_directory(path("scan.raw.tbl"));  // opens, but cannot be read
-  FILE* stream = Read(test::BuildScanFile(HeaderBlockFields{}));
+  FILE* stream = Read(writers::BuildScanFile(HeaderBlockFields{}));
   ASSERT_NE(stream, nullptr);
   std::fclose(stream);
   ExpectLog("The side table is unreadable or too large and was not loaded", {"scan.raw.tbl"});
   std::filesystem::remove(path("scan.raw.tbl"));
   Reset();
   test::WriteFile(path("scan.raw.tbl"), std::string("row 0 65535\n1 2 3\n"));  // 65536 columns of 2 rows: fine
-  stream = Read(test::BuildScanFile(HeaderBlockFields{}));
+  stream = Read(writers::BuildScanFile(HeaderBlockFields{}));
   ASSERT_NE(stream, nullptr);
   std::fclose(stream);
   EXPECT_NE(header.sideTableGrid, nullptr);
   EXPECT_TRUE(logEntries().empty());
   Reset();
   test::WriteFile(path("scan.raw.tbl"), std::string("row 0 65536\n1 2 3\n"));  // one column too many
-  stream = Read(test::BuildScanFile(HeaderBlockFields{}));
+  stream = Read(writers::BuildScanFile(HeaderBlockFields{}));
   ASSERT_NE(stream, nullptr);
   std::fclose(stream);
   EXPECT_EQ(header.sideTableGrid, nullptr);
