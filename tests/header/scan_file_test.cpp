@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "header/header_expectations.h"
 #include "kvr_decode/file_header.h"
 #include "platform/file_system.h"
+#include "support/open_descriptors.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -16,12 +15,6 @@ using Values = decltype(RawFileHeader::calibrationValues);
 
 constexpr const char* kPrfMessage = "The PRF is undefined. Processing can not continue, PRF read = ";
 constexpr const char* kSignatureMessage = "The scan file exist but the signature is wrong ";
-
-int OpenDescriptors() {
-  int count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
-}
 
 class ReadHeader : public test::InTempDir, public ::testing::WithParamInterface<Model> {
  protected:
@@ -64,7 +57,7 @@ TEST_F(ReadHeader, FailuresLogOnceAndLeaveAnOpenedStreamOpen) {
   ExpectLog("Error opening file", {"mAssing.raw"});  // each wide character cut to its low byte
   EXPECT_EQ(header.signature[0], 0);
 
-  const int before = OpenDescriptors();
+  const long before = test::OpenDescriptorCount();
   EXPECT_EQ(Read(writers::BuildScanFile(test::DistinctFields({"#KVRSCAX", 0, 200, 5000, 0, 0}))), nullptr);
   ExpectLog(kSignatureMessage, {"s", "#KVRSCAX"});  // the name's storage read as narrow text
   EXPECT_EQ(header.signature[7], 'X');
@@ -76,7 +69,7 @@ TEST_F(ReadHeader, FailuresLogOnceAndLeaveAnOpenedStreamOpen) {
   EXPECT_EQ(header.dataOffset, 5000u);
   EXPECT_STREQ(header.idText2, "second");
   EXPECT_EQ(header.calibrationValues, (Values{{"kept", 1.0}}));
-  EXPECT_EQ(OpenDescriptors(), before + 2);
+  EXPECT_EQ(test::OpenDescriptorCount(), before + 2);
 }
 
 TEST_F(ReadHeader, TruncatedFileKeepsWhatTheReadsLeft) {
@@ -145,7 +138,7 @@ TEST_F(ReadHeader, SideTableThatCannotBeUsedIsLoggedAndTheScanStillRead) {
 }
 
 TEST_F(ReadHeader, MalformedTableEndsWithOutOfRangeAndClosesTheStream) {
-  const int before = OpenDescriptors();
+  const long before = test::OpenDescriptorCount();
   HeaderBlockFields fields;
   // a three-token row counts only in the file's own section
   fields.calibrationText = "a = 1\nx 1 2\n[PRF=50]\ny 1 2\n[PRF=200]\nz 1 2\nb = 2\n";
@@ -156,7 +149,7 @@ TEST_F(ReadHeader, MalformedTableEndsWithOutOfRangeAndClosesTheStream) {
   test::WriteFile(path("scan.raw.tbl"), std::string("no keys\n"));
   test::ExpectInvalidSubscript([&] { Read(writers::BuildScanFile(HeaderBlockFields{})); });
   EXPECT_EQ(header.sideTableGrid, nullptr);
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(test::OpenDescriptorCount(), before);
 }
 
 }  // namespace

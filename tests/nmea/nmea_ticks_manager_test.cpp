@@ -2,13 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 
 #include "kvr_decode/nmea_ticks_manager.h"
 #include "kvr_writers/tick_file_writer.h"
+#include "support/open_descriptors.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr::nmea {
@@ -27,10 +27,6 @@ using Manager = std::unique_ptr<NmeaTicksManager, Deleter>;
 
 std::string Zda(writers::UtcTime t) { return writers::ZdaSentence(t, "GN"); }
 
-int OpenDescriptors() {
-  return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
 class TickManager : public test::InTempDir {
  protected:
   Manager Load(const std::vector<std::uint8_t>& bytes, int timeOffset = 0) {
@@ -40,12 +36,11 @@ class TickManager : public test::InTempDir {
   Manager Load(const TickFileBuilder& file, int timeOffset = 0) { return Load(file.bytes(), timeOffset); }
 };
 
-void ExpectPairs(const NmeaTicksManager& m, const std::vector<TickTime>& expected) {
-  ASSERT_EQ(m.tickTimes->size(), expected.size());
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ((*m.tickTimes)[i].time, expected[i].time) << i;
-    EXPECT_EQ((*m.tickTimes)[i].ticks, expected[i].ticks) << i;
-  }
+using Pairs = std::vector<std::pair<double, std::uint64_t>>;
+Pairs PairsOf(const NmeaTicksManager& m) {
+  Pairs pairs;
+  for (const TickTime& t : *m.tickTimes) pairs.emplace_back(t.time, t.ticks);
+  return pairs;
 }
 
 TEST_F(TickManager, HourAtOneHertzInterpolatesThroughTheBracketCache) {
@@ -87,8 +82,8 @@ TEST_F(TickManager, WeekWrapAddsAWeekOnceAndASecondWrapStepsBack) {
   for (int i = 0; i < 4; ++i) file.pulse(kP0 + i * kSecond).sentence(kP0 + i * kSecond + 1, Zda(times[i]));
   const Manager m = Load(file);
   ASSERT_NE(m, nullptr);
-  ExpectPairs(*m, {{604799.0, kP0}, {604800.0, kP0 + kSecond}, {1209599.0, kP0 + 2 * kSecond},
-                   {604800.0, kP0 + 3 * kSecond}});
+  EXPECT_EQ(PairsOf(*m), (Pairs{{604799.0, kP0}, {604800.0, kP0 + kSecond}, {1209599.0, kP0 + 2 * kSecond},
+                   {604800.0, kP0 + 3 * kSecond}}));
 }
 
 TEST_F(TickManager, PairsFirstSentenceWithinASecondAndUtcLinesStampTheNextPulse) {
@@ -106,8 +101,8 @@ TEST_F(TickManager, PairsFirstSentenceWithinASecondAndUtcLinesStampTheNextPulse)
                              .pulse(p[5]).sentence(p[5] + tenth, "$GPZDA,143013.00,28,01,2020,00,00*00\r\n")
                              .pulse(p[6]));  // the last record is queued twice
   ASSERT_NE(m, nullptr);
-  ExpectPairs(*m, {{225007.0, p[0] + kSecond}, {225008.0, p[1] + kSecond}, {225009.0, p[2] + kSecond},
-                   {225010.0, p[4] + kSecond}});
+  EXPECT_EQ(PairsOf(*m), (Pairs{{225007.0, p[0] + kSecond}, {225008.0, p[1] + kSecond}, {225009.0, p[2] + kSecond},
+                   {225010.0, p[4] + kSecond}}));
   EXPECT_EQ(m->ppsTicks, (std::list<std::uint64_t>{p[3], p[5], p[6], p[6]}));
   EXPECT_EQ(m->sentenceTimes, (std::map<std::int64_t, double>{{static_cast<std::int64_t>(p[4] + 2 * tenth), 225012.0}}));
 }
@@ -145,10 +140,10 @@ TEST_F(TickManager, SinglePairThrowsOnItsOwnTicksAndRejectsTheRest) {
 }
 
 TEST_F(TickManager, MalformedZdaThrowsOutOfCreateAndClosesTheFile) {
-  const int before = OpenDescriptors();
+  const long before = test::OpenDescriptorCount();
   const TickFileBuilder file = TickFileBuilder().pulse(kP0).sentence(kP0 + 1, "$GPZDA,143007.00,28,01,2020,00,*4C");
   ExpectOutOfRange([&] { Load(file); }, "invalid vector<T> subscript");
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(test::OpenDescriptorCount(), before);
 }
 
 struct FailureCase {
@@ -199,10 +194,10 @@ TEST_P(TickManagerFailure, LogsOnceThroughItsLogWhileCreateReturnsNullSilently) 
                                     : c.details);
   manager.Close();
 
-  const int before = OpenDescriptors();
+  const long before = test::OpenDescriptorCount();
   EXPECT_EQ(CreateNmeaTicksManager(name.c_str(), 0), nullptr);
   EXPECT_EQ(logEntries().size(), 1u);
-  EXPECT_EQ(OpenDescriptors(), before + (c.fileStaysOpen ? 1 : 0));  // deliberately left open
+  EXPECT_EQ(test::OpenDescriptorCount(), before + (c.fileStaysOpen ? 1 : 0));  // deliberately left open
 }
 
 using TickManagerDeathTest = TickManager;
