@@ -18,7 +18,14 @@ namespace kvrscan {
 namespace {
 
 const Command* const kCommands[] = {
-    &kInfoCommand, &kBlocksCommand, &kTicksCommand, &kDevicesCommand, &kCameraCommand,
+#ifndef KVRSCAN_WITHOUT_SIMULATOR
+    &kSimulateCommand,
+#endif
+    &kInfoCommand,  &kBlocksCommand,
+#ifndef KVRSCAN_WITHOUT_MAP
+    &kMapCommand,   &kLineCommand, &kExportCommand, &kRenderCommand,
+#endif
+    &kTicksCommand, &kDevicesCommand, &kCameraCommand,
 };
 
 std::string ProgramHelp() {
