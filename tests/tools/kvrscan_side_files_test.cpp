@@ -1,5 +1,6 @@
 #include <filesystem>
 
+#include "support/byte_writer.h"
 #include "support/camera_file_builder.h"
 #include "support/device_file_builder.h"
 #include "support/tick_file_builder.h"
@@ -105,23 +106,23 @@ INSTANTIATE_TEST_SUITE_P(
 // Calibration that makes a type 1 reading with raw values 0 1 0 0 2 0 tilt by
 // asin(0.5) = 30 degrees about x: k = 2 vref / pga = 1, base = raw3 / alpha = 0,
 // scale = raw4 beta = 2, x = raw1 / scale = 0.5, y = 0, det = 1.
-std::string TiltCalibration() {
-  return CalibrationText({{"sxx", "1"}, {"syy", "1"}, {"alpha", "1"}, {"beta", "1"}, {"vref", "1"}, {"pga", "2"}});
+const std::string kTiltCalibration = std::string("sxx=1\nsyy=1\nalpha=1\nbeta=1\nvref=1\npga=2\n") + '\0';
+
+std::vector<std::uint8_t> Words(std::initializer_list<std::uint32_t> words) {
+  ByteWriter out;
+  for (const std::uint32_t word : words) out.u32(word);
+  return out.take();
 }
 
+// A type 1 reading (raw 0 1 0 0 2 0), a type 2 reading and, one second after it,
+// a type 7 reading, and a reading of an unknown type 12.
 DeviceFileBuilder DeviceFile() {
   DeviceFileBuilder file(93);
-  file.calibrationBlock(TiltCalibration()).calibrationBlock(CalibrationText({{"declination", "2.5"}}));
-  DeviceRecord1 tilt;
-  tilt.time = 100;
-  tilt.raw[1] = 1;
-  tilt.raw[4] = 2;
-  DeviceRecord2 two;
-  two.time = 1000;
-  two.value = 5;
-  DeviceRecord7 seven;
-  seven.time = 1000 + 50000000;  // one second later
-  file.reading(tilt).reading(two).reading(seven).record(2000, 12, {1, 2, 3});
+  file.calibrationBlock(kTiltCalibration).calibrationBlock(std::string("declination=2.5\n") + '\0');
+  file.record(100, 1, Words({0, 1, 0, 0, 2, 0}));
+  file.record(1000, 2, Words({5, 0, 0, 0, 0, 0, 0}));                  // value, then a, b, c of 64 bits
+  file.record(1000 + 50000000, 7, Words({0, 0, 0, 0, 0, 0, 0, 0, 0}));  // e0, d of 64 bits, e1 .. e6
+  file.record(2000, 12, {1, 2, 3});
   return file;
 }
 
@@ -152,7 +153,7 @@ TEST_F(KvrscanTest, DevicesOnDamagedFiles) {
                      "#KVRDEVC",
                      "");
   DeviceFileBuilder cut(93);
-  cut.calibrationBlock(TiltCalibration(), 500);
+  cut.calibrationBlock(kTiltCalibration, 500);
   WriteFile(path("cut.dat"), cut.bytes());
   ExpectOneLineError(Run({"devices", "cut.dat"}), 1,
                      "kvrscan devices: cut.dat: header cut short: the file holds no readings", "KVR_Decode.log");

@@ -26,6 +26,8 @@ std::string_view ImageType(const unsigned char* data, std::uint32_t size) {
   if (starts("\x89PNG\r\n\x1A\n")) return "png";
   if (starts(std::string_view("II*\0", 4)) || starts(std::string_view("MM\0*", 4))) return "tif";
   if (starts("BM")) return "bmp";
+  if (starts("P5") || starts("P2")) return "pgm";
+  if (starts("P6") || starts("P3")) return "ppm";
   return "bin";
 }
 
@@ -93,8 +95,14 @@ int RunCamera(const ParsedArgs& args, Context& context) {
   } else {
     report.line(path + ": camera file, " + (file.header.timeStampPresent != 0 ? "with" : "without") +
                 " time stamps, header value " + std::to_string(file.header.headerValue));
-    report.field("header text", "\"" + PrintableBytes(std::string_view(file.header.text, file.header.textLength)) + "\"");
-    report.heading(Format("%6s %12s %20s %-40s %10s  %s", "record", "offset", "time stamp", "values", "image",
+    report.heading("header text");
+    std::string text = PrintableText(std::string_view(file.header.text, file.header.textLength));
+    for (std::size_t start = 0; start < text.size();) {
+      const std::size_t end = std::min(text.find('\n', start), text.size());
+      report.line("  " + text.substr(start, end - start));
+      start = end + 1;
+    }
+    report.heading(Format("%8s %12s %20s %-40s %10s  %s", "record", "offset", "time stamp", "values", "image",
                           "type"));
   }
   for (;;) {

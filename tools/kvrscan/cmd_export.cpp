@@ -48,13 +48,15 @@ ExportSummary WriteAllPoints(ScanSource& scan, MapSource& source, NmeaTicksManag
   std::array<Rgb, kTopLevel + 1> colours;
   for (int level = 0; level <= kTopLevel; ++level) colours[level] = palette.colourOfLevel(level);
   LineIndexer lines = source.lineIndexer();
+  // Points go out in small batches, so that they and the writer's buffer stay
+  // in the processor's caches between being made and being copied out.
+  constexpr std::size_t kBatch = 2048;
   std::vector<PointRecord> batch;
-  batch.reserve(8192 * 4);
+  batch.reserve(kBatch + 4);
   BlockWalk walk(scan, ticks, &progress);
   while (walk.next()) {
     const FifoBlock& block = walk.block();
     const std::uint32_t blockNumber = walk.blockNumber();
-    batch.clear();
     for (std::size_t i = 0; i < block.shots.size(); ++i) {
       const RawShot& shot = block.shots[i];
       const std::int32_t line = lines.lineOf(blockNumber, static_cast<std::uint32_t>(i));
@@ -63,13 +65,15 @@ ExportSummary WriteAllPoints(ScanSource& scan, MapSource& source, NmeaTicksManag
       const auto count = static_cast<std::uint8_t>(shot.returns.size());
       for (std::uint8_t k = 0; k < count; ++k) {
         const std::uint32_t word = shot.returns[k];
-        const double range = CalculateRange(word & 0xFFFFF, t0);
+        const double range = RangeOf(word & 0xFFFFF, t0);
         if (range < 0.0) {
           ++summary.withoutRange;
           continue;
         }
         PointRecord& point = batch.emplace_back();
-        geometry.place(range, point.x, point.y, point.z);
+        float x, y, z;
+        geometry.place(range, x, y, z);
+        point.x = x, point.y = y, point.z = z;
         point.intensity = static_cast<std::uint16_t>(word >> 20);
         point.returnNumber = static_cast<std::uint8_t>(k + 1);
         point.numberOfReturns = count;
@@ -77,10 +81,14 @@ ExportSummary WriteAllPoints(ScanSource& scan, MapSource& source, NmeaTicksManag
         point.time = shot.shotTow;
         point.colour = colours[range > 0.0 ? scale.level(normalize(range, word >> 20)) : 0];
       }
+      if (batch.size() >= kBatch) {
+        writer.write(batch);
+        batch.clear();
+      }
     }
     summary.shots += block.shots.size();
-    writer.write(batch);
   }
+  writer.write(batch);
   summary.points = writer.count();
   summary.blocks = walk.blocksRead();
   summary.walkSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

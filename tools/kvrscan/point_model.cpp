@@ -24,46 +24,36 @@ IntensityNormalizer::IntensityNormalizer(const IntensityModel& model) : a3_(mode
 
 DisplayScale::DisplayScale(double intensityAt95, double gamma)
     : at95_(std::isfinite(intensityAt95) && intensityAt95 > 0.0 ? intensityAt95 : 1.0),
-      gamma_(std::isfinite(gamma) && gamma > 0.0 ? gamma : 1.0),
-      cellsPerUnit_(kCells / at95_),
-      threshold_(kTopLevel + 2, std::numeric_limits<double>::infinity()),
-      cellLevel_(kCells + 1) {
-  threshold_[0] = -std::numeric_limits<double>::infinity();
-  // round(k (v / at95)^gamma) reaches level k where (v / at95)^gamma = (k - 0.5) / kTopLevel.
-  for (int k = 1; k <= kTopLevel; ++k) {
-    threshold_[k] = at95_ * std::pow((k - 0.5) / kTopLevel, 1.0 / gamma_);
-  }
-  for (int cell = 0; cell <= kCells; ++cell) {
-    const double v = at95_ * cell / kCells;
-    const auto above = std::upper_bound(threshold_.begin() + 1, threshold_.begin() + kTopLevel + 1, v);
-    cellLevel_[cell] = static_cast<std::uint8_t>(above - threshold_.begin() - 1);
+      gamma_(std::isfinite(gamma) && gamma > 0.0 ? gamma : 1.0) {
+  threshold_.front() = -std::numeric_limits<double>::infinity();
+  threshold_.back() = std::numeric_limits<double>::infinity();
+  // round(kTopLevel (v / at95)^gamma) reaches level k where (v / at95)^gamma = (k - 0.5) / kTopLevel.
+  for (int k = 1; k <= kTopLevel; ++k) threshold_[k] = at95_ * std::pow((k - 0.5) / kTopLevel, 1.0 / gamma_);
+  if (gamma_ >= 4.0) return;
+  // Cells from 2^64 below intensityAt95 up to the cell that holds it.
+  const auto topExponent = static_cast<std::int64_t>(std::bit_cast<std::uint64_t>(at95_) >> 52);
+  lowestExponent_ = std::max<std::int64_t>(1, topExponent - 64);
+  cell_.resize(static_cast<std::size_t>(topExponent - lowestExponent_ + 1) << kMantissaBits);
+  for (std::size_t i = 0; i < cell_.size(); ++i) {
+    const auto first = static_cast<std::uint64_t>(lowestExponent_ + static_cast<std::int64_t>(i >> kMantissaBits))
+                           << 52 |
+                       (i & kMantissaMask) << (52 - kMantissaBits);
+    const auto level = search(std::bit_cast<double>(first));
+    const double last = std::bit_cast<double>(first + (std::uint64_t{1} << (52 - kMantissaBits)) - 1);
+    cell_[i] = {static_cast<std::uint8_t>(level), search(last) != level};
   }
 }
 
-int DisplayScale::level(double v) const {
-  if (!(v > 0.0)) return 0;  // also NaN
+int DisplayScale::search(double v) const {
+  if (!(v > 0.0)) return 0;
   if (v >= at95_) return kTopLevel;
-  int level = cellLevel_[std::min(static_cast<int>(v * cellsPerUnit_), kCells)];
-  while (v >= threshold_[level + 1]) ++level;
-  while (v < threshold_[level]) --level;
-  return level;
+  const auto above = std::upper_bound(threshold_.begin() + 1, threshold_.begin() + kTopLevel + 1, v);
+  return static_cast<int>(above - threshold_.begin()) - 1;
 }
 
 PointGeometry::PointGeometry(std::uint64_t signature, double rangeOffset)
-    : signature_(signature),
-      rangeOffset_(rangeOffset),
-      scan_(1u << 18, Direction{std::numeric_limits<double>::quiet_NaN(), 0.0}) {}
-
-void PointGeometry::aimPan(std::uint32_t panCount) {
-  const double pan = CalculatePanAngle(panCount);
-  cosPan_ = std::cos(pan);
-  sinPan_ = std::sin(pan);
-  panCount_ = panCount;
-}
-
-void PointGeometry::fillScan(std::uint32_t scanCount) {
-  const double scan = CalculateScanAngle(scanCount, signature_);
-  scan_[scanCount] = {std::cos(scan), std::sin(scan)};
-}
+    : rangeOffset_(rangeOffset),
+      pan_(20, [](std::uint32_t count) { return CalculatePanAngle(count); }),
+      scan_(18, [signature](std::uint32_t count) { return CalculateScanAngle(count, signature); }) {}
 
 }  // namespace kvrscan

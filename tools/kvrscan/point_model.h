@@ -1,8 +1,12 @@
 #pragma once
 
 #include <array>
+#include <bit>
+#include <cmath>
 #include <cstdint>
 #include <vector>
+
+#include "palette.h"
 
 namespace kvrscan {
 
@@ -17,6 +21,17 @@ struct IntensityModel {
   double intensityAt95 = 1.0;
   double gamma = 0.5;
 };
+
+// The library's CalculateRange (metres from a return's stop count and its
+// shot's T0 count, -1 when the stop lies before the start), with its constants
+// and multiplications in the same order, so the two agree to the bit (a test
+// holds them to it). Inlined here because the export's inner loop calls it for
+// every return.
+inline double RangeOf(std::uint32_t stop, std::uint32_t start) {
+  const double counts = static_cast<double>(stop) - static_cast<double>(start);
+  if (counts < 0.0) return -1.0;
+  return counts * 13.020833333333334 * 1e-12 * 0.5 * 299704764.3859407;
+}
 
 // What the map's sample rule makes of one return.
 enum class ReturnClass { kInvalid, kOutOfRange, kInRange };
@@ -46,66 +61,115 @@ class IntensityNormalizer {
 };
 
 // Display level of a normalized intensity v: round(kTopLevel (v / intensityAt95)^gamma),
-// v clamped to [0, intensityAt95]. Defined by the level's lower thresholds, so
-// it needs no pow per value: a cell table over v / intensityAt95 gives the level
-// at once almost everywhere, and the thresholds settle the few cells that hold
-// a level boundary. A non-positive or non-finite intensityAt95 or gamma (a
-// damaged map) is taken as 1.
+// v clamped to [0, intensityAt95]. Defined by the levels' lower thresholds, so
+// no pow is taken per value: a table over the leading bits of v (its exponent
+// and ten bits of mantissa: cells of 1/1024 relative width below
+// intensityAt95) gives the level at each cell's start and whether the next
+// level's threshold falls inside the cell; a cell spans less than one level for
+// any gamma below 4, so one comparison settles those few cells. Values more
+// than 2^64 below intensityAt95, and gammas of 4 and above, take a binary
+// search. A non-positive or non-finite intensityAt95 or gamma (a damaged map)
+// is taken as 1.
 class DisplayScale {
  public:
   explicit DisplayScale(double intensityAt95, double gamma);
-  int level(double v) const;
+
+  int level(double v) const {
+    if (!(v > 0.0)) return 0;  // also NaN
+    if (v >= at95_) return kTopLevel;
+    const std::uint64_t bits = std::bit_cast<std::uint64_t>(v);
+    const auto exponent = static_cast<std::int64_t>(bits >> 52) - lowestExponent_;
+    if (exponent < 0 || cell_.empty()) return search(v);
+    const Cell cell = cell_[static_cast<std::size_t>(exponent << kMantissaBits | (bits >> (52 - kMantissaBits) & kMantissaMask))];
+    return cell.level + (cell.split && v >= threshold_[cell.level + 1u]);
+  }
+
   double intensityAt95() const { return at95_; }
   double gamma() const { return gamma_; }
 
  private:
-  static constexpr int kCells = 4096;
-  double at95_, gamma_, cellsPerUnit_;
-  std::vector<double> threshold_;  // threshold_[k]: lowest v of level k (k >= 1)
-  std::vector<std::uint8_t> cellLevel_;
+  static constexpr int kMantissaBits = 10;
+  static constexpr std::uint64_t kMantissaMask = (1u << kMantissaBits) - 1;
+  struct Cell {
+    std::uint8_t level;  // at the cell's first value
+    bool split;          // the next level begins inside the cell
+  };
+
+  int search(double v) const;
+
+  double at95_, gamma_;
+  std::int64_t lowestExponent_ = 0;
+  std::array<double, kTopLevel + 2> threshold_{};  // threshold_[k]: lowest v of level k; -inf, ..., +inf
+  std::vector<Cell> cell_;
+};
+
+// Sine and cosine of an angle that is linear in a whole-number count, for any
+// count below 2^bits: the count splits into a high and a low half, each with
+// its own small table (they stay in the first-level cache), and the angle sum
+// joins them. The tables hold the sines and cosines of the library's own
+// angles, at the high half's counts and of the low half's steps, so the result
+// differs from std::sin and std::cos of the library's angle only in the last
+// bits of a double.
+class CountTrig {
+ public:
+  // angle(count): the library's angle of an encoder count, in radians.
+  template <typename Angle>
+  CountTrig(int bits, Angle angle) : lowBits_(bits / 2), low_(std::size_t{1} << (bits / 2)),
+                                     high_(std::size_t{1} << (bits - bits / 2)) {
+    const double zero = angle(0u);
+    for (std::uint32_t i = 0; i < low_.size(); ++i) {
+      const double step = angle(i) - zero;
+      low_[i] = {std::cos(step), std::sin(step)};
+    }
+    for (std::uint32_t i = 0; i < high_.size(); ++i) {
+      const double a = angle(i << lowBits_);
+      high_[i] = {std::cos(a), std::sin(a)};
+    }
+  }
+
+  void operator()(std::uint32_t count, double& cosine, double& sine) const {
+    const CosSin& h = high_[(count >> lowBits_) & (high_.size() - 1)];
+    const CosSin& l = low_[count & (low_.size() - 1)];
+    cosine = h.cos * l.cos - h.sin * l.sin;
+    sine = h.sin * l.cos + h.cos * l.sin;
+  }
+
+ private:
+  struct CosSin {
+    double cos, sin;
+  };
+  int lowBits_;
+  std::vector<CosSin> low_, high_;
 };
 
 // Points in the scanner's own frame: x = r cos(scan) cos(pan),
 // y = r cos(scan) sin(pan), z = r sin(scan), r = range + range offset; pan and
 // scan are the library's angles of the shot's encoder counts (the scan angle as
-// the file's scanner model defines it). Sines and cosines of the 2^18 scan
-// counts are tabled as they are first met; the pan's are kept for the last pan
-// count, which stays the same along a scan line.
+// the file's scanner model defines it).
 class PointGeometry {
  public:
   PointGeometry(std::uint64_t signature, double rangeOffset);
 
   void aim(std::uint32_t panCount, std::uint32_t scanCount) {
-    if (panCount != panCount_) aimPan(panCount);
-    const Direction& scan = scan_[scanCount & 0x3FFFF];
-    if (scan.cos != scan.cos) fillScan(scanCount & 0x3FFFF);  // NaN: not computed yet
-    cosScan_ = scan_[scanCount & 0x3FFFF].cos;
-    sinScan_ = scan_[scanCount & 0x3FFFF].sin;
+    pan_(panCount, cosPan_, sinPan_);
+    scan_(scanCount, cosScan_, sinScan_);
   }
 
-  void place(double range, double& x, double& y, double& z) const {
+  template <typename T>
+  void place(double range, T& x, T& y, T& z) const {
     const double r = range + rangeOffset_;
     const double horizontal = r * cosScan_;
-    x = horizontal * cosPan_;
-    y = horizontal * sinPan_;
-    z = r * sinScan_;
+    x = static_cast<T>(horizontal * cosPan_);
+    y = static_cast<T>(horizontal * sinPan_);
+    z = static_cast<T>(r * sinScan_);
   }
 
   double rangeOffset() const { return rangeOffset_; }
 
  private:
-  struct Direction {
-    double cos;
-    double sin;
-  };
-  void aimPan(std::uint32_t panCount);
-  void fillScan(std::uint32_t scanCount);
-
-  std::uint64_t signature_;
   double rangeOffset_;
-  std::uint32_t panCount_ = ~0u;
+  CountTrig pan_, scan_;
   double cosPan_ = 1.0, sinPan_ = 0.0, cosScan_ = 1.0, sinScan_ = 0.0;
-  std::vector<Direction> scan_;
 };
 
 // Line numbers of shots as a scan file map gives them: line L begins at the

@@ -13,7 +13,9 @@ namespace kvrscan {
 
 namespace {
 
-constexpr std::size_t kBufferSize = 1u << 22;
+// Written out when this full: small enough to stay in the processor's cache.
+constexpr std::size_t kBufferSize = std::size_t{1} << 18;
+constexpr std::size_t kBufferRoom = std::size_t{1} << 21;  // what one write() may add at most
 constexpr int kCountWidth = 20;  // digits of any 64-bit count
 
 std::string Lowercase(std::string_view text) {
@@ -22,16 +24,8 @@ std::string Lowercase(std::string_view text) {
   return out;
 }
 
-template <typename T>
-char* Put(char* at, T value) {
-  std::memcpy(at, &value, sizeof value);  // the machine is little-endian, as the file
-  return at + sizeof value;
-}
-
 class PlyWriter final : public PointWriter {
  public:
-  static constexpr std::size_t kRecordSize = 31;
-
   PlyWriter(std::string path, std::FILE* out, const std::vector<std::string>& comments)
       : PointWriter(std::move(path), out) {
     std::string header = "ply\nformat binary_little_endian 1.0\n";
@@ -43,27 +37,12 @@ class PlyWriter final : public PointWriter {
         "property float x\nproperty float y\nproperty float z\nproperty ushort intensity\n"
         "property uchar return_number\nproperty uchar number_of_returns\nproperty int line\n"
         "property double time\nproperty uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n";
-    buffer_.insert(buffer_.end(), header.begin(), header.end());
+    std::memcpy(claim(header.size()), header.data(), header.size());
   }
 
  private:
   void encode(std::span<const PointRecord> points) override {
-    const std::size_t start = buffer_.size();
-    buffer_.resize(start + points.size() * kRecordSize);
-    char* at = buffer_.data() + start;
-    for (const PointRecord& p : points) {
-      at = Put(at, static_cast<float>(p.x));
-      at = Put(at, static_cast<float>(p.y));
-      at = Put(at, static_cast<float>(p.z));
-      at = Put(at, p.intensity);
-      at = Put(at, p.returnNumber);
-      at = Put(at, p.numberOfReturns);
-      at = Put(at, p.line);
-      at = Put(at, p.time);
-      at = Put(at, p.colour.r);
-      at = Put(at, p.colour.g);
-      at = Put(at, p.colour.b);
-    }
+    std::memcpy(claim(points.size_bytes()), points.data(), points.size_bytes());
   }
 
   void complete() override {
@@ -84,7 +63,7 @@ class CsvWriter final : public PointWriter {
     std::string header;
     for (const std::string& comment : comments) header += "# " + comment + "\n";
     header += "x,y,z,intensity,return_number,number_of_returns,line,time,red,green,blue\n";
-    buffer_.insert(buffer_.end(), header.begin(), header.end());
+    std::memcpy(claim(header.size()), header.data(), header.size());
   }
 
  private:
@@ -92,26 +71,25 @@ class CsvWriter final : public PointWriter {
 
   void encode(std::span<const PointRecord> points) override {
     for (const PointRecord& p : points) {
-      const std::size_t start = buffer_.size();
-      buffer_.resize(start + kMaxRow);
-      char* at = buffer_.data() + start;
+      char* const start = claim(kMaxRow);
+      char* at = start;
       char* const end = at + kMaxRow;
       const auto number = [&](auto value, char separator) {
         at = std::to_chars(at, end, value).ptr;
         *at++ = separator;
       };
-      number(static_cast<float>(p.x), ',');
-      number(static_cast<float>(p.y), ',');
-      number(static_cast<float>(p.z), ',');
+      number(float{p.x}, ',');
+      number(float{p.y}, ',');
+      number(float{p.z}, ',');
       number(unsigned{p.intensity}, ',');
       number(unsigned{p.returnNumber}, ',');
       number(unsigned{p.numberOfReturns}, ',');
-      number(p.line, ',');
-      number(p.time, ',');
+      number(std::int32_t{p.line}, ',');
+      number(double{p.time}, ',');
       number(unsigned{p.colour.r}, ',');
       number(unsigned{p.colour.g}, ',');
       number(unsigned{p.colour.b}, '\n');
-      buffer_.resize(static_cast<std::size_t>(at - buffer_.data()));
+      used_ -= static_cast<std::size_t>(end - at);  // give back what the row did not need
     }
   }
 };
@@ -132,7 +110,6 @@ std::unique_ptr<PointWriter> PointWriter::Open(const std::string& path, PointFor
   std::unique_ptr<PointWriter> writer;
   if (format == PointFormat::kPly) writer = std::make_unique<PlyWriter>(path, out, comments);
   else writer = std::make_unique<CsvWriter>(path, out, comments);
-  writer->buffer_.reserve(kBufferSize + 256 * 160);
   return writer;
 }
 
@@ -144,17 +121,24 @@ PointWriter::~PointWriter() {
   }
 }
 
+char* PointWriter::claim(std::size_t bytes) {
+  if (!buffer_) buffer_ = std::make_unique_for_overwrite<char[]>(kBufferRoom);
+  if (used_ + bytes > kBufferRoom) flushBuffer();
+  if (bytes > kBufferRoom) throw FileError(path_, "too many points in one write");
+  char* at = buffer_.get() + used_;
+  used_ += bytes;
+  return at;
+}
+
 void PointWriter::write(std::span<const PointRecord> points) {
   encode(points);
   count_ += points.size();
-  if (buffer_.size() >= kBufferSize) flushBuffer();
+  if (used_ >= kBufferSize) flushBuffer();
 }
 
 void PointWriter::flushBuffer() {
-  if (!buffer_.empty() && std::fwrite(buffer_.data(), 1, buffer_.size(), out_) != buffer_.size()) {
-    fail("write failed");
-  }
-  buffer_.clear();
+  if (used_ > 0 && std::fwrite(buffer_.get(), 1, used_, out_) != used_) fail("write failed");
+  used_ = 0;
 }
 
 void PointWriter::fail(const char* what) {

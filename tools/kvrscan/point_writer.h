@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -13,16 +14,22 @@
 
 namespace kvrscan {
 
-// One exported return.
+// One exported return, laid out as a vertex of the PLY file (31 bytes, packed,
+// in the machine's byte order, which is the file's): a batch of them goes out
+// as it is.
+#pragma pack(push, 1)
 struct PointRecord {
-  double x = 0.0, y = 0.0, z = 0.0;  // metres, scanner frame; stored as float
-  std::uint16_t intensity = 0;       // raw 12-bit intensity
-  std::uint8_t returnNumber = 0;     // 1 for the first return of its shot
-  std::uint8_t numberOfReturns = 0;  // return words the shot carries
-  std::int32_t line = -1;            // scan line of the map, -1 before the first
-  double time = 0.0;                 // seconds; time of week with a tick file; -1 when unknown
+  float x = 0.0f, y = 0.0f, z = 0.0f;  // metres, scanner frame
+  std::uint16_t intensity = 0;         // raw 12-bit intensity
+  std::uint8_t returnNumber = 0;       // 1 for the first return of its shot
+  std::uint8_t numberOfReturns = 0;    // return words the shot carries
+  std::int32_t line = -1;              // scan line of the map, -1 before the first
+  double time = 0.0;                   // seconds; time of week with a tick file; -1 when unknown
   Rgb colour;
 };
+#pragma pack(pop)
+static_assert(sizeof(PointRecord) == 31, "a PLY vertex is 31 bytes");
+static_assert(std::endian::native == std::endian::little, "PLY vertices are written as they lie in memory");
 
 enum class PointFormat { kPly, kCsv };
 
@@ -61,7 +68,10 @@ class PointWriter {
 
   std::string path_;
   std::FILE* out_;
-  std::vector<char> buffer_;
+  // Bytes waiting to be written; reserved once and never zero-filled.
+  char* claim(std::size_t bytes);
+  std::unique_ptr<char[]> buffer_;
+  std::size_t used_ = 0;
   std::uint64_t count_ = 0;
   bool finished_ = false;
 };
