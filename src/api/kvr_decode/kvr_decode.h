@@ -10,3 +10,4 @@
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
 #include "kvr_decode/optical_model.h"
+#include "kvr_decode/scan_file_map.h"

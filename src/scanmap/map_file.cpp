@@ -1,0 +1,344 @@
+#include "scanmap/map_file.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "diag/error_manager.h"
+#include "platform/file_system.h"
+#include "platform/little_endian.h"
+#include "platform/stream_reader.h"
+#include "scanmap/header_texts.h"
+#include "scanmap/map_record.h"
+
+namespace kvr::scanmap {
+
+namespace {
+
+constexpr std::string_view kSaveContext = "int SaveScanFileMap(char *scanFileName, ScanFileMap &scanFileMap)";
+constexpr std::string_view kLoadContext = "int LoadScanFileMap(wchar_t *filename, ScanFileMap &scanFileMap)";
+constexpr std::string_view kOpenFailedMessage = "Error openning file";
+constexpr char kMapSignature[8] = {'#', 'K', 'V', 'R', 'M', 'A', 'P', 'F'};
+constexpr std::size_t kNameField = sizeof(ScanFileMap::scanFileName);
+
+bool HasMapSignature(const ScanFileMap& map) {
+  return std::memcmp(map.mapSignature, kMapSignature, sizeof kMapSignature) == 0;
+}
+
+// Little-endian fields gathered in a buffer and written in large pieces.
+class MapWriter {
+ public:
+  explicit MapWriter(std::FILE* out) : out_(out) { buffer_.reserve(kChunk + 64); }
+  ~MapWriter() { Flush(); }
+  MapWriter(const MapWriter&) = delete;
+  MapWriter& operator=(const MapWriter&) = delete;
+
+  void u16(std::uint16_t v) { Put(v, 2); }
+  void u32(std::uint32_t v) { Put(v, 4); }
+  void i32(std::int32_t v) { Put(static_cast<std::uint32_t>(v), 4); }
+  void u64(std::uint64_t v) { Put(v, 8); }
+  void f32(float v) { Put(std::bit_cast<std::uint32_t>(v), 4); }
+  void f64(double v) { Put(std::bit_cast<std::uint64_t>(v), 8); }
+  void bytes(const void* data, std::size_t n) {
+    const auto* p = static_cast<const std::uint8_t*>(data);
+    buffer_.insert(buffer_.end(), p, p + n);
+    if (buffer_.size() >= kChunk) Flush();
+  }
+  void zeros(std::size_t n) {
+    buffer_.insert(buffer_.end(), n, 0);
+    if (buffer_.size() >= kChunk) Flush();
+  }
+  void Flush() {
+    if (!buffer_.empty()) std::fwrite(buffer_.data(), 1, buffer_.size(), out_);
+    buffer_.clear();
+  }
+
+ private:
+  static constexpr std::size_t kChunk = 64 * 1024;
+  void Put(std::uint64_t v, int n) {
+    for (int i = 0; i < n; ++i) buffer_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    if (buffer_.size() >= kChunk) Flush();
+  }
+  std::FILE* out_;
+  std::vector<std::uint8_t> buffer_;
+};
+
+void WriteText(MapWriter& out, std::uint32_t length, const char* text) {
+  out.u32(length);
+  if (text != nullptr) {
+    out.bytes(text, length);
+  } else {
+    out.zeros(length);  // keeps the layout of a record whose text was never read
+  }
+}
+
+void WriteHeaderSection(MapWriter& out, const RawFileHeader& h) {
+  out.bytes(h.signature, sizeof h.signature);
+  out.u32(h.headerLayout);
+  out.u32(h.dataOffset);
+  for (std::uint32_t word : h.headerWords) out.u32(word);
+  out.bytes(h.idText1, sizeof h.idText1);
+  out.u32(h.idValue);
+  out.bytes(h.idText2, sizeof h.idText2);
+  out.bytes(h.idText3, sizeof h.idText3);
+  out.bytes(h.idText4, sizeof h.idText4);
+  out.u32(h.scanWord0);
+  for (float f : {h.scanStartAngle, h.scanEndAngle, h.angularSpeed, h.sweepStartAngle, h.sweepEndAngle, h.lineRate}) {
+    out.f32(f);
+  }
+  out.u32(h.prf);
+  for (std::uint32_t word : h.scanTailWords) out.u32(word);
+  WriteText(out, h.calibrationTextLength, h.calibrationText);
+  WriteText(out, h.parameterTextLength, h.parameterText);
+  WriteText(out, h.thirdTextLength, h.thirdText);
+  WriteText(out, h.fourthTextLength, h.fourthText);
+}
+
+// Consumes up to n bytes without keeping them; a length beyond the file ends at
+// its end, so nothing is committed for bytes that are not there.
+void Skip(std::FILE* in, std::uint64_t n) {
+  std::uint8_t scratch[4096];
+  while (n > 0) {
+    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(n, sizeof scratch));
+    const std::size_t got = stream::ReadBytes(in, scratch, want);
+    if (got < want) return;
+    n -= got;
+  }
+}
+
+// The values of one entry's eventShots. They are read in pieces and kept as
+// they arrive, so a hostile count costs no more memory than the file holds. A
+// value cut short by the end of the file keeps the bytes that arrived over the
+// previous value, as every other field does.
+void ReadEventShots(std::FILE* in, std::int32_t count, std::uint32_t& value, std::vector<std::uint32_t>& out) {
+  out.clear();
+  std::uint8_t piece[4096];
+  std::uint64_t left = count > 0 ? static_cast<std::uint64_t>(count) : 0;
+  while (left > 0) {
+    const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(left, sizeof piece / 4)) * 4;
+    const std::size_t got = stream::ReadBytes(in, piece, want);
+    for (std::size_t at = 0; at + 4 <= got; at += 4) {
+      value = le::LoadU32(piece + at);
+      out.push_back(value);
+    }
+    if (got < want) {
+      if (got % 4 != 0) {
+        std::uint8_t image[4];
+        le::StoreU32(image, value);
+        std::memcpy(image, piece + got - got % 4, got % 4);
+        value = le::LoadU32(image);
+        out.push_back(value);
+      }
+      return;
+    }
+    left -= want / 4;
+  }
+}
+
+void ReadEntries(std::FILE* in, ScanFileMap& map) {
+  std::int32_t entryCount = 0;
+  stream::ReadLe(in, entryCount);
+  // The fields of one record outlive it, as the reader's own variables would:
+  // a record cut short keeps what the previous one left in them.
+  std::int32_t key = 0;
+  std::uint32_t blockNumber = 0;
+  std::uint32_t shotIndexInBlock = 0;
+  std::int32_t lineFlag = 0;
+  std::int32_t shotCount = 0;
+  std::int32_t eventCount = 0;
+  std::uint32_t eventValue = 0;
+  std::vector<std::uint32_t> events;
+  for (std::int32_t e = 0; e < entryCount; ++e) {
+    // A record of which not one byte is left ends the list.
+    const int next = std::fgetc(in);
+    if (next == EOF) break;
+    std::ungetc(next, in);
+    stream::ReadLe(in, key);
+    stream::ReadLe(in, blockNumber);
+    stream::ReadLe(in, shotIndexInBlock);
+    stream::ReadLe(in, lineFlag);
+    stream::ReadLe(in, shotCount);
+    stream::ReadLe(in, eventCount);
+    ReadEventShots(in, eventCount, eventValue, events);
+    ScanLineEntry& entry = map.scanLines[key];
+    entry.blockNumber = blockNumber;
+    entry.shotIndexInBlock = shotIndexInBlock;
+    entry.lineFlag = lineFlag;
+    entry.shotCount = shotCount;
+    entry.statusWordOffset = -1;
+    entry.eventShots = events;
+  }
+}
+
+// A header text: its length, then its bytes, into a fresh zero-terminated
+// buffer that the record owns, returned in place of `previous`, which is
+// released. The buffer holds what the file actually has, and the length says
+// so. (The header's text pointers are packed fields: they are assigned, never
+// bound to references.)
+char* ReadText(std::FILE* in, std::uint32_t& length, char* previous) {
+  stream::ReadLe(in, length);
+  std::vector<char> bytes;
+  std::size_t want = length;
+  while (want > 0) {
+    char piece[4096];
+    const std::size_t n = std::min(want, sizeof piece);
+    const std::size_t got = stream::ReadBytes(in, piece, n);
+    bytes.insert(bytes.end(), piece, piece + got);
+    if (got < n) break;
+    want -= n;
+  }
+  ReleaseHeaderText(previous);
+  length = static_cast<std::uint32_t>(bytes.size());
+  return NewHeaderText(bytes.data(), bytes.size());
+}
+
+void ReadHeaderSection(std::FILE* in, RawFileHeader& h) {
+  stream::ReadBytes(in, h.signature, sizeof h.signature);
+  stream::ReadLe(in, h.headerLayout);
+  stream::ReadLe(in, h.dataOffset);
+  for (std::uint32_t& word : h.headerWords) stream::ReadLe(in, word);
+  stream::ReadBytes(in, h.idText1, sizeof h.idText1);
+  stream::ReadLe(in, h.idValue);
+  stream::ReadBytes(in, h.idText2, sizeof h.idText2);
+  stream::ReadBytes(in, h.idText3, sizeof h.idText3);
+  stream::ReadBytes(in, h.idText4, sizeof h.idText4);
+  stream::ReadLe(in, h.scanWord0);
+  for (float* f : {&h.scanStartAngle, &h.scanEndAngle, &h.angularSpeed, &h.sweepStartAngle, &h.sweepEndAngle,
+                   &h.lineRate}) {
+    stream::ReadLe(in, *f);
+  }
+  stream::ReadLe(in, h.prf);
+  for (std::uint32_t& word : h.scanTailWords) stream::ReadLe(in, word);
+  h.calibrationText = ReadText(in, h.calibrationTextLength, h.calibrationText);
+  h.parameterText = ReadText(in, h.parameterTextLength, h.parameterText);
+  h.thirdText = ReadText(in, h.thirdTextLength, h.thirdText);
+  h.fourthText = ReadText(in, h.fourthTextLength, h.fourthText);
+}
+
+// The stored name goes into the 1024-byte field as it is; a longer one keeps
+// its first 1024 bytes and the rest is passed over, so the fields after it are
+// read from where the file has them. The field always ends up terminated.
+void ReadName(std::FILE* in, ScanFileMap& map) {
+  std::int32_t length = 0;
+  stream::ReadLe(in, length);
+  // A negative length reads as a size no file reaches: the rest of the file.
+  const std::uint64_t stored = length >= 0 ? static_cast<std::uint64_t>(length) : UINT64_MAX;
+  const std::size_t inField = static_cast<std::size_t>(std::min<std::uint64_t>(stored, kNameField));
+  const std::size_t got = stream::ReadBytes(in, map.scanFileName, inField);
+  if (got == inField) Skip(in, stored - inField);
+  if (std::memchr(map.scanFileName, 0, kNameField) == nullptr) map.scanFileName[kNameField - 1] = 0;
+}
+
+}  // namespace
+
+int SaveMapFile(const wchar_t* fileName, ScanFileMap& map) {
+  std::FILE* file = platform::OpenFile(fileName, "wb");
+  if (file == nullptr) {
+    Log(kSaveContext, std::string(kOpenFailedMessage), {platform::NarrowStorageBytes(fileName)});
+    return -1;
+  }
+  {
+    MapWriter out(file);
+    out.i32(map.currentLineFlag);
+    out.i32(map.maxShotsPerLine);
+    out.i32(map.numberOfScanLines);
+    out.i32(map.shotsInCurrentLine);
+    out.u32(map.spareA);
+    out.u16(map.maxReturnsPerShot);
+    out.u32(map.dataStartOffset);
+    std::memcpy(map.mapSignature, kMapSignature, sizeof kMapSignature);
+    out.bytes(map.mapSignature, sizeof map.mapSignature);
+    out.i32(map.blockCount);
+    out.i32(map.maxShotsPerBlock);
+    const std::size_t nameLength = strnlen(map.scanFileName, kNameField - 1);
+    out.i32(static_cast<std::int32_t>(nameLength + 1));
+    out.bytes(map.scanFileName, nameLength);
+    out.zeros(1);
+
+    out.u32(static_cast<std::uint32_t>(map.scanLines.size()));
+    for (const auto& [key, entry] : map.scanLines) {
+      out.i32(key);
+      out.u32(entry.blockNumber);
+      out.u32(entry.shotIndexInBlock);
+      out.i32(entry.lineFlag);
+      out.i32(entry.shotCount);
+      const auto eventCount = static_cast<std::int32_t>(entry.eventShots.size());
+      out.i32(eventCount);
+      for (std::int32_t k = 0; k < eventCount; ++k) out.u32(entry.eventShots[static_cast<std::size_t>(k)]);
+    }
+    out.u32(map.spareB);
+    out.f32(map.shotsPerLineEstimate);
+    WriteHeaderSection(out, map.fileHeader);
+
+    out.f64(map.binWidth);
+    // The slot of the maximum carries the minimum: that is the file format.
+    out.f64(map.minNormalizedIntensity);
+    out.f64(map.minNormalizedIntensity);
+    for (double a : {map.a1, map.a2, map.a3, map.a4, map.a5}) out.f64(a);
+    out.f64(map.intensityAt95);
+    // The histogram does not outlive a build, so the file carries no bins.
+    map.numberOfBins = 0;
+    out.i32(map.numberOfBins);
+    out.f64(map.gamma);
+    out.u32(map.validSampleCount);
+
+    if (HasMapSignature(map)) {
+      out.u32(static_cast<std::uint32_t>(map.mapVersion));
+      if (map.mapVersion == 1 || map.mapVersion == 2) {
+        for (std::size_t i = 0; i < 4; ++i) out.u64(i < map.returnCounts.size() ? map.returnCounts[i] : 0);
+      }
+      if (map.mapVersion == 2) out.f64(map.binWidth);
+    }
+  }
+  std::fflush(file);
+  std::fclose(file);
+  return 0;
+}
+
+int LoadMapFile(const wchar_t* fileName, ScanFileMap& map) {
+  std::FILE* file = platform::OpenFile(fileName, "rb");
+  if (file == nullptr) {
+    Log(kLoadContext, std::string(kOpenFailedMessage), {platform::NarrowStorageBytes(fileName)});
+    return -1;
+  }
+  InitializeScanFileMap(map);
+  stream::ReadLe(file, map.currentLineFlag);
+  stream::ReadLe(file, map.maxShotsPerLine);
+  stream::ReadLe(file, map.numberOfScanLines);
+  stream::ReadLe(file, map.shotsInCurrentLine);
+  stream::ReadLe(file, map.spareA);
+  stream::ReadLe(file, map.maxReturnsPerShot);
+  stream::ReadLe(file, map.dataStartOffset);
+  stream::ReadBytes(file, map.mapSignature, sizeof map.mapSignature);
+  stream::ReadLe(file, map.blockCount);
+  stream::ReadLe(file, map.maxShotsPerBlock);
+  ReadName(file, map);
+  ReadEntries(file, map);
+  stream::ReadLe(file, map.spareB);
+  stream::ReadLe(file, map.shotsPerLineEstimate);
+  ReadHeaderSection(file, map.fileHeader);
+
+  stream::ReadLe(file, map.binWidth);
+  stream::ReadLe(file, map.minNormalizedIntensity);
+  stream::ReadLe(file, map.minNormalizedIntensity);
+  for (double* a : {&map.a1, &map.a2, &map.a3, &map.a4, &map.a5}) stream::ReadLe(file, *a);
+  stream::ReadLe(file, map.intensityAt95);
+  stream::ReadLe(file, map.numberOfBins);
+  stream::ReadLe(file, map.gamma);
+  stream::ReadLe(file, map.validSampleCount);
+  // Two runs of numberOfBins doubles that the map does not keep.
+  if (map.numberOfBins > 0) Skip(file, 2 * 8 * static_cast<std::uint64_t>(map.numberOfBins));
+
+  if (HasMapSignature(map)) {
+    stream::ReadLe(file, map.mapVersion);
+    if (map.mapVersion == 1 || map.mapVersion == 2) {
+      for (std::size_t i = 0; i < 4; ++i) stream::ReadLe(file, map.returnCounts[i]);
+    }
+    if (map.mapVersion == 2) stream::ReadLe(file, map.binWidth);
+  }
+  std::fclose(file);
+  return 0;
+}
+
+}  // namespace kvr::scanmap

@@ -1,0 +1,170 @@
+#pragma once
+
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "kvr_decode/scan_file_map.h"
+#include "optics/conversions.h"
+#include "platform/little_endian.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+// How the returns of a shot become samples of normalized intensity.
+namespace kvr::scanmap {
+
+// The in-range returns of one block, gathered so that their normalized
+// intensities come out of one straight loop instead of one branchy shot walk.
+// A block holds at most (65536 - 12 - 8) / 4 return words; four more slots take
+// the unconditional stores of the last shot.
+struct SampleBatch {
+  static constexpr std::size_t kCapacity = 16384 + 4;
+  std::size_t count = 0;
+  // A return word with its stop count replaced by stop - start: an in-range
+  // difference lies in 1 .. 2^20 - 1, so it keeps the word's 20 bits, and the
+  // raw intensity its 12.
+  std::unique_ptr<std::uint32_t[]> sample{new std::uint32_t[kCapacity]};
+  std::unique_ptr<double[]> value{new double[kCapacity]};  // normalized intensity
+  std::unique_ptr<std::int32_t[]> bin{new std::int32_t[kCapacity]};
+};
+
+// The five-parameter intensity model. The base intensity depends only on the
+// 12-bit raw value and on a1, a2, which are fixed for one build, so it is
+// tabulated once: the table holds exactly what pow would return per sample.
+class IntensityModel {
+ public:
+  explicit IntensityModel(const ScanFileMap& map);
+
+  double Base(std::uint32_t rawIntensity) const { return base_[rawIntensity & 0xFFF]; }
+
+  // Normalized intensity at range r (without the range offset).
+  double Normalized(double r, double base) const {
+    const double x = r / a5_ - a5_ / r;
+    return a3_ * (x * x + a4_) * base;
+  }
+
+  // The same for every sample of a batch, its range computed from the count
+  // difference by the chain of CalculateRange.
+  void Normalize(SampleBatch& batch) const;
+
+ private:
+  std::array<double, 4096> base_{};
+  double a3_;
+  double a4_;
+  double a5_;
+};
+
+enum class SampleKind { kInvalid, kOutOfRange, kInRange };
+
+// Which count differences (stop - start) give a sample. A difference of 0 or
+// less is an invalid return; the range grows with the difference, so the
+// returns whose range plus the offset lies in (0.1, 2040.0] are one interval
+// of differences, found once per offset. A return is then classified with two
+// integer comparisons, and its range is computed by the same chain as
+// CalculateRange.
+class RangeWindow {
+ public:
+  explicit RangeWindow(double rangeOffset);
+
+  double rangeOffset() const { return rangeOffset_; }
+
+  SampleKind Classify(std::uint32_t stop, std::uint32_t start) const {
+    const std::int32_t d = Difference(stop, start);
+    if (d <= 0) return SampleKind::kInvalid;
+    return InRange(d) ? SampleKind::kInRange : SampleKind::kOutOfRange;
+  }
+
+  static std::int32_t Difference(std::uint32_t stop, std::uint32_t start) {
+    return static_cast<std::int32_t>(stop & 0xFFFFF) - static_cast<std::int32_t>(start);
+  }
+  bool InRange(std::int32_t d) const { return (d >= first_) & (d <= last_); }
+  std::int32_t first() const { return first_; }
+  std::int32_t last() const { return last_; }
+  static double Range(std::int32_t d) { return optics::Range(static_cast<std::uint32_t>(d), 0); }
+
+ private:
+  double rangeOffset_;
+  // An empty window is first 1, last 0.
+  std::int32_t first_ = 1;
+  std::int32_t last_ = 0;
+};
+
+// Which of a shot's first four returns were in range, one bit per position,
+// tallied per block so that the per-position counts cost one increment a shot.
+struct PositionTally {
+  std::uint64_t shotsWithMask[16] = {};
+
+  // Adds the tallied positions to four counters and starts afresh.
+  void AddTo(std::uint64_t* positions) {
+    for (std::uint32_t mask = 1; mask < 16; ++mask) {
+      for (std::uint32_t k = 0; k < 4; ++k) positions[k] += ((mask >> k) & 1) * shotsWithMask[mask];
+      shotsWithMask[mask] = 0;
+    }
+    shotsWithMask[0] = 0;
+  }
+};
+
+// Appends the in-range returns of one shot (return words at `words`, `count` of
+// them) to the batch and, on the first pass, tallies their positions. Returns
+// false when one of them is invalid. A shot of up to four returns is handled
+// as one vector of four words without a branch per return: the return count
+// changes from shot to shot, and a mispredicted loop costs more than the
+// words. `words` must be followed by at least 16 readable bytes.
+template <bool kTallyPositions>
+inline bool GatherReturns(const std::uint8_t* words, std::uint32_t count, std::uint32_t start,
+                          const RangeWindow& window, SampleBatch& batch, PositionTally* tally) {
+  std::size_t n = batch.count;
+  bool invalid = false;
+  std::uint32_t mask = 0;
+#if defined(__SSE2__)
+  if (count <= 4) {
+    const std::uint32_t active = (1u << count) - 1;
+    const __m128i word = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words));
+    const __m128i d = _mm_sub_epi32(_mm_and_si128(word, _mm_set1_epi32(0xFFFFF)),
+                                    _mm_set1_epi32(static_cast<std::int32_t>(start)));
+    const __m128i outside = _mm_or_si128(_mm_cmplt_epi32(d, _mm_set1_epi32(window.first())),
+                                         _mm_cmpgt_epi32(d, _mm_set1_epi32(window.last())));
+    const __m128i notPositive = _mm_cmplt_epi32(d, _mm_set1_epi32(1));
+    mask = ~static_cast<std::uint32_t>(_mm_movemask_ps(_mm_castsi128_ps(outside))) & active;
+    invalid = (static_cast<std::uint32_t>(_mm_movemask_ps(_mm_castsi128_ps(notPositive))) & active) != 0;
+    // Each word with its stop count replaced by the difference. When every
+    // return is in range, one store covers the shot.
+    const __m128i packed = _mm_or_si128(_mm_and_si128(word, _mm_set1_epi32(static_cast<std::int32_t>(0xFFF00000u))),
+                                        _mm_and_si128(d, _mm_set1_epi32(0xFFFFF)));
+    if (mask == active) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(batch.sample.get() + n), packed);
+      n += count;
+    } else {
+      std::uint32_t lanes[4];
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), packed);
+      for (std::uint32_t k = 0; k < count; ++k) {
+        if ((mask >> k) & 1) batch.sample[n++] = lanes[k];
+      }
+    }
+  } else
+#endif
+  {
+    for (std::uint32_t k = 0; k < count; ++k) {
+      const std::uint32_t word = le::LoadU32(words + 4 * k);
+      const std::int32_t d = RangeWindow::Difference(word, start);
+      if (d <= 0) {
+        invalid = true;
+      } else if (window.InRange(d)) {
+        if (k < 4) mask |= 1u << k;  // positions beyond four have no counter
+        batch.sample[n++] = (word & 0xFFF00000u) | static_cast<std::uint32_t>(d);
+      }
+    }
+  }
+  if constexpr (kTallyPositions) ++tally->shotsWithMask[mask];
+  batch.count = n;
+  return !invalid;
+}
+
+// Folds the values of a batch, in order, into a running minimum and maximum.
+void FoldExtremes(const SampleBatch& batch, double& minimum, double& maximum);
+
+}  // namespace kvr::scanmap

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "support/byte_writer.h"
+#include "support/fifo_block_builder.h"
+#include "support/scan_file_builder.h"
+#include "support/temp_dir.h"
+
+// Scan files for the map tests: a header from the header builder, blocks from
+// the block builder, and the intensity model written out as the map defines it.
+namespace kvr::test {
+
+// A shot word with the fields the map reads; bit 62 carries the direction.
+inline std::uint64_t MapShot(std::uint32_t direction, std::uint32_t returnCount, std::uint32_t t0,
+                             std::uint32_t flags = 0, std::uint32_t pan = 0, std::uint32_t scan = 0) {
+  return ShotWord({pan, scan, returnCount, t0, flags, direction != 0 ? 2u : 0u});
+}
+
+// Writes the scan file and returns its wide name. `tail` bytes of a last,
+// partial block follow the whole blocks.
+inline std::wstring WriteScan(const std::filesystem::path& path, const HeaderBlockFields& header,
+                              const std::vector<FifoBlockBuilder>& blocks, std::size_t tail = 0) {
+  ByteWriter data;
+  for (const FifoBlockBuilder& block : blocks) data.append(block.build());
+  data.zeros(tail);
+  WriteFile(path, BuildScanFile(header, data.bytes()));
+  return WideName(path);
+}
+
+// Range in metres of a stop and a start count: the count difference times
+// 1000/76.8 ps, halved, times the speed of light in air, left to right.
+inline double ExpectedRange(std::uint32_t stop, std::uint32_t start) {
+  return (static_cast<double>(stop) - static_cast<double>(start)) * 13.020833333333334 * 1e-12 * 0.5 *
+         299704764.3859407;
+}
+
+// A map's entries as rows {key, block, shot, line flag, shot count, status word offset, events}.
+using EntryRow = std::tuple<std::int32_t, std::uint32_t, std::uint32_t, std::int32_t, std::int32_t, std::int32_t,
+                            std::vector<std::uint32_t>>;
+template <typename Map>
+std::vector<EntryRow> EntryRows(const Map& map) {
+  std::vector<EntryRow> rows;
+  for (const auto& [key, e] : map.scanLines) {
+    rows.emplace_back(key, e.blockNumber, e.shotIndexInBlock, e.lineFlag, e.shotCount, e.statusWordOffset,
+                      e.eventShots);
+  }
+  return rows;
+}
+
+struct ExpectedModel {
+  double a1 = 200.0, a2 = 4.0, a3 = 0.43, a4 = 2.3, a5 = 6.1;
+};
+
+// Normalized intensity of a return d counts behind its start, with raw intensity i.
+inline double ExpectedValue(std::uint32_t d, std::uint32_t i, const ExpectedModel& m = {}) {
+  const double r = ExpectedRange(1000 + d, 1000);
+  const double base = i < 1000 ? static_cast<double>(i) : std::pow(i / m.a1, m.a2);
+  const double x = r / m.a5 - m.a5 / r;
+  return m.a3 * (x * x + m.a4) * base;
+}
+
+}  // namespace kvr::test
