@@ -21,11 +21,8 @@ const Command* const kCommands[] = {
 #ifndef KVRSCAN_WITHOUT_SIMULATOR
     &kSimulateCommand,
 #endif
-    &kInfoCommand,  &kBlocksCommand,
-#ifndef KVRSCAN_WITHOUT_MAP
-    &kMapCommand,   &kLineCommand, &kExportCommand, &kRenderCommand,
-#endif
-    &kTicksCommand, &kDevicesCommand, &kCameraCommand,
+    &kInfoCommand,   &kBlocksCommand, &kMapCommand,     &kLineCommand,   &kExportCommand,
+    &kRenderCommand, &kTicksCommand,  &kDevicesCommand, &kCameraCommand,
 };
 
 std::string ProgramHelp() {

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <filesystem>
 
-#include "block_walk.h"
 #include "commands.h"
 #include "console.h"
 #include "errors.h"
@@ -12,6 +11,7 @@
 #include "kvr_decode/conversions.h"
 #include "kvr_decode/optical_model.h"
 #include "map_source.h"
+#include "point_export.h"
 #include "point_writer.h"
 #include "tick_source.h"
 
@@ -24,77 +24,6 @@ const Palette& ChosenPalette(const ParsedArgs& args) {
   const Palette* palette = FindPalette(name);
   if (palette == nullptr) throw UsageError("no palette named '" + name + "' (grey, viridis)");
   return *palette;
-}
-
-struct ExportSummary {
-  std::uint64_t points = 0;
-  std::uint64_t withoutRange = 0;
-  std::uint64_t shots = 0;
-  std::uint64_t blocks = 0;
-  double walkSeconds = 0.0;
-  std::string damage;  // what the walk found wrong with the scan, "" when nothing
-};
-
-// The walk: every return with a range becomes a point; a return whose stop
-// count lies before its shot's T0 count has none and is counted apart.
-ExportSummary WriteAllPoints(ScanSource& scan, MapSource& source, NmeaTicksManager* ticks, const Palette& palette,
-                             double rangeOffset, PointWriter& writer, Progress& progress, const LibraryLog& log) {
-  const auto start = std::chrono::steady_clock::now();
-  ExportSummary summary;
-  PointGeometry geometry(ScanSignature(scan.header()), rangeOffset);
-  const IntensityModel model = source.intensityModel();
-  const IntensityNormalizer normalize(model);
-  const DisplayScale scale(model.intensityAt95, model.gamma);
-  std::array<Rgb, kTopLevel + 1> colours;
-  for (int level = 0; level <= kTopLevel; ++level) colours[level] = palette.colourOfLevel(level);
-  LineIndexer lines = source.lineIndexer();
-  // Points go out in small batches, so that they and the writer's buffer stay
-  // in the processor's caches between being made and being copied out.
-  constexpr std::size_t kBatch = 2048;
-  std::vector<PointRecord> batch;
-  batch.reserve(kBatch + 4);
-  BlockWalk walk(scan, ticks, &progress);
-  while (walk.next()) {
-    const FifoBlock& block = walk.block();
-    const std::uint32_t blockNumber = walk.blockNumber();
-    for (std::size_t i = 0; i < block.shots.size(); ++i) {
-      const RawShot& shot = block.shots[i];
-      const std::int32_t line = lines.lineOf(blockNumber, static_cast<std::uint32_t>(i));
-      const auto t0 = static_cast<std::uint32_t>(shot.shotWord >> 41 & 0xFFFF);
-      geometry.aim(static_cast<std::uint32_t>(shot.shotWord & 0xFFFFF), shot.scanAngleCounts);
-      const auto count = static_cast<std::uint8_t>(shot.returns.size());
-      for (std::uint8_t k = 0; k < count; ++k) {
-        const std::uint32_t word = shot.returns[k];
-        const double range = RangeOf(word & 0xFFFFF, t0);
-        if (range < 0.0) {
-          ++summary.withoutRange;
-          continue;
-        }
-        PointRecord& point = batch.emplace_back();
-        float x, y, z;
-        geometry.place(range, x, y, z);
-        point.x = x, point.y = y, point.z = z;
-        point.intensity = static_cast<std::uint16_t>(word >> 20);
-        point.returnNumber = static_cast<std::uint8_t>(k + 1);
-        point.numberOfReturns = count;
-        point.line = line;
-        point.time = shot.shotTow;
-        point.colour = colours[range > 0.0 ? scale.level(normalize(range, word >> 20)) : 0];
-      }
-      if (batch.size() >= kBatch) {
-        writer.write(batch);
-        batch.clear();
-      }
-    }
-    summary.shots += block.shots.size();
-  }
-  writer.write(batch);
-  summary.points = writer.count();
-  summary.blocks = walk.blocksRead();
-  summary.walkSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  progress.finish();
-  summary.damage = walk.damage(log.grew());
-  return summary;
 }
 
 int RunExport(const ParsedArgs& args, Context& context) {
@@ -123,8 +52,8 @@ int RunExport(const ParsedArgs& args, Context& context) {
   std::unique_ptr<PointWriter> writer = PointWriter::Open(output, *format, comments);
   Progress progress("export " + scan.path(), context.showProgress);
   const ExportSummary summary =
-      WriteAllPoints(scan, source, ticks ? ticks->get() : nullptr, palette, rangeOffset, *writer, progress,
-                     context.log);
+      ExportPoints(scan, source, {&palette, rangeOffset, ticks ? ticks->get() : nullptr, &context.log}, *writer,
+                   &progress);
   writer->finish();
   std::error_code ec;
   const std::uintmax_t bytes = std::filesystem::file_size(output, ec);
@@ -136,13 +65,13 @@ int RunExport(const ParsedArgs& args, Context& context) {
     json.field("num_points", summary.points).field("returns_without_range", summary.withoutRange);
     json.field("num_shots", summary.shots).field("blocks_read", summary.blocks);
     json.field("range_offset", rangeOffset).field("output_bytes", static_cast<std::uint64_t>(bytes));
-    json.field("map", source.loaded() ? "loaded" : "built").field("seconds", summary.walkSeconds);
+    json.field("map", source.loaded() ? "loaded" : "built").field("seconds", summary.seconds);
     json.endObject();
     Console::write(json.text());
   } else {
     Console::write(output + ": " + GroupedCount(summary.points) + " points from " + GroupedCount(summary.shots) +
                    " shots (" + GroupedCount(summary.withoutRange) + " returns without a range), " +
-                   ByteSize(bytes) + Format(", %.2f s\n", summary.walkSeconds));
+                   ByteSize(bytes) + Format(", %.2f s\n", summary.seconds));
   }
   // The points of every readable block are written; the damage still fails the run.
   if (!summary.damage.empty()) return context.damaged(scan.path() + ": " + summary.damage);

@@ -30,17 +30,20 @@ DisplayScale::DisplayScale(double intensityAt95, double gamma)
   // round(kTopLevel (v / at95)^gamma) reaches level k where (v / at95)^gamma = (k - 0.5) / kTopLevel.
   for (int k = 1; k <= kTopLevel; ++k) threshold_[k] = at95_ * std::pow((k - 0.5) / kTopLevel, 1.0 / gamma_);
   if (gamma_ >= 4.0) return;
-  // Cells from 2^64 below intensityAt95 up to the cell that holds it.
+  // A cell of relative width 2^-b spans at most kTopLevel gamma 2^-b levels.
+  mantissaBits_ = gamma_ <= 1.0 ? 8 : 10;
+  // Below 2^-e of intensityAt95 the level is kTopLevel 2^(-e gamma) < 0.5: 0,
+  // which the binary search gives as well.
+  const auto binades = static_cast<std::int64_t>(std::min(64.0, std::ceil(9.0 / gamma_) + 2.0));
   const auto topExponent = static_cast<std::int64_t>(std::bit_cast<std::uint64_t>(at95_) >> 52);
-  lowestExponent_ = std::max<std::int64_t>(1, topExponent - 64);
-  cell_.resize(static_cast<std::size_t>(topExponent - lowestExponent_ + 1) << kMantissaBits);
+  lowestExponent_ = std::max<std::int64_t>(1, topExponent - binades);
+  cell_.resize(static_cast<std::size_t>(topExponent - lowestExponent_ + 1) << mantissaBits_);
+  const std::uint64_t cellWidth = std::uint64_t{1} << (52 - mantissaBits_);
   for (std::size_t i = 0; i < cell_.size(); ++i) {
-    const auto first = static_cast<std::uint64_t>(lowestExponent_ + static_cast<std::int64_t>(i >> kMantissaBits))
-                           << 52 |
-                       (i & kMantissaMask) << (52 - kMantissaBits);
-    const auto level = search(std::bit_cast<double>(first));
-    const double last = std::bit_cast<double>(first + (std::uint64_t{1} << (52 - kMantissaBits)) - 1);
-    cell_[i] = {static_cast<std::uint8_t>(level), search(last) != level};
+    const auto binade = static_cast<std::uint64_t>(lowestExponent_) + (i >> mantissaBits_);
+    const std::uint64_t first = binade << 52 | (i & ((std::size_t{1} << mantissaBits_) - 1)) * cellWidth;
+    const int level = search(std::bit_cast<double>(first));
+    cell_[i] = {static_cast<std::uint8_t>(level), search(std::bit_cast<double>(first + cellWidth - 1)) != level};
   }
 }
 
@@ -54,6 +57,8 @@ int DisplayScale::search(double v) const {
 PointGeometry::PointGeometry(std::uint64_t signature, double rangeOffset)
     : rangeOffset_(rangeOffset),
       pan_(20, [](std::uint32_t count) { return CalculatePanAngle(count); }),
-      scan_(18, [signature](std::uint32_t count) { return CalculateScanAngle(count, signature); }) {}
+      scan_(18, [signature](std::uint32_t count) { return CalculateScanAngle(count, signature); }) {
+  pan_(panCount_, cosPan_, sinPan_);
+}
 
 }  // namespace kvrscan

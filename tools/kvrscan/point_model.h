@@ -63,13 +63,13 @@ class IntensityNormalizer {
 // Display level of a normalized intensity v: round(kTopLevel (v / intensityAt95)^gamma),
 // v clamped to [0, intensityAt95]. Defined by the levels' lower thresholds, so
 // no pow is taken per value: a table over the leading bits of v (its exponent
-// and ten bits of mantissa: cells of 1/1024 relative width below
-// intensityAt95) gives the level at each cell's start and whether the next
-// level's threshold falls inside the cell; a cell spans less than one level for
-// any gamma below 4, so one comparison settles those few cells. Values more
-// than 2^64 below intensityAt95, and gammas of 4 and above, take a binary
-// search. A non-positive or non-finite intensityAt95 or gamma (a damaged map)
-// is taken as 1.
+// and the top mantissa bits) gives the level at each cell's start and whether
+// the next level's threshold falls inside the cell. Cells are narrow enough to
+// span less than one level (eight mantissa bits up to gamma 1, ten up to gamma
+// 4), so one comparison settles those few cells; and the table reaches down only
+// as far as levels above 0 do, so it stays small enough for the first-level
+// cache. Smaller values, and gammas of 4 and above, take a binary search. A
+// non-positive or non-finite intensityAt95 or gamma (a damaged map) is taken as 1.
 class DisplayScale {
  public:
   explicit DisplayScale(double intensityAt95, double gamma);
@@ -78,9 +78,9 @@ class DisplayScale {
     if (!(v > 0.0)) return 0;  // also NaN
     if (v >= at95_) return kTopLevel;
     const std::uint64_t bits = std::bit_cast<std::uint64_t>(v);
-    const auto exponent = static_cast<std::int64_t>(bits >> 52) - lowestExponent_;
-    if (exponent < 0 || cell_.empty()) return search(v);
-    const Cell cell = cell_[static_cast<std::size_t>(exponent << kMantissaBits | (bits >> (52 - kMantissaBits) & kMantissaMask))];
+    const auto binade = static_cast<std::int64_t>(bits >> 52) - lowestExponent_;
+    if (binade < 0 || cell_.empty()) return search(v);
+    const Cell cell = cell_[static_cast<std::size_t>(binade << mantissaBits_ | (bits << 12 >> (64 - mantissaBits_)))];
     return cell.level + (cell.split && v >= threshold_[cell.level + 1u]);
   }
 
@@ -88,8 +88,6 @@ class DisplayScale {
   double gamma() const { return gamma_; }
 
  private:
-  static constexpr int kMantissaBits = 10;
-  static constexpr std::uint64_t kMantissaMask = (1u << kMantissaBits) - 1;
   struct Cell {
     std::uint8_t level;  // at the cell's first value
     bool split;          // the next level begins inside the cell
@@ -98,6 +96,7 @@ class DisplayScale {
   int search(double v) const;
 
   double at95_, gamma_;
+  int mantissaBits_ = 8;
   std::int64_t lowestExponent_ = 0;
   std::array<double, kTopLevel + 2> threshold_{};  // threshold_[k]: lowest v of level k; -inf, ..., +inf
   std::vector<Cell> cell_;
@@ -151,7 +150,10 @@ class PointGeometry {
   PointGeometry(std::uint64_t signature, double rangeOffset);
 
   void aim(std::uint32_t panCount, std::uint32_t scanCount) {
-    pan_(panCount, cosPan_, sinPan_);
+    if (panCount != panCount_) {  // the head turns slower than the mirror
+      pan_(panCount, cosPan_, sinPan_);
+      panCount_ = panCount;
+    }
     scan_(scanCount, cosScan_, sinScan_);
   }
 
@@ -169,6 +171,7 @@ class PointGeometry {
  private:
   double rangeOffset_;
   CountTrig pan_, scan_;
+  std::uint32_t panCount_ = 0;
   double cosPan_ = 1.0, sinPan_ = 0.0, cosScan_ = 1.0, sinScan_ = 0.0;
 };
 
