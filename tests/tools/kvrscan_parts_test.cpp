@@ -11,6 +11,7 @@
 
 #include "errors.h"
 #include "json_writer.h"
+#include "kvr_decode/conversions.h"
 #include "kvr_decode/optical_model.h"
 #include "options.h"
 #include "palette.h"
@@ -106,6 +107,13 @@ TEST(KvrscanIntensity, NormalizerIsTheLibrarysDistanceTermToTheBit) {
   // With the defaults, intensity 1000 at the reference range 6.1 m: 0.43 x 2.3 x (1000 / 200)^4.
   EXPECT_DOUBLE_EQ(normalize(6.1, 1000), 0.43 * 2.3 * 625.0);
   EXPECT_DOUBLE_EQ(normalize(6.1, 999), 0.43 * 2.3 * 999.0);
+}
+
+TEST(KvrscanIntensity, InlinedRangeIsTheLibrarysToTheBit) {
+  const std::pair<std::uint32_t, std::uint32_t> counts[] = {
+      {100, 100}, {99, 100}, {1, 0}, {1100, 100}, {0xFFFFF, 0}, {0xFFFFF, 0xFFFF}, {0, 0xFFFF}, {123457, 4321}};
+  for (const auto& [stop, start] : counts) EXPECT_EQ(RangeOf(stop, start), CalculateRange(stop, start)) << stop;
+  for (std::uint32_t stop = 0; stop < (1u << 20); stop += 997) ASSERT_EQ(RangeOf(stop, 777), CalculateRange(stop, 777));
 }
 
 TEST(KvrscanIntensity, SampleRuleLimits) {
