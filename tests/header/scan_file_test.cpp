@@ -10,7 +10,7 @@
 namespace kvr {
 namespace {
 
-using test::HeaderBlockFields;
+using writers::HeaderBlockFields;
 using test::Model;
 using Values = decltype(RawFileHeader::calibrationValues);
 
@@ -42,8 +42,8 @@ class ReadHeader : public test::InTempDir, public ::testing::WithParamInterface<
 };
 
 TEST_P(ReadHeader, FillsTheRecordAndStopsAtTheFirstBlock) {
-  test::WriteFile(path("scan.raw.tbl"), test::BuildSideTable({10, 12}, {{5.0, 1, 3}}));
-  FILE* stream = Read(test::BuildScanFile(test::DistinctFields(GetParam()), {'B', 'L', 'K'}));
+  test::WriteFile(path("scan.raw.tbl"), writers::BuildSideTable({10, 12}, {{5.0, 1, 3}}));
+  FILE* stream = Read(writers::BuildScanFile(test::DistinctFields(GetParam()), {'B', 'L', 'K'}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(platform::Tell(stream), GetParam().dataOffset);
   std::fclose(stream);
@@ -65,13 +65,13 @@ TEST_F(ReadHeader, FailuresLogOnceAndLeaveAnOpenedStreamOpen) {
   EXPECT_EQ(header.signature[0], 0);
 
   const int before = OpenDescriptors();
-  EXPECT_EQ(Read(test::BuildScanFile(test::DistinctFields({"#KVRSCAX", 0, 200, 5000, 0, 0}))), nullptr);
+  EXPECT_EQ(Read(writers::BuildScanFile(test::DistinctFields({"#KVRSCAX", 0, 200, 5000, 0, 0}))), nullptr);
   ExpectLog(kSignatureMessage, {"s", "#KVRSCAX"});  // the name's storage read as narrow text
   EXPECT_EQ(header.signature[7], 'X');
   EXPECT_EQ(header.dataOffset, 77u);
 
   header.calibrationValues = {{"kept", 1.0}};
-  EXPECT_EQ(Read(test::BuildScanFile(test::DistinctFields({"#KVRSCAN", 1, 100, 5000, 0, 0}))), nullptr);
+  EXPECT_EQ(Read(writers::BuildScanFile(test::DistinctFields({"#KVRSCAN", 1, 100, 5000, 0, 0}))), nullptr);
   ExpectLog(std::string(kPrfMessage) + "100", {"scan.raw"});
   EXPECT_EQ(header.dataOffset, 5000u);
   EXPECT_STREQ(header.idText2, "second");
@@ -81,7 +81,7 @@ TEST_F(ReadHeader, FailuresLogOnceAndLeaveAnOpenedStreamOpen) {
 
 TEST_F(ReadHeader, TruncatedFileKeepsWhatTheReadsLeft) {
   HeaderBlockFields fields = test::DistinctFields({"#KVRSCAN", 1, 200, 0x31388, 0, 0});
-  const std::vector<std::uint8_t> block = test::BuildHeaderBlock(fields);
+  const std::vector<std::uint8_t> block = writers::BuildHeaderBlock(fields);
   auto cut = [&](std::size_t size) { return std::vector<std::uint8_t>(block.begin(), block.begin() + size); };
 
   EXPECT_EQ(Read(cut(6)), nullptr);
@@ -108,7 +108,7 @@ TEST_F(ReadHeader, OversizedLengthReadsTheRestOfTheFileIntoAZeroFilledText) {
     fields.calibrationText = "k = 1";
     fields.fourthText = "xyz";
     (layout == 1 ? fields.calibrationTextLength : fields.fourthTextLength) = 0xFFFFFFFF;
-    FILE* stream = Read(test::BuildHeaderBlock(fields));
+    FILE* stream = Read(writers::BuildHeaderBlock(fields));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(platform::Tell(stream), 1024);
     std::fclose(stream);
@@ -126,12 +126,12 @@ TEST_F(ReadHeader, MalformedTableEndsWithOutOfRangeAndClosesTheStream) {
   HeaderBlockFields fields;
   // a three-token row counts only in the file's own section
   fields.calibrationText = "a = 1\nx 1 2\n[PRF=50]\ny 1 2\n[PRF=200]\nz 1 2\nb = 2\n";
-  test::ExpectInvalidSubscript([&] { Read(test::BuildScanFile(fields)); });
+  test::ExpectInvalidSubscript([&] { Read(writers::BuildScanFile(fields)); });
   EXPECT_EQ(header.calibrationValues, (Values{{"a", 1.0}, {"x", 1.0}}));
   EXPECT_STREQ(header.calibrationText, fields.calibrationText.c_str());
   Reset();
   test::WriteFile(path("scan.raw.tbl"), std::string("no keys\n"));
-  test::ExpectInvalidSubscript([&] { Read(test::BuildScanFile(HeaderBlockFields{})); });
+  test::ExpectInvalidSubscript([&] { Read(writers::BuildScanFile(HeaderBlockFields{})); });
   EXPECT_EQ(header.sideTableGrid, nullptr);
   EXPECT_EQ(OpenDescriptors(), before);
 }

@@ -8,14 +8,14 @@
 #include <stdexcept>
 
 #include "kvr_decode/nmea_ticks_manager.h"
+#include "kvr_writers/tick_file_writer.h"
 #include "support/temp_dir_test_base.h"
-#include "support/tick_file_builder.h"
 
 namespace kvr::nmea {
 namespace {
 
-using test::TickFileBuilder;
-using test::Utc;
+using writers::TickFileBuilder;
+using writers::Utc;
 
 constexpr std::uint64_t kSecond = 50000000;
 constexpr std::uint64_t kP0 = 1000000000;  // first pulse, 20 s after the tick counter started
@@ -25,7 +25,7 @@ struct Deleter {
 };
 using Manager = std::unique_ptr<NmeaTicksManager, Deleter>;
 
-std::string Zda(test::UtcTime t) { return test::ZdaSentence(t, "GN"); }
+std::string Zda(writers::UtcTime t) { return writers::ZdaSentence(t, "GN"); }
 
 int OpenDescriptors() {
   return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
@@ -82,7 +82,7 @@ TEST_F(TickManager, HourAtOneHertzInterpolatesThroughTheBracketCache) {
 TEST_F(TickManager, WeekWrapAddsAWeekOnceAndASecondWrapStepsBack) {
   // Saturday 23:59:59 = 604799 s, Sunday 00:00:00 = 0 s. Version 7 reads like version 1.
   TickFileBuilder file(7);
-  const test::UtcTime times[] = {Utc(2020, 2, 1, 23, 59, 59), Utc(2020, 2, 2, 0, 0, 0), Utc(2020, 2, 8, 23, 59, 59),
+  const writers::UtcTime times[] = {Utc(2020, 2, 1, 23, 59, 59), Utc(2020, 2, 2, 0, 0, 0), Utc(2020, 2, 8, 23, 59, 59),
                                  Utc(2020, 2, 9, 0, 0, 0)};
   for (int i = 0; i < 4; ++i) file.pulse(kP0 + i * kSecond).sentence(kP0 + i * kSecond + 1, Zda(times[i]));
   const Manager m = Load(file);
@@ -97,9 +97,9 @@ TEST_F(TickManager, PairsFirstSentenceWithinASecondAndUtcLinesStampTheNextPulse)
   const std::uint64_t tenth = kSecond / 10;
   const Manager m = Load(TickFileBuilder()
                              .pulse(p[0]).sentence(p[0] + tenth, Zda(Utc(2020, 1, 28, 14, 30, 7)))
-                             .pulse(p[1]).sentence(p[1] + tenth, test::PpsSentence(Utc(2020, 1, 28, 14, 30, 8)))
-                             .pulse(p[2]).sentence(p[2], test::UtcLine(Utc(2020, 1, 28, 14, 30, 9)))
-                             .pulse(p[3]).sentence(p[3] + tenth, test::NmeaSentence("GPGGA,143010.00,,,,,0,00,,,,,,,"))
+                             .pulse(p[1]).sentence(p[1] + tenth, writers::PpsSentence(Utc(2020, 1, 28, 14, 30, 8)))
+                             .pulse(p[2]).sentence(p[2], writers::UtcLine(Utc(2020, 1, 28, 14, 30, 9)))
+                             .pulse(p[3]).sentence(p[3] + tenth, writers::NmeaSentence("GPGGA,143010.00,,,,,0,00,,,,,,,"))
                              .sentence(p[3] + kSecond, Zda(Utc(2020, 1, 28, 14, 30, 10)))  // at p[4]
                              .pulse(p[4]).sentence(p[4] + 2 * tenth, Zda(Utc(2020, 1, 28, 14, 30, 11)))
                              .sentence(p[4] + 2 * tenth, Zda(Utc(2020, 1, 28, 14, 30, 12)))  // same ticks: wins
