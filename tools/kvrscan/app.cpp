@@ -18,10 +18,7 @@ namespace kvrscan {
 namespace {
 
 const Command* const kCommands[] = {
-#ifndef KVRSCAN_WITHOUT_SIMULATOR
-    &kSimulateCommand,
-#endif
-    &kInfoCommand,   &kBlocksCommand, &kMapCommand,     &kLineCommand,   &kExportCommand,
+    &kSimulateCommand, &kInfoCommand,   &kBlocksCommand, &kMapCommand,     &kLineCommand,   &kExportCommand,
     &kRenderCommand, &kTicksCommand,  &kDevicesCommand, &kCameraCommand,
 };
 
