@@ -1,9 +1,11 @@
 #include "progress.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <vector>
 
 #include "console.h"
 
@@ -13,8 +15,23 @@ namespace {
 
 constexpr auto kRedrawInterval = std::chrono::milliseconds(100);
 
-// The read position of the descriptor that has `target` open, or -1.
-long long ReadPositionOf(const std::string& target, int& cachedFd) {
+// The descriptors that have `target` open.
+std::vector<int> DescriptorsOf(const std::string& target) {
+  namespace fs = std::filesystem;
+  std::vector<int> fds;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd", ec)) {
+    std::error_code linkError;
+    if (fs::read_symlink(entry.path(), linkError) == target && !linkError) {
+      fds.push_back(std::atoi(entry.path().filename().c_str()));
+    }
+  }
+  return fds;
+}
+
+// The read position of a descriptor that has `target` open and is not one of
+// `ignored`, or -1.
+long long ReadPositionOf(const std::string& target, const std::vector<int>& ignored, int& cachedFd) {
   namespace fs = std::filesystem;
   std::error_code ec;
   const auto positionOf = [](int fd) -> long long {
@@ -33,10 +50,8 @@ long long ReadPositionOf(const std::string& target, int& cachedFd) {
     return positionOf(cachedFd);
   }
   cachedFd = -1;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd", ec)) {
-    std::error_code linkError;
-    if (fs::read_symlink(entry.path(), linkError) != target || linkError) continue;
-    const int fd = std::atoi(entry.path().filename().c_str());
+  for (const int fd : DescriptorsOf(target)) {
+    if (std::find(ignored.begin(), ignored.end(), fd) != ignored.end()) continue;
     cachedFd = fd;
     return positionOf(fd);
   }
@@ -87,6 +102,8 @@ ReadPositionWatcher::ReadPositionWatcher(std::string label, const std::string& p
   std::error_code ec;
   target_ = std::filesystem::canonical(path, ec).string();
   if (ec) return;
+  // The caller's own streams on the file are not the call's.
+  ignored_ = DescriptorsOf(target_);
   thread_ = std::thread([this] { run(); });
 }
 
@@ -109,7 +126,7 @@ void ReadPositionWatcher::run() {
   long long last = -1;
   std::unique_lock<std::mutex> lock(mutex_);
   while (!wake_.wait_for(lock, std::chrono::milliseconds(200), [this] { return stop_; })) {
-    const long long position = ReadPositionOf(target_, fd);
+    const long long position = ReadPositionOf(target_, ignored_, fd);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (position < 0) {
       progress_.status(Format("%.0f s", seconds));

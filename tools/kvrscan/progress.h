@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace kvrscan {
 
@@ -48,6 +49,7 @@ class ReadPositionWatcher {
 
   Progress progress_;
   std::string target_;
+  std::vector<int> ignored_;
   std::uint64_t fileSize_;
   int passes_;
   std::mutex mutex_;
