@@ -9,6 +9,16 @@ namespace kvrscan {
 
 MapSource::MapSource(ScanSource& scan, const std::optional<std::string>& mapFile, bool showProgress)
     : map_(std::make_unique<ScanFileMap>()) {
+  try {
+    fill(scan, mapFile, showProgress);
+  } catch (...) {
+    // No destructor runs for an object whose constructor throws.
+    ReleaseScanFileMap(*map_);
+    throw;
+  }
+}
+
+void MapSource::fill(ScanSource& scan, const std::optional<std::string>& mapFile, bool showProgress) {
   const auto start = std::chrono::steady_clock::now();
   if (mapFile) {
     ReadableFileSize(*mapFile);

@@ -31,6 +31,8 @@ class MapSource {
   IntensityModel intensityModel() const;
 
  private:
+  void fill(ScanSource& scan, const std::optional<std::string>& mapFile, bool showProgress);
+
   std::unique_ptr<ScanFileMap> map_;
   bool loaded_ = false;
   double seconds_ = 0.0;
