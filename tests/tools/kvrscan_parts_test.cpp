@@ -212,7 +212,7 @@ TEST(KvrscanPointWriter, PlyHeaderCountAndRecords) {
   const std::vector<std::uint8_t> bytes = ReadFileBytes(file);
   const std::string text(bytes.begin(), bytes.end());
   const std::string header =
-      "ply\nformat binary_little_endian 1.0\ncomment hello\nelement vertex 2" + std::string(19, ' ') +
+      "ply\nformat binary_little_endian 1.0\ncomment hello\nelement vertex 2\ncomment" + std::string(23, ' ') +
       "\nproperty float x\nproperty float y\nproperty float z\nproperty ushort intensity\n"
       "property uchar return_number\nproperty uchar number_of_returns\nproperty int line\nproperty double time\n"
       "property uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n";

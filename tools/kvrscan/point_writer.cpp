@@ -16,7 +16,16 @@ namespace {
 // Written out when this full: small enough to stay in the processor's cache.
 constexpr std::size_t kBufferSize = std::size_t{1} << 18;
 constexpr std::size_t kBufferRoom = std::size_t{1} << 21;  // what one write() may add at most
-constexpr int kCountWidth = 20;  // digits of any 64-bit count
+// The vertex count is known only at the end. The header keeps room for it: the
+// element line, then a blank comment line whose length makes up for the
+// digits, so that the element line itself is exact whatever the count.
+constexpr std::size_t kCountRoom = 48;
+
+std::string ElementLines(std::uint64_t count) {
+  std::string lines = "element vertex " + std::to_string(count) + "\ncomment";
+  lines.resize(kCountRoom - 1, ' ');
+  return lines + "\n";
+}
 
 std::string Lowercase(std::string_view text) {
   std::string out(text);
@@ -30,9 +39,8 @@ class PlyWriter final : public PointWriter {
       : PointWriter(std::move(path), out) {
     std::string header = "ply\nformat binary_little_endian 1.0\n";
     for (const std::string& comment : comments) header += "comment " + comment + "\n";
-    header += "element vertex ";
     countOffset_ = static_cast<long>(header.size());
-    header += std::string(kCountWidth, ' ') + "\n";
+    header += ElementLines(0);
     header +=
         "property float x\nproperty float y\nproperty float z\nproperty ushort intensity\n"
         "property uchar return_number\nproperty uchar number_of_returns\nproperty int line\n"
@@ -46,9 +54,8 @@ class PlyWriter final : public PointWriter {
   }
 
   void complete() override {
-    std::string count = std::to_string(count_);
-    count.resize(kCountWidth, ' ');
-    if (std::fseek(out_, countOffset_, SEEK_SET) != 0 || std::fwrite(count.data(), 1, count.size(), out_) != count.size()) {
+    const std::string lines = ElementLines(count_);
+    if (std::fseek(out_, countOffset_, SEEK_SET) != 0 || std::fwrite(lines.data(), 1, lines.size(), out_) != lines.size()) {
       fail("cannot write the vertex count into the header");
     }
   }
