@@ -1,0 +1,120 @@
+// kvrscan export against the plain decode walk, in the same run, on the same
+// scan: a 256 MiB synthetic scan (return counts drawn from 0-4) with a header,
+// generated once into /tmp and read whole before timing so that every pass reads
+// from the page cache. The map is built once, outside the timing, as
+// `export --map` loads it.
+//
+// Counters of ExportPoints, over the same iterations (each times one walk, then
+// one export): ratio = export / walk in thread CPU time (user and system; the
+// export to /dev/null pays for every point but not for a file's pages);
+// points_per_s and bytes_per_s (of scan read) of the export. ExportToTmpfs writes
+// a real PLY file into /dev/shm each iteration, which adds the kernel's copy of
+// 31 bytes a point: its ratio is against the walk as well.
+
+#include <benchmark/benchmark.h>
+
+#include <ctime>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "kvr_decode/fifo_block.h"
+#include "map_source.h"
+#include "point_export.h"
+#include "support/fifo_block_builder.h"
+#include "support/scan_file_builder.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+constexpr std::size_t kBlocks = 4096;  // 256 MiB
+constexpr const char* kScanPath = "/tmp/kvrscan_export_bench_v1.raw";
+
+double ThreadCpu() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+void EnsureScan() {
+  static const bool ready = [] {
+    kvr::test::HeaderBlockFields fields;
+    fields.calibrationText = "rangeOffset = 0.5\n";
+    const std::vector<std::uint8_t> header = kvr::test::BuildScanFile(fields);
+    std::error_code ec;
+    if (std::filesystem::file_size(kScanPath, ec) != header.size() + kBlocks * 65536) {
+      const std::string partial = std::string(kScanPath) + ".part";
+      std::FILE* out = std::fopen(partial.c_str(), "wb");
+      if (out == nullptr) throw std::runtime_error("cannot write " + partial);
+      std::fwrite(header.data(), 1, header.size(), out);
+      kvr::test::SyntheticScan scan(20240601, 200, 4);
+      for (std::size_t b = 0; b < kBlocks; ++b) {
+        const std::vector<std::uint8_t> block = scan.NextBlock().build();
+        std::fwrite(block.data(), 1, block.size(), out);
+      }
+      std::fclose(out);
+      std::filesystem::rename(partial, kScanPath);
+    }
+    std::vector<char> buffer(1 << 20);
+    std::FILE* in = std::fopen(kScanPath, "rb");
+    while (std::fread(buffer.data(), 1, buffer.size(), in) > 0) {
+    }
+    std::fclose(in);
+    return true;
+  }();
+  benchmark::DoNotOptimize(ready);
+}
+
+// The plain walk: every block through DecodeNextFifoBlock. Returns the shots.
+std::uint64_t WalkPass(kvrscan::ScanSource& scan, FifoBlock& block) {
+  scan.rewindToData();
+  std::uint64_t shots = 0;
+  for (int n = 0;; ++n) {
+    const int result = DecodeNextFifoBlock(scan.stream(), scan.header(), n, block, nullptr);
+    if (result == -1) break;
+    block.flaggedShots.clear();
+    if (result > 0) shots += static_cast<std::uint64_t>(result);
+    benchmark::DoNotOptimize(block.shots.data());
+  }
+  return shots;
+}
+
+void RunExportBenchmark(benchmark::State& state, const std::string& output) {
+  EnsureScan();
+  kvrscan::ScanSource scan(kScanPath);
+  const kvrscan::MapSource map(scan, std::nullopt, false);
+  const kvrscan::ExportSettings settings{kvrscan::FindPalette("grey"), 0.5, nullptr, nullptr};
+  FifoBlock block;
+  double walkCpu = 0.0, exportCpu = 0.0;
+  std::uint64_t points = 0;
+  for (auto _ : state) {
+    const double walkStart = ThreadCpu();
+    benchmark::DoNotOptimize(WalkPass(scan, block));
+    walkCpu += ThreadCpu() - walkStart;
+    scan.rewindToData();
+    const double exportStart = ThreadCpu();
+    auto writer = kvrscan::PointWriter::Open(output, kvrscan::PointFormat::kPly, {});
+    points += kvrscan::ExportPoints(scan, map, settings, *writer, nullptr).points;
+    writer->finish();
+    const double cpu = ThreadCpu() - exportStart;
+    exportCpu += cpu;
+    state.SetIterationTime(cpu);
+  }
+  std::error_code ec;
+  if (output != "/dev/null") std::filesystem::remove(output, ec);
+  const double iterations = static_cast<double>(state.iterations());
+  state.counters["ratio"] = exportCpu / walkCpu;
+  state.counters["points_per_s"] = static_cast<double>(points) / exportCpu;
+  state.counters["bytes_per_s"] = iterations * kBlocks * 65536.0 / exportCpu;
+  state.counters["points_per_block"] = static_cast<double>(points) / (iterations * kBlocks);
+}
+
+void ExportPoints(benchmark::State& state) { RunExportBenchmark(state, "/dev/null"); }
+void ExportToTmpfs(benchmark::State& state) { RunExportBenchmark(state, "/dev/shm/kvrscan_export_bench.ply"); }
+
+BENCHMARK(ExportPoints)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(3)->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(ExportToTmpfs)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(2)->Repetitions(3)
+    ->ReportAggregatesOnly(true);
+
+}  // namespace

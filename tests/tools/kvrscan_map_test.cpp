@@ -1,0 +1,278 @@
+#include <cstring>
+
+#include <png.h>
+
+#include "support/tick_file_builder.h"
+#include "tools/kvrscan_fixture.h"
+
+namespace kvr::test {
+namespace {
+
+// One block, stamped at 1,025,000,000 ticks, of ten shots one return each,
+// 1000 counts after T0 (range 1.951202893 m; rangeOffset 0.5 makes r 2.4512 m),
+// intensity 50 x (shot + 1) (below 1000, where the intensity model steps down). Direction bits 0 0 | 1 1 1 | 0 0 0 | 1 1: the two
+// shots before the first change belong to no line; lines 0 and 1 hold three
+// shots, line 2 (open) two. Pan counts step by 10 from line to line; scan counts
+// step by 100 along a line, up on line 0 and 2, down on line 1.
+struct ShotPlan {
+  std::uint32_t pan, scan, direction;
+};
+constexpr ShotPlan kShots[] = {{0, 1100, 0},  {0, 1200, 0},  {10, 1000, 1}, {10, 1100, 1}, {10, 1200, 1},
+                               {20, 1200, 0}, {20, 1100, 0}, {20, 1000, 0}, {30, 1000, 1}, {30, 1100, 1}};
+constexpr std::uint64_t kBlockStamp = 1025000000;
+constexpr double kR = 2.451202893137634;
+
+FifoBlockBuilder LinesBlock(std::uint32_t signature = kGoodBlockSignature) {
+  FifoBlockBuilder block;
+  block.signature(signature).timeStamp(kBlockStamp);
+  for (std::uint32_t i = 0; i < 10; ++i) {
+    const ShotPlan& s = kShots[i];
+    block.shot(ShotWord({s.pan, s.scan, 1, 100, 0, s.direction * 2}), {ReturnWord(1100, 50 * (i + 1))});
+  }
+  return block;
+}
+
+void WriteLinesScan(const std::filesystem::path& path, int blocks = 1) {
+  std::vector<std::vector<std::uint8_t>> data{LinesBlock().build()};
+  if (blocks > 1) data.push_back(LinesBlock(0x55555555).build());
+  WriteFile(path, FifoFile(data, 0, BuildScanFile(RoomHeader())));
+}
+
+TEST_F(KvrscanTest, MapReportsTheLibrarysLines) {
+  WriteLinesScan(path("scan.raw"));
+  const JsonValue map = RunJson({"map", "scan.raw"});
+  EXPECT_EQ(map["source"].string(), "built");
+  EXPECT_EQ(map["num_lines"].integer(), 3);
+  const JsonValue& metadata = map["metadata"];
+  EXPECT_EQ(metadata["mapVersion"].integer(), 2);
+  EXPECT_EQ(metadata["maxShotsPerLine"].integer(), 3);
+  EXPECT_EQ(metadata["maxReturnsPerShot"].integer(), 1);
+  EXPECT_EQ(metadata["dataStartOffset"].integer(), 1024);
+  EXPECT_EQ(metadata["returnCounts"][0].integer(), 10);
+  EXPECT_EQ(metadata["validSampleCount"].integer(), 10);
+  const JsonValue& lines = map["scanLines"];
+  ASSERT_EQ(lines.size(), 4u);  // -1, 0, 1, 2
+  const struct {
+    int index, shot, flag, shots;
+  } expected[] = {{-1, 0, -1, 2}, {0, 2, 1, 3}, {1, 5, 0, 3}, {2, 8, 1, 0}};
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(lines[i]["index"].integer(), expected[i].index);
+    EXPECT_EQ(lines[i]["shotIndexInBlock"].integer(), expected[i].shot);
+    EXPECT_EQ(lines[i]["lineFlag"].integer(), expected[i].flag);
+    EXPECT_EQ(lines[i]["shotCount"].integer(), expected[i].shots);
+  }
+}
+
+TEST_F(KvrscanTest, MapSavedAndLoadedAgain) {
+  WriteLinesScan(path("scan.raw"));
+  const ToolRun save = Run({"map", "scan.raw", "-o", "scan.map"});
+  EXPECT_EQ(save.status, 0) << save.err;
+  EXPECT_TRUE(save.out.starts_with("scan.raw: scan file map built in ")) << save.out;
+  EXPECT_NE(save.out.find(", saved to scan.map\n"), std::string::npos);
+  const JsonValue loaded = RunJson({"map", "scan.raw", "--load", "scan.map"});
+  EXPECT_EQ(loaded["source"].string(), "loaded");
+  EXPECT_EQ(loaded["num_lines"].integer(), 3);
+  EXPECT_EQ(loaded["metadata"]["mapSignature"].string(), "#KVRMAPF");
+  EXPECT_EQ(loaded["scanLines"][2]["shotIndexInBlock"].integer(), 5);
+  EXPECT_EQ(loaded["scanLines"][2]["statusWordOffset"].integer(), -1);  // not kept in the file
+}
+
+TEST_F(KvrscanTest, MapFailures) {
+  WriteLinesScan(path("scan.raw"));
+  ASSERT_EQ(Run({"map", "scan.raw", "-o", "scan.map"}).status, 0);
+  HeaderBlockFields other = RoomHeader();
+  other.dataOffset = 2048;
+  WriteFile(path("other.raw"), FifoFile({LinesBlock().build()}, 0, BuildScanFile(other)));
+  ExpectOneLineError(Run({"map", "other.raw", "--load", "scan.map"}), 1,
+                     "kvrscan map: scan.map: not the map of other.raw", "");
+  WriteFile(path("junk.map"), std::string(100, 'j'));
+  ExpectOneLineError(Run({"map", "scan.raw", "--load", "junk.map"}), 1,
+                     "kvrscan map: junk.map: not a map file: no \"#KVRMAPF\" at offset 26", "");
+  ExpectOneLineError(Run({"map", "scan.raw", "--load", "absent.map"}), 1, "kvrscan map: absent.map: no such file", "");
+  ExpectOneLineError(Run({"map", "scan.raw", "-o", "a.map", "--load", "scan.map"}), 2,
+                     "kvrscan map: -o and --load exclude each other", "");
+  ExpectOneLineError(Run({"map", "scan.raw", "-o", "no/such/dir/a.map"}), 1,
+                     "kvrscan map: no/such/dir/a.map: cannot create the map file", "KVR_Decode.log");
+  // Without a single valid return the library cannot size the histogram.
+  FifoBlockBuilder empty;
+  empty.shot(ShotWord({0, 0, 0, 100})).shot(ShotWord({0, 0, 0, 100, 0, 2}));
+  WriteFile(path("empty.raw"), FifoFile({empty.build()}, 0, BuildScanFile(RoomHeader())));
+  ExpectOneLineError(Run({"map", "empty.raw"}), 1,
+                     "kvrscan map: empty.raw: the library could not build the scan file map; the library's log has "
+                     "details: ",
+                     "KVR_Decode.log");
+}
+
+TEST_F(KvrscanTest, LineListsTheLibrarysShotsOfOneLine) {
+  WriteLinesScan(path("scan.raw"));
+  const JsonValue line = RunJson({"line", "scan.raw", "1"});
+  EXPECT_EQ(line["line"].integer(), 1);
+  EXPECT_EQ(line["shotIndexInBlock"].integer(), 5);
+  EXPECT_EQ(line["shotCount"].integer(), 3);
+  ASSERT_EQ(line["num_shots"].integer(), 4);  // its three and the first of line 2
+  const JsonValue& shots = line["shots"];
+  EXPECT_FALSE(shots[2]["first_of_next_line"].boolean());
+  EXPECT_TRUE(shots[3]["first_of_next_line"].boolean());
+  // Shot 5 of the block: 5 periods of 250 ticks after the block's stamp.
+  EXPECT_EQ(shots[0]["timeInCounts"].integer(), 1025001250);
+  EXPECT_NEAR(shots[0]["time"].number(), 20.500025, 1e-9);
+  EXPECT_NEAR(shots[0]["pan"].number(), 20 * 0.0005625 * 0.017453292519943295, 1e-15);
+  EXPECT_NEAR(shots[0]["scan"].number(), (1200 * 0.00034332275390625 - 45.0) * 0.017453292519943295, 1e-15);
+  EXPECT_NEAR(shots[0]["returns"][0]["range"].number(), 1.951202893137634, 1e-12);
+  EXPECT_EQ(shots[0]["returns"][0]["intensity"].integer(), 300);
+
+  const ToolRun run = Run({"line", "scan.raw", "1"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("(first shot of the next line)"), std::string::npos) << run.out;
+  ExpectOneLineError(Run({"line", "scan.raw", "3"}), 1,
+                     "kvrscan line: scan.raw: has no line 3: its map holds 3 lines (0 to 2)", "");
+  ExpectOneLineError(Run({"line", "scan.raw", "x"}), 2, "kvrscan line: N takes a whole number, not 'x'", "");
+}
+
+// Pulses at 1e9 and 1.05e9 ticks named 14:30:07 and 14:30:08 on a Tuesday: the
+// block stamped 1.025e9 ticks lies at 225007.5 s of the week.
+void WriteTicks(const std::filesystem::path& path) {
+  TickFileBuilder ticks;
+  ticks.everySecond(1000000000, Utc(2020, 1, 28, 14, 30, 7), 2, [](UtcTime t) { return ZdaSentence(t); });
+  ticks.writeTo(path);
+}
+
+TEST_F(KvrscanTest, LineTimesOfWeekFromATickFile) {
+  WriteLinesScan(path("scan.raw"));
+  WriteTicks(path("Serial.dat"));
+  const JsonValue line = RunJson({"line", "scan.raw", "0", "--ticks", "Serial.dat"});
+  EXPECT_TRUE(line["time_is_time_of_week"].boolean());
+  EXPECT_NEAR(line["shots"][0]["time"].number(), 225007.5 + 2 * 5e-6, 1e-9);
+}
+
+struct PlyFile {
+  std::size_t vertices = 0;
+  std::string header;
+  std::vector<std::uint8_t> body;
+};
+
+PlyFile ReadPly(const std::filesystem::path& path) {
+  const std::vector<std::uint8_t> bytes = ReadFileBytes(path);
+  const std::string text(bytes.begin(), bytes.end());
+  PlyFile ply;
+  const std::size_t end = text.find("end_header\n") + 11;
+  ply.header = text.substr(0, end);
+  const std::size_t count = ply.header.find("element vertex ") + 15;
+  ply.vertices = std::stoul(ply.header.substr(count));
+  ply.body.assign(bytes.begin() + static_cast<std::ptrdiff_t>(end), bytes.end());
+  return ply;
+}
+
+template <typename T>
+T At(const PlyFile& ply, std::size_t vertex, std::size_t offset) {
+  T value;
+  std::memcpy(&value, ply.body.data() + vertex * 31 + offset, sizeof value);
+  return value;
+}
+
+TEST_F(KvrscanTest, ExportWritesEveryReturnAsAPlyVertex) {
+  WriteLinesScan(path("scan.raw"));
+  WriteTicks(path("Serial.dat"));
+  const JsonValue summary = RunJson({"export", "scan.raw", "-o", "points.ply", "--ticks", "Serial.dat"});
+  EXPECT_EQ(summary["num_points"].integer(), 10);
+  EXPECT_EQ(summary["range_offset"].number(), 0.5);
+  const PlyFile ply = ReadPly(path("points.ply"));
+  ASSERT_EQ(ply.vertices, 10u);
+  ASSERT_EQ(ply.body.size(), 10u * 31);
+  EXPECT_NE(ply.header.find("format binary_little_endian 1.0\n"), std::string::npos);
+  EXPECT_NE(ply.header.find("comment axes: scanner frame, metres: x = r cos(scan) cos(pan), y = r cos(scan) "
+                            "sin(pan), z = r sin(scan)\n"),
+            std::string::npos);
+  // Vertex 5: pan 20 counts, scan count 1200 (-44.588 degrees), r 2.4512 m, line 1.
+  const double pan = 20 * 0.0005625 * 0.017453292519943295;
+  const double scan = (1200 * 0.00034332275390625 - 45.0) * 0.017453292519943295;
+  EXPECT_NEAR(At<float>(ply, 5, 0), kR * std::cos(scan) * std::cos(pan), 1e-6);
+  EXPECT_NEAR(At<float>(ply, 5, 4), kR * std::cos(scan) * std::sin(pan), 1e-6);
+  EXPECT_NEAR(At<float>(ply, 5, 8), kR * std::sin(scan), 1e-6);
+  EXPECT_EQ(At<std::uint16_t>(ply, 5, 12), 300);
+  EXPECT_EQ(At<std::uint8_t>(ply, 5, 14), 1);
+  EXPECT_EQ(At<std::uint8_t>(ply, 5, 15), 1);
+  const std::int32_t lines[] = {-1, -1, 0, 0, 0, 1, 1, 1, 2, 2};
+  for (std::size_t v = 0; v < 10; ++v) EXPECT_EQ(At<std::int32_t>(ply, v, 16), lines[v]) << v;
+  EXPECT_NEAR(At<double>(ply, 5, 20), 225007.5 + 5 * 5e-6, 1e-9);
+  // Grey: a brighter return never gets a darker colour.
+  for (std::size_t v = 1; v < 10; ++v) EXPECT_GE(At<std::uint8_t>(ply, v, 28), At<std::uint8_t>(ply, v - 1, 28)) << v;
+  EXPECT_EQ(At<std::uint8_t>(ply, 9, 28), At<std::uint8_t>(ply, 9, 30));
+}
+
+TEST_F(KvrscanTest, ExportCsvAndFromASavedMap) {
+  WriteLinesScan(path("scan.raw"));
+  ASSERT_EQ(Run({"map", "scan.raw", "-o", "scan.map"}).status, 0);
+  const ToolRun run = Run({"export", "scan.raw", "-o", "points.csv", "--map", "scan.map", "--palette", "viridis"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  const std::string csv = ReadFileText(path("points.csv"));
+  EXPECT_NE(csv.find("\nx,y,z,intensity,return_number,number_of_returns,line,time,red,green,blue\n"),
+            std::string::npos);
+  EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 6 + 1 + 10);  // comments, column names, points
+  EXPECT_NE(csv.find(",300,1,1,1,20.500025,"), std::string::npos) << csv;
+}
+
+TEST_F(KvrscanTest, ExportKeepsTheReadableBlocksOfADamagedScan) {
+  WriteLinesScan(path("scan.raw"), 2);
+  const ToolRun run = Run({"export", "scan.raw", "-o", "points.ply"});
+  ExpectOneLineError(run, 1, "kvrscan export: scan.raw: 1 block with a bad signature skipped (first: block 1)",
+                     "KVR_Decode.log");
+  EXPECT_EQ(ReadPly(path("points.ply")).vertices, 10u);
+}
+
+TEST_F(KvrscanTest, ExportFailures) {
+  WriteLinesScan(path("scan.raw"));
+  ExpectOneLineError(Run({"export", "scan.raw"}), 2, "kvrscan export: missing -o OUT.ply or -o OUT.csv", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "points.las"}), 2,
+                     "kvrscan export: the output must end in .ply or .csv, not 'points.las'", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.ply", "--palette", "jet"}), 2,
+                     "kvrscan export: no palette named 'jet' (grey, viridis)", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "no/dir/p.ply"}), 1,
+                     "kvrscan export: no/dir/p.ply: cannot create (No such file or directory)", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.ply", "--ticks", "absent.dat"}), 1,
+                     "kvrscan export: absent.dat: no such file", "");
+}
+
+TEST_F(KvrscanTest, RenderDrawsOneColumnPerLineAndOneRowPerScanStep) {
+  WriteLinesScan(path("scan.raw"));
+  const JsonValue summary = RunJson({"render", "scan.raw", "-o", "pano.png"});
+  // Scan counts 1000 .. 1200 in steps of 100 (coarser than the lines' pan step of
+  // 10 counts): three rows, 1200 on top.
+  EXPECT_EQ(summary["width"].integer(), 3);
+  EXPECT_EQ(summary["height"].integer(), 3);
+  EXPECT_EQ(summary["shots_drawn"].integer(), 8);
+  EXPECT_EQ(summary["pixels_filled"].integer(), 8);
+
+  png_image image;
+  std::memset(&image, 0, sizeof image);
+  image.version = PNG_IMAGE_VERSION;
+  ASSERT_NE(png_image_begin_read_from_file(&image, path("pano.png").c_str()), 0);
+  image.format = PNG_FORMAT_GRAY;
+  std::vector<std::uint8_t> grey(PNG_IMAGE_SIZE(image));
+  ASSERT_NE(png_image_finish_read(&image, nullptr, grey.data(), 0, nullptr), 0);
+  ASSERT_EQ(grey.size(), 9u);
+  // Row 0 is scan count 1200: line 0's third shot (intensity 250), line 1's first
+  // (300), none of line 2. Within a column the higher intensities lie where the
+  // shots came later on the way up (line 0) and earlier on the way down (line 1).
+  EXPECT_EQ(grey[2], 0);  // line 2 never reached 1200
+  EXPECT_GT(grey[0], grey[3]);
+  EXPECT_GT(grey[3], grey[6]);
+  EXPECT_LT(grey[1], grey[4]);
+  EXPECT_LT(grey[4], grey[7]);
+  EXPECT_GE(grey[5], grey[8]);  // both at or above intensityAt95: white
+}
+
+TEST_F(KvrscanTest, RenderFailures) {
+  WriteLinesScan(path("scan.raw"));
+  ExpectOneLineError(Run({"render", "scan.raw"}), 2, "kvrscan render: missing -o OUT.png", "");
+  ExpectOneLineError(Run({"render", "scan.raw", "-o", "no/dir/p.png"}), 1,
+                     "kvrscan render: no/dir/p.png: cannot write the image", "");
+  FifoBlockBuilder oneWay;
+  oneWay.shot(ShotWord({0, 0, 1, 100}), {ReturnWord(1100, 10)});
+  WriteFile(path("flat.raw"), FifoFile({oneWay.build()}, 0, BuildScanFile(RoomHeader())));
+  ExpectOneLineError(Run({"render", "flat.raw", "-o", "p.png"}), 1,
+                     "kvrscan render: flat.raw: has no scan lines: nothing to draw", "");
+}
+
+}  // namespace
+}  // namespace kvr::test

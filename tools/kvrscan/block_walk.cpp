@@ -1,0 +1,48 @@
+#include "block_walk.h"
+
+#include <vector>
+
+#include "kvr_decode/fifo_block.h"
+
+namespace kvrscan {
+
+BlockWalk::BlockWalk(ScanSource& scan, NmeaTicksManager* ticks, Progress* progress)
+    : scan_(scan), ticks_(ticks), progress_(progress) {
+  block_.shots.reserve(8192);
+}
+
+bool BlockWalk::next() {
+  for (;;) {
+    const auto number = static_cast<int>(blocksRead_);
+    const int result = DecodeNextFifoBlock(scan_.stream(), scan_.header(), number, block_, ticks_);
+    if (result == -1) return false;
+    ++blocksRead_;
+    if (progress_ != nullptr) progress_->update(blocksRead_, scan_.wholeBlocks());
+    // The library appends flagged shots from block to block; nothing here reads them.
+    block_.flaggedShots.clear();
+    if (result == -2) {
+      if (badBlocks_++ == 0) firstBadBlock_ = blocksRead_ - 1;
+      continue;
+    }
+    blockNumber_ = static_cast<std::uint32_t>(blocksRead_ - 1);
+    return true;
+  }
+}
+
+std::string BlockWalk::damage(bool libraryLogGrew) const {
+  std::vector<std::string> parts;
+  if (badBlocks_ > 0) {
+    parts.push_back(std::to_string(badBlocks_) + (badBlocks_ == 1 ? " block" : " blocks") +
+                    " with a bad signature skipped (first: block " + std::to_string(firstBadBlock_) + ")");
+  }
+  if (scan_.trailingBytes() > 0) {
+    parts.push_back("the file ends inside block " + std::to_string(scan_.wholeBlocks()) + " (" +
+                    std::to_string(scan_.trailingBytes()) + " of 65536 bytes; ignored)");
+  }
+  if (libraryLogGrew && badBlocks_ == 0) parts.push_back("the library reported damaged blocks");
+  std::string text;
+  for (std::size_t i = 0; i < parts.size(); ++i) text += (i > 0 ? "; " : "") + parts[i];
+  return text;
+}
+
+}  // namespace kvrscan

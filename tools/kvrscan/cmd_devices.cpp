@@ -1,0 +1,274 @@
+// devices FILE: a device data file: its calibration blocks and its readings,
+// with the tilt angles and type 7 links the library derives.
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "commands.h"
+#include "console.h"
+#include "errors.h"
+#include "json_writer.h"
+#include "kvr_decode/conversions.h"
+#include "kvr_decode/device_data.h"
+#include "scan_source.h"
+
+namespace kvrscan {
+
+namespace {
+
+// Payload bytes the library reads for record types 1 to 8, whatever the size field says.
+constexpr std::uint32_t kPayloadSize[9] = {0, 24, 28, 20, 8, 24, 24, 36, 4};
+
+struct Framing {
+  std::uint64_t unknownRecords = 0;  // types the library skips by their size
+  std::string cutShort;              // where the file ends inside a record, if it does
+};
+
+// Follows the file's record framing as the library reads it, to tell a file cut
+// inside a record (which the library reads as far as it goes, without a word).
+Framing CheckFraming(const std::string& path, std::uint64_t size, std::int32_t version) {
+  Framing framing;
+  std::FILE* in = std::fopen(path.c_str(), "rb");
+  if (in == nullptr) return framing;
+  std::uint64_t at = 12;
+  const auto u32At = [&](std::uint64_t offset, std::uint32_t& value) {
+    unsigned char b[4];
+    if (fseeko(in, static_cast<off_t>(offset), SEEK_SET) != 0 || std::fread(b, 1, 4, in) != 4) return false;
+    value = b[0] | b[1] << 8 | b[2] << 16 | static_cast<std::uint32_t>(b[3]) << 24;
+    return true;
+  };
+  if (version > 92) {
+    for (int block = 0; block < 2; ++block) {
+      std::uint32_t length = 0;
+      if (!u32At(at, length)) break;
+      at += 4 + length;
+    }
+  }
+  std::uint64_t index = 0;
+  while (at < size) {
+    std::uint32_t type = 0, declared = 0;
+    if (at + 16 > size || !u32At(at + 8, type) || !u32At(at + 12, declared)) {
+      framing.cutShort = "the file ends inside the header of reading " + std::to_string(index);
+      break;
+    }
+    const std::uint64_t payload = type >= 1 && type <= 8 ? kPayloadSize[type] : declared;
+    if (type < 1 || type > 8) ++framing.unknownRecords;
+    if (at + 16 + payload > size) {
+      framing.cutShort = "the file ends inside reading " + std::to_string(index) + " (type " + std::to_string(type) + ")";
+      break;
+    }
+    at += 16 + payload;
+    ++index;
+  }
+  std::fclose(in);
+  return framing;
+}
+
+template <typename Record>
+std::string TickSpan(const std::vector<Record>& records) {
+  if (records.empty()) return "";
+  const std::uint64_t first = records.front().time, last = records.back().time;
+  return Format(", ticks %llu .. %llu (%.3f s)", static_cast<unsigned long long>(first),
+                static_cast<unsigned long long>(last), CalculateTimeInSecs(last - first));
+}
+
+void CalibrationJson(JsonWriter& json, const AncillaryDevicesData& d) {
+  const InclinometerCalibration i = d.inclinometerCalibration;
+  json.key("inclinometerCalibration").beginObject();
+  json.field("sxx", i.sxx).field("syy", i.syy).field("sxy", i.sxy).field("syx", i.syx);
+  json.field("offnomx", i.offnomx).field("offnomy", i.offnomy);
+  json.field("bsroll", i.bsroll).field("bspitch", i.bspitch).field("bsheading", i.bsheading);
+  json.field("alpha", i.alpha).field("beta", i.beta).field("vref", i.vref).field("pga", i.pga);
+  json.endObject();
+  const CompassCalibration c = d.compassCalibration;
+  json.key("compassCalibration").beginObject();
+  json.field("xsf", c.xsf).field("ysf", c.ysf).field("xoff", c.xoff).field("yoff", c.yoff);
+  json.field("declination", c.declination);
+  json.endObject();
+}
+
+void RecordsJson(JsonWriter& json, const AncillaryDevicesData& d) {
+  json.key("type1Records").beginArray();
+  for (const DeviceRecord1 r : d.type1Records) {
+    json.beginObject().field("time", std::uint64_t{r.time}).field("tiltX", double{r.tiltX});
+    json.field("tiltY", double{r.tiltY}).numbers("raw", r.raw).endObject();
+  }
+  json.endArray();
+  json.key("type2Records").beginArray();
+  for (const DeviceRecord2 r : d.type2Records) {
+    json.beginObject().field("time", std::uint64_t{r.time}).field("a", std::uint64_t{r.a});
+    json.field("b", std::uint64_t{r.b}).field("c", std::uint64_t{r.c}).field("value", r.value);
+    json.field("nearestType7", r.nearestType7).endObject();
+  }
+  json.endArray();
+  json.key("type3Records").beginArray();
+  for (const DeviceRecord3 r : d.type3Records) json.beginObject().field("time", std::uint64_t{r.time}).numbers("w", r.w).endObject();
+  json.endArray();
+  json.key("type4Records").beginArray();
+  for (const DeviceRecord4 r : d.type4Records) {
+    json.beginObject().field("time", std::uint64_t{r.time}).numbers("values", r.values).endObject();
+  }
+  json.endArray();
+  const auto sixValues = [&](std::string_view name, const std::vector<DeviceRecord5>& records) {
+    json.key(name).beginArray();
+    for (const DeviceRecord5 r : records) {
+      json.beginObject().field("time", std::uint64_t{r.time}).numbers("values", r.values).endObject();
+    }
+    json.endArray();
+  };
+  sixValues("type5Records", d.type5Records);
+  sixValues("type6Records", d.type6Records);
+  json.key("type7Records").beginArray();
+  for (const DeviceRecord7 r : d.type7Records) {
+    json.beginObject().field("time", std::uint64_t{r.time}).field("d", std::uint64_t{r.d}).numbers("e", r.e).endObject();
+  }
+  json.endArray();
+  json.key("type8Records").beginArray();
+  for (const DeviceRecord8 r : d.type8Records) json.beginObject().field("time", std::uint64_t{r.time}).field("value", r.value).endObject();
+  json.endArray();
+}
+
+std::string Floats(std::initializer_list<double> values) {
+  std::string out;
+  for (const double v : values) out += (out.empty() ? "" : " ") + FormatDouble(v);
+  return out;
+}
+
+void ReportText(TextReport& report, const std::string& path, const AncillaryDevicesData& d, const Framing& framing,
+                bool listRecords) {
+  report.line(path + ": device data file version " + std::to_string(d.version));
+  const InclinometerCalibration i = d.inclinometerCalibration;
+  report.heading("inclinometer calibration");
+  report.field("sxx syy sxy syx", Floats({i.sxx, i.syy, i.sxy, i.syx}));
+  report.field("offnomx offnomy", Floats({i.offnomx, i.offnomy}));
+  report.field("bsroll bspitch bsheading", Floats({i.bsroll, i.bspitch, i.bsheading}));
+  report.field("alpha beta vref pga", Floats({double(i.alpha), i.beta, i.vref, double(i.pga)}));
+  const CompassCalibration c = d.compassCalibration;
+  report.heading("compass calibration");
+  report.field("xsf ysf xoff yoff", Floats({c.xsf, c.ysf, c.xoff, c.yoff}));
+  report.field("declination", Floats({c.declination}));
+
+  report.heading("readings");
+  std::string tilt;
+  if (!d.type1Records.empty()) {
+    double minX = INFINITY, maxX = -INFINITY, minY = INFINITY, maxY = -INFINITY;
+    for (const DeviceRecord1 r : d.type1Records) {
+      minX = std::min(minX, double{r.tiltX}), maxX = std::max(maxX, double{r.tiltX});
+      minY = std::min(minY, double{r.tiltY}), maxY = std::max(maxY, double{r.tiltY});
+    }
+    tilt = Format("; tilt x %.4f .. %.4f, y %.4f .. %.4f deg", minX, maxX, minY, maxY);
+  }
+  report.field("type 1 (inclination)", GroupedCount(d.type1Records.size()) + TickSpan(d.type1Records) + tilt);
+  const auto linked = std::count_if(d.type2Records.begin(), d.type2Records.end(),
+                                    [](const DeviceRecord2& r) { return r.nearestType7 >= 0; });
+  report.field("type 2", GroupedCount(d.type2Records.size()) + TickSpan(d.type2Records) + "; " +
+                             GroupedCount(static_cast<unsigned long long>(linked)) + " with a type 7 reading within 5 s");
+  report.field("type 3", GroupedCount(d.type3Records.size()) + TickSpan(d.type3Records));
+  report.field("type 4", GroupedCount(d.type4Records.size()) + TickSpan(d.type4Records));
+  report.field("type 5", GroupedCount(d.type5Records.size()) + TickSpan(d.type5Records));
+  report.field("type 6", GroupedCount(d.type6Records.size()) + TickSpan(d.type6Records));
+  report.field("type 7", GroupedCount(d.type7Records.size()) + TickSpan(d.type7Records));
+  report.field("type 8", GroupedCount(d.type8Records.size()) + TickSpan(d.type8Records));
+  if (framing.unknownRecords > 0) report.field("other types", GroupedCount(framing.unknownRecords) + " (skipped)");
+  if (!listRecords) return;
+  const auto words = [](std::span<const std::uint32_t> values) {
+    std::string out;
+    for (const std::uint32_t v : values) out += " " + std::to_string(v);
+    return out;
+  };
+  report.heading("type 1: time, tilt x, tilt y [deg], raw");
+  for (const DeviceRecord1 r : d.type1Records) {
+    std::string raw;
+    for (const std::int32_t v : r.raw) raw += " " + std::to_string(v);
+    report.line(Format("  %llu %.6f %.6f", static_cast<unsigned long long>(r.time), double{r.tiltX}, double{r.tiltY}) + raw);
+  }
+  report.heading("type 2: time, value, a, b, c, nearest type 7");
+  for (const DeviceRecord2 r : d.type2Records) {
+    report.line(Format("  %llu %u %llu %llu %llu %d", static_cast<unsigned long long>(r.time), r.value,
+                       static_cast<unsigned long long>(r.a), static_cast<unsigned long long>(r.b),
+                       static_cast<unsigned long long>(r.c), r.nearestType7));
+  }
+  report.heading("type 3: time, w0 .. w4");
+  for (const DeviceRecord3 r : d.type3Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.w));
+  report.heading("type 4: time, values");
+  for (const DeviceRecord4 r : d.type4Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.values));
+  report.heading("type 5: time, values");
+  for (const DeviceRecord5 r : d.type5Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.values));
+  report.heading("type 6: time, values");
+  for (const DeviceRecord6 r : d.type6Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.values));
+  report.heading("type 7: time, d, e0 .. e6");
+  for (const DeviceRecord7 r : d.type7Records) {
+    report.line("  " + std::to_string(std::uint64_t{r.time}) + " " + std::to_string(std::uint64_t{r.d}) + words(r.e));
+  }
+  report.heading("type 8: time, value");
+  for (const DeviceRecord8 r : d.type8Records) {
+    report.line("  " + std::to_string(std::uint64_t{r.time}) + " " + std::to_string(r.value));
+  }
+}
+
+int RunDevices(const ParsedArgs& args, Context& context) {
+  const std::string& path = args.positional()[0];
+  const std::uint64_t size = ReadableFileSize(path);
+  const std::wstring wide = WidePath(path);
+  AncillaryDevicesData data;
+  const int result = ReadDeviceDataInfo(wide.c_str(), data);
+  if (result == -2) {
+    char signature[8] = {};
+    if (std::FILE* in = std::fopen(path.c_str(), "rb")) {
+      const std::size_t got = std::fread(signature, 1, sizeof signature, in);
+      std::fclose(in);
+      throw FileError(path, "not a device data file: its signature is \"" +
+                                PrintableBytes(std::string_view(signature, got)) + "\", expected #KVRDEVC");
+    }
+    throw FileError(path, "not a device data file");
+  }
+  if (result != 0) throw FileError(path, "header cut short: the file holds no readings");
+  const Framing framing = CheckFraming(path, size, data.version);
+  const bool listRecords = args.has("records");
+  if (context.json) {
+    JsonWriter json;
+    json.beginObject();
+    json.field("filename", path).field("version", data.version);
+    CalibrationJson(json, data);
+    json.key("counts").beginObject();
+    json.field("type1", data.type1Records.size()).field("type2", data.type2Records.size());
+    json.field("type3", data.type3Records.size()).field("type4", data.type4Records.size());
+    json.field("type5", data.type5Records.size()).field("type6", data.type6Records.size());
+    json.field("type7", data.type7Records.size()).field("type8", data.type8Records.size());
+    json.field("other", framing.unknownRecords);
+    json.endObject();
+    if (listRecords) RecordsJson(json, data);
+    json.endObject();
+    Console::write(json.text());
+  } else {
+    TextReport report;
+    ReportText(report, path, data, framing, listRecords);
+    Console::write(report.text());
+  }
+  if (!framing.cutShort.empty()) return context.damaged(path + ": " + framing.cutShort);
+  return kExitOk;
+}
+
+constexpr std::string_view kPositional[] = {"FILE"};
+
+constexpr OptionSpec kOptions[] = {
+    {"records", 0, "", "list every reading (the JSON then holds them all)"},
+    kJsonOption,
+};
+
+}  // namespace
+
+const Command kDevicesCommand{
+    "devices",
+    "FILE [--records] [--json]",
+    "a device data file (#KVRDEVC): calibration blocks and readings by type",
+    "Tilt angles of the type 1 readings and the type 7 reading nearest each type 2 reading are the\n"
+    "library's. The JSON names the fields as the library's AncillaryDevicesData does.",
+    kOptions,
+    kPositional,
+    1,
+    RunDevices,
+};
+
+}  // namespace kvrscan

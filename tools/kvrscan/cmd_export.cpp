@@ -1,0 +1,115 @@
+// export SCAN -o OUT.ply|OUT.csv: every return of the scan as a point, streamed
+// block by block.
+
+#include <chrono>
+#include <filesystem>
+
+#include "commands.h"
+#include "console.h"
+#include "errors.h"
+#include "json_writer.h"
+#include "kvr_decode/conversions.h"
+#include "kvr_decode/optical_model.h"
+#include "map_source.h"
+#include "point_export.h"
+#include "point_writer.h"
+#include "tick_source.h"
+
+namespace kvrscan {
+
+namespace {
+
+const Palette& ChosenPalette(const ParsedArgs& args) {
+  const std::string name = args.value("palette").value_or("grey");
+  const Palette* palette = FindPalette(name);
+  if (palette == nullptr) throw UsageError("no palette named '" + name + "' (grey, viridis)");
+  return *palette;
+}
+
+int RunExport(const ParsedArgs& args, Context& context) {
+  const std::string output = *args.value("output");
+  const std::optional<PointFormat> format = PointFormatOf(output);
+  if (!format) throw UsageError("the output must end in .ply or .csv, not '" + output + "'");
+  const Palette& palette = ChosenPalette(args);
+  ScanSource scan(args.positional()[0]);
+  const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
+  std::unique_ptr<TicksManager> ticks;
+  if (const auto tickFile = args.value("ticks")) ticks = std::make_unique<TicksManager>(*tickFile, offset);
+  const double rangeOffset = GetCalibrationParameters(scan.header()).rangeOffset;
+  MapSource source(scan, args.value("map"), context.showProgress);
+
+  const std::vector<std::string> comments = {
+      "kvrscan export of " + std::filesystem::path(scan.path()).filename().string(),
+      "axes: scanner frame, metres: x = r cos(scan) cos(pan), y = r cos(scan) sin(pan), z = r sin(scan)",
+      "r = range + rangeOffset " + FormatDouble(rangeOffset) +
+          " m; pan and scan are the angles of the shot's encoder counts",
+      std::string("time: seconds, ") + (ticks ? "GNSS time of week" : "since the scanner's tick counter started") +
+          "; -1 when unknown",
+      "line: scan line of the map (-1 before the first); intensity: raw 12-bit",
+      "colour: palette " + std::string(palette.name()) + " over the normalized intensity (intensityAt95 " +
+          FormatDouble(source.map().intensityAt95) + ", gamma " + FormatDouble(source.map().gamma) + ")",
+  };
+  std::unique_ptr<PointWriter> writer = PointWriter::Open(output, *format, comments);
+  Progress progress("export " + scan.path(), context.showProgress);
+  const ExportSummary summary =
+      ExportPoints(scan, source, {&palette, rangeOffset, ticks ? ticks->get() : nullptr, &context.log}, *writer,
+                   &progress);
+  writer->finish();
+  std::error_code ec;
+  const std::uintmax_t bytes = std::filesystem::file_size(output, ec);
+
+  if (context.json) {
+    JsonWriter json;
+    json.beginObject().field("filename", scan.path()).field("output", output);
+    json.field("format", *format == PointFormat::kPly ? "ply" : "csv").field("palette", palette.name());
+    json.field("num_points", summary.points).field("returns_without_range", summary.withoutRange);
+    json.field("num_shots", summary.shots).field("blocks_read", summary.blocks);
+    json.field("range_offset", rangeOffset).field("output_bytes", static_cast<std::uint64_t>(bytes));
+    json.field("map", source.loaded() ? "loaded" : "built").field("seconds", summary.seconds);
+    json.endObject();
+    Console::write(json.text());
+  } else {
+    Console::write(output + ": " + GroupedCount(summary.points) + " points from " + GroupedCount(summary.shots) +
+                   " shots (" + GroupedCount(summary.withoutRange) + " returns without a range), " +
+                   ByteSize(bytes) + Format(", %.2f s\n", summary.seconds));
+  }
+  // The points of every readable block are written; the damage still fails the run.
+  if (!summary.damage.empty()) return context.damaged(scan.path() + ": " + summary.damage);
+  return kExitOk;
+}
+
+constexpr std::string_view kPositional[] = {"SCAN"};
+
+constexpr OptionSpec kOptions[] = {
+    {"output", 'o', "OUT", "the point file: OUT.ply (binary little-endian) or OUT.csv"},
+    kMapOption,
+    kTicksOption,
+    kTimeOffsetOption,
+    kPaletteOption,
+    kJsonOption,
+};
+
+int RunExportChecked(const ParsedArgs& args, Context& context) {
+  if (!args.has("output")) throw UsageError("missing -o OUT.ply or -o OUT.csv");
+  return RunExport(args, context);
+}
+
+}  // namespace
+
+const Command kExportCommand{
+    "export",
+    "SCAN -o OUT.ply|OUT.csv [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--json]",
+    "every return as a point: x, y, z, intensity, return number and count, line, time and colour",
+    "Axes (the scanner's own frame, metres): x = r cos(scan) cos(pan), y = r cos(scan) sin(pan),\n"
+    "z = r sin(scan), with r the return's range plus the calibration's rangeOffset, pan and scan\n"
+    "the library's angles of the shot's encoder counts. Returns that end before their shot's T0\n"
+    "count have no range and are left out. The colour is the palette's at the return's normalized\n"
+    "intensity, scaled for display by the map's intensityAt95 and gamma; the map is built unless\n"
+    "--map loads one. The points are written as they are decoded: memory does not grow with the scan.",
+    kOptions,
+    kPositional,
+    1,
+    RunExportChecked,
+};
+
+}  // namespace kvrscan

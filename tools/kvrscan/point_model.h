@@ -1,0 +1,203 @@
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "palette.h"
+
+namespace kvrscan {
+
+// The intensity model of a scan file map: the parameters its normalized
+// intensity is computed with, and the two values a display scales it by.
+struct IntensityModel {
+  double a1 = 200.0;  // intensity scale of the high-intensity branch
+  double a2 = 4.0;    // exponent of the high-intensity branch
+  double a3 = 0.43;   // gain
+  double a4 = 2.3;    // additive term of the range factor
+  double a5 = 6.1;    // reference range, metres
+  double intensityAt95 = 1.0;
+  double gamma = 0.5;
+};
+
+// The library's CalculateRange (metres from a return's stop count and its
+// shot's T0 count, -1 when the stop lies before the start), with its constants
+// and multiplications in the same order, so the two agree to the bit (a test
+// holds them to it). Inlined here because the export's inner loop calls it for
+// every return.
+inline double RangeOf(std::uint32_t stop, std::uint32_t start) {
+  const double counts = static_cast<double>(stop) - static_cast<double>(start);
+  if (counts < 0.0) return -1.0;
+  return counts * 13.020833333333334 * 1e-12 * 0.5 * 299704764.3859407;
+}
+
+// What the map's sample rule makes of one return.
+enum class ReturnClass { kInvalid, kOutOfRange, kInRange };
+
+// The map's sample rule: a return whose stop count equals the shot's T0 count, or
+// lies before it, is invalid; one whose range plus the offset R0 lies at or below
+// 0.1 m or beyond 2040 m is out of range. `range` is the library's range of the
+// two counts.
+ReturnClass ClassifyReturn(std::uint32_t stop, std::uint32_t t0, double range, double r0);
+
+// The map's normalized intensity of a return: base B = I below 1000, else
+// (I / a1)^a2; v = a3 ((r / a5 - a5 / r)^2 + a4) B with r the range without
+// offset. The bases of all 4096 raw intensities are computed once, so pow is
+// not called per return; the products are taken in the library's order, so v is
+// the library's value to the last bit.
+class IntensityNormalizer {
+ public:
+  explicit IntensityNormalizer(const IntensityModel& model);
+  double operator()(double range, std::uint32_t intensity) const {
+    const double q = range / a5_ - a5_ / range;
+    return (q * q + a4_) * a3_ * base_[intensity & 0xFFF];
+  }
+
+ private:
+  double a3_, a4_, a5_;
+  std::array<double, 4096> base_{};
+};
+
+// Display level of a normalized intensity v: round(kTopLevel (v / intensityAt95)^gamma),
+// v clamped to [0, intensityAt95]. Defined by the levels' lower thresholds, so
+// no pow is taken per value: a table over the leading bits of v (its exponent
+// and the top mantissa bits) gives the level at each cell's start and whether
+// the next level's threshold falls inside the cell. Cells are narrow enough to
+// span less than one level (eight mantissa bits up to gamma 1, ten up to gamma
+// 4), so one comparison settles those few cells; and the table reaches down only
+// as far as levels above 0 do, so it stays small enough for the first-level
+// cache. Smaller values, and gammas of 4 and above, take a binary search. A
+// non-positive or non-finite intensityAt95 or gamma (a damaged map) is taken as 1.
+class DisplayScale {
+ public:
+  explicit DisplayScale(double intensityAt95, double gamma);
+
+  int level(double v) const {
+    if (!(v > 0.0)) return 0;  // also NaN
+    if (v >= at95_) return kTopLevel;
+    const std::uint64_t bits = std::bit_cast<std::uint64_t>(v);
+    const auto binade = static_cast<std::int64_t>(bits >> 52) - lowestExponent_;
+    if (binade < 0 || cell_.empty()) return search(v);
+    const Cell cell = cell_[static_cast<std::size_t>(binade << mantissaBits_ | (bits << 12 >> (64 - mantissaBits_)))];
+    return cell.level + (cell.split && v >= threshold_[cell.level + 1u]);
+  }
+
+  double intensityAt95() const { return at95_; }
+  double gamma() const { return gamma_; }
+
+ private:
+  struct Cell {
+    std::uint8_t level;  // at the cell's first value
+    bool split;          // the next level begins inside the cell
+  };
+
+  int search(double v) const;
+
+  double at95_, gamma_;
+  int mantissaBits_ = 8;
+  std::int64_t lowestExponent_ = 0;
+  std::array<double, kTopLevel + 2> threshold_{};  // threshold_[k]: lowest v of level k; -inf, ..., +inf
+  std::vector<Cell> cell_;
+};
+
+// Sine and cosine of an angle that is linear in a whole-number count, for any
+// count below 2^bits: the count splits into a high and a low half, each with
+// its own small table (they stay in the first-level cache), and the angle sum
+// joins them. The tables hold the sines and cosines of the library's own
+// angles, at the high half's counts and of the low half's steps, so the result
+// differs from std::sin and std::cos of the library's angle only in the last
+// bits of a double.
+class CountTrig {
+ public:
+  // angle(count): the library's angle of an encoder count, in radians.
+  template <typename Angle>
+  CountTrig(int bits, Angle angle) : lowBits_(bits / 2), low_(std::size_t{1} << (bits / 2)),
+                                     high_(std::size_t{1} << (bits - bits / 2)) {
+    const double zero = angle(0u);
+    for (std::uint32_t i = 0; i < low_.size(); ++i) {
+      const double step = angle(i) - zero;
+      low_[i] = {std::cos(step), std::sin(step)};
+    }
+    for (std::uint32_t i = 0; i < high_.size(); ++i) {
+      const double a = angle(i << lowBits_);
+      high_[i] = {std::cos(a), std::sin(a)};
+    }
+  }
+
+  void operator()(std::uint32_t count, double& cosine, double& sine) const {
+    const CosSin& h = high_[(count >> lowBits_) & (high_.size() - 1)];
+    const CosSin& l = low_[count & (low_.size() - 1)];
+    cosine = h.cos * l.cos - h.sin * l.sin;
+    sine = h.sin * l.cos + h.cos * l.sin;
+  }
+
+ private:
+  struct CosSin {
+    double cos, sin;
+  };
+  int lowBits_;
+  std::vector<CosSin> low_, high_;
+};
+
+// Points in the scanner's own frame: x = r cos(scan) cos(pan),
+// y = r cos(scan) sin(pan), z = r sin(scan), r = range + range offset; pan and
+// scan are the library's angles of the shot's encoder counts (the scan angle as
+// the file's scanner model defines it).
+class PointGeometry {
+ public:
+  PointGeometry(std::uint64_t signature, double rangeOffset);
+
+  void aim(std::uint32_t panCount, std::uint32_t scanCount) {
+    if (panCount != panCount_) {  // the head turns slower than the mirror
+      pan_(panCount, cosPan_, sinPan_);
+      panCount_ = panCount;
+    }
+    scan_(scanCount, cosScan_, sinScan_);
+  }
+
+  template <typename T>
+  void place(double range, T& x, T& y, T& z) const {
+    const double r = range + rangeOffset_;
+    const double horizontal = r * cosScan_;
+    x = static_cast<T>(horizontal * cosPan_);
+    y = static_cast<T>(horizontal * sinPan_);
+    z = static_cast<T>(r * sinScan_);
+  }
+
+  double rangeOffset() const { return rangeOffset_; }
+
+ private:
+  double rangeOffset_;
+  CountTrig pan_, scan_;
+  std::uint32_t panCount_ = 0;
+  double cosPan_ = 1.0, sinPan_ = 0.0, cosScan_ = 1.0, sinScan_ = 0.0;
+};
+
+// Line numbers of shots as a scan file map gives them: line L begins at the
+// block and shot its entry names and runs to the next line's start; shots before
+// line 0 belong to no line (-1). Ask in file order.
+class LineIndexer {
+ public:
+  struct Start {
+    std::uint32_t block;
+    std::uint32_t shot;
+  };
+  explicit LineIndexer(std::vector<Start> starts) : starts_(std::move(starts)) {}
+
+  std::int32_t lineOf(std::uint32_t block, std::uint32_t shot) {
+    while (next_ < starts_.size() && (starts_[next_].block < block ||
+                                      (starts_[next_].block == block && starts_[next_].shot <= shot))) {
+      ++next_;
+    }
+    return static_cast<std::int32_t>(next_) - 1;
+  }
+  std::size_t lineCount() const { return starts_.size(); }
+
+ private:
+  std::vector<Start> starts_;
+  std::size_t next_ = 0;
+};
+
+}  // namespace kvrscan
