@@ -9,14 +9,14 @@
 #include "devices/nearest_reading.h"
 #include "kvr_decode/camera_file.h"
 #include "kvr_decode/device_data.h"
-#include "support/camera_file_builder.h"
-#include "support/device_file_builder.h"
+#include "kvr_writers/camera_file_writer.h"
+#include "kvr_writers/device_file_writer.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-using kvr::test::CameraFileBuilder;
-using kvr::test::DeviceFileBuilder;
+using kvr::writers::CameraFileBuilder;
+using kvr::writers::DeviceFileBuilder;
 
 constexpr int kDeviceReadings = 400000;
 constexpr int kCameraImages = 256;
@@ -35,11 +35,11 @@ const std::filesystem::path& DeviceFile() {
     for (int i = 0; i < kDeviceReadings; ++i) {
       const std::uint64_t time = 1000000 + static_cast<std::uint64_t>(i) * 500000;
       if (i % 10 == 3) {
-        file.reading(DeviceRecord2{.time = time, .value = 1});
+        file.reading(kvr::writers::DeviceReading2{.time = time, .value = 1});
       } else if (i % 10 == 7) {
-        file.reading(DeviceRecord7{.time = time, .d = 2});
+        file.reading(kvr::writers::DeviceReading7{.time = time, .d = 2});
       } else {
-        file.reading(DeviceRecord1{.time = time, .raw = {0, 1000, 990, 1, 1000, 0}});
+        file.reading(kvr::writers::DeviceReading1{.time = time, .raw = {0, 1000, 990, 1, 1000, 0}});
       }
     }
     const auto p = Dir() / "device.dat";

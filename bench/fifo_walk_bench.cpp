@@ -19,7 +19,8 @@
 #include <vector>
 
 #include "kvr_decode/fifo_block.h"
-#include "support/fifo_block_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ void EnsureScanInPageCache() {
       const std::string partial = std::string(kScanPath) + ".part";
       std::FILE* out = std::fopen(partial.c_str(), "wb");
       if (out == nullptr) throw std::runtime_error("cannot write " + partial);
-      kvr::test::SyntheticScan scan(20240601, kPrf, 4);
+      kvr::writers::SyntheticScan scan(20240601, kPrf, 4);
       for (std::size_t b = 0; b < kBlocks; ++b) {
         const std::vector<std::uint8_t> block = scan.NextBlock().build();
         std::fwrite(block.data(), 1, block.size(), out);

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "kvr_decode/file_header.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -13,8 +13,8 @@ namespace {
 // A header of the size the scanner writes: a sectioned calibration text, three
 // PRF tables of 100 rows, a few kilobytes of optical model text, and a side
 // table of 12 keys by 200 rows.
-kvr::test::HeaderBlockFields TypicalHeader() {
-  kvr::test::HeaderBlockFields f;
+kvr::writers::HeaderBlockFields TypicalHeader() {
+  kvr::writers::HeaderBlockFields f;
   f.headerLayout = 0;
   f.dataOffset = 65536;
   for (int prf : {50, 200, 500}) {
@@ -44,11 +44,11 @@ struct ScanFileOnDisk {
   std::size_t headerSize = 0;
   ScanFileOnDisk() {
     const auto fields = TypicalHeader();
-    headerSize = kvr::test::BuildHeaderBlock(fields).size();
-    kvr::test::WriteFile(dir / "scan.raw", kvr::test::BuildScanFile(fields));
+    headerSize = kvr::writers::BuildHeaderBlock(fields).size();
+    kvr::test::WriteFile(dir / "scan.raw", kvr::writers::BuildScanFile(fields));
     std::vector<int> keys;
     for (int k = 0; k < 12; ++k) keys.push_back(10 + 2 * k);
-    kvr::test::WriteFile(dir / "scan.raw.tbl", kvr::test::BuildSideTable(keys, SideTableRows()));
+    kvr::test::WriteFile(dir / "scan.raw.tbl", kvr::writers::BuildSideTable(keys, SideTableRows()));
     name = kvr::test::WideName(dir / "scan.raw");
   }
 };
@@ -83,7 +83,7 @@ void BM_FreadHeaderAndSideTable(benchmark::State& state) {
 BENCHMARK(BM_FreadHeaderAndSideTable);
 
 void BM_DecodeFileHeader(benchmark::State& state) {
-  std::vector<std::uint8_t> block = kvr::test::BuildHeaderBlock(TypicalHeader());
+  std::vector<std::uint8_t> block = kvr::writers::BuildHeaderBlock(TypicalHeader());
   RawFileHeader header;
   for (auto _ : state) {
     benchmark::DoNotOptimize(DecodeFileHeader(block.data(), static_cast<int>(block.size()), header));

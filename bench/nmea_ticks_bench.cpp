@@ -10,13 +10,13 @@
 #include <vector>
 
 #include "kvr_decode/nmea_ticks_manager.h"
+#include "kvr_writers/tick_file_writer.h"
 #include "nmea/nmea_ticks_manager.h"
 #include "support/temp_dir.h"
-#include "support/tick_file_builder.h"
 
 namespace {
 
-using kvr::test::kTicksPerSecond;
+using kvr::writers::kTicksPerSecond;
 
 constexpr int kPulses = 18000;                                   // five hours at 1 Hz
 constexpr std::uint64_t kFirstPulse = 1000000000;               // 20 s after the counter started
@@ -30,9 +30,9 @@ struct TickFile {
 
   TickFile() {
     const auto path = dir / "Serial.dat";
-    kvr::test::TickFileBuilder file;
-    file.everySecond(kFirstPulse, kvr::test::Utc(2020, 1, 28, 14, 30, 7), kPulses,
-                     [](kvr::test::UtcTime t) { return kvr::test::ZdaSentence(t, "GN"); });
+    kvr::writers::TickFileBuilder file;
+    file.everySecond(kFirstPulse, kvr::writers::Utc(2020, 1, 28, 14, 30, 7), kPulses,
+                     [](kvr::writers::UtcTime t) { return kvr::writers::ZdaSentence(t, "GN"); });
     file.writeTo(path);
     name = kvr::test::WideName(path);
     this->path = path.string();

@@ -8,8 +8,9 @@
 #include <vector>
 
 #include "kvr_decode/optical_model.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/header_texts.h"
 #include "support/header_record.h"
-#include "support/optical_model_text.h"
 #include "support/raw_shot_builder.h"
 
 namespace {
@@ -22,8 +23,8 @@ std::vector<RawShot> EvenShots(std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) {
     const auto scan = static_cast<std::uint32_t>((i * 37) & 0x3FFFF);
     const auto pan = static_cast<std::uint32_t>((i * 11) & 0xFFFFF);
-    shots.push_back(kvr::test::MakeShot(1000 + 250 * i, kvr::test::ShotWord(pan, scan, 1, 0x1234), scan,
-                                        {kvr::test::ReturnWord(5000, 300)}));
+    shots.push_back(kvr::test::MakeShot(1000 + 250 * i, kvr::writers::ShotWord({pan, scan, 1, 0x1234}), scan,
+                                        {kvr::writers::ReturnWord(5000, 300)}));
   }
   return shots;
 }
@@ -78,8 +79,8 @@ const std::vector<std::pair<std::string, std::string>> kModel2Tags = {
     {"wobble-phi-b", "0.4"}, {"wobble-phi-s", "0.5"}};
 
 void BM_GetCalibrationParameters(benchmark::State& state) {
-  RunCalibrationParameters(state, kvr::test::OpticalModelText("version=\"2\"", kModel2Tags,
-                                                              kvr::test::TextLayout::kIndented));
+  RunCalibrationParameters(state, kvr::writers::OpticalModelText("version=\"2\"", kModel2Tags,
+                                                              kvr::writers::TextLayout::kIndented));
 }
 BENCHMARK(BM_GetCalibrationParameters);
 
@@ -87,8 +88,8 @@ BENCHMARK(BM_GetCalibrationParameters);
 void BM_GetCalibrationParametersPadded(benchmark::State& state) {
   std::string padding;
   for (std::int64_t i = 0; i < state.range(0); ++i) padding += "\t<note>pan-a wobble-phi << a0</note>\r\n";
-  RunCalibrationParameters(state, padding + kvr::test::OpticalModelText("version=\"2\"", kModel2Tags,
-                                                                        kvr::test::TextLayout::kIndented));
+  RunCalibrationParameters(state, padding + kvr::writers::OpticalModelText("version=\"2\"", kModel2Tags,
+                                                                        kvr::writers::TextLayout::kIndented));
 }
 BENCHMARK(BM_GetCalibrationParametersPadded)->RangeMultiplier(16)->Range(16, 1 << 16);
 

@@ -156,24 +156,24 @@ void TickSeeds() {
 
 void DeviceSeeds() {
   DeviceFileBuilder v93(93);
-  v93.calibrationBlock(CalibrationText({{"sxx", "1.01"}, {"syy", "0.99"}, {"sxy", "0.002"}, {"syx", "-0.001"},
+  v93.calibrationBlock(DeviceCalibrationText({{"sxx", "1.01"}, {"syy", "0.99"}, {"sxy", "0.002"}, {"syx", "-0.001"},
                                         {"offnomx", "0.1"}, {"offnomy", "-0.2"}, {"alpha", "2.5"}, {"beta", "0.5"},
                                         {"vref", "2.5"}, {"pga", "4"}}))
-      .calibrationBlock(CalibrationText({{"xsf", "1"}, {"ysf", "1"}, {"declination", "3.5"}}));
-  v93.reading(DeviceRecord1{.time = 100, .raw = {1, 2000, -2000, 300, 4, 5}})
-      .reading(DeviceRecord2{.time = 250000000, .a = 1, .b = 2, .c = 3, .value = 4})
-      .reading(DeviceRecord3{.time = 300, .w = {1, 2, 3, 4, 5}})
-      .reading(DeviceRecord4{.time = 400, .values = {6, 7}})
-      .reading(DeviceRecord5{.time = 500, .values = {1, 2, 3, 4, 5, 6}})
-      .reading(DeviceRecord5{.time = 600, .values = {6, 5, 4, 3, 2, 1}}, 6)
-      .reading(DeviceRecord7{.time = 100000000, .d = 9, .e = {1, 2, 3, 4, 5, 6, 7}})
-      .reading(DeviceRecord7{.time = 400000000, .d = 8, .e = {7, 6, 5, 4, 3, 2, 1}})
-      .reading(DeviceRecord8{.time = 800, .value = 8})
+      .calibrationBlock(DeviceCalibrationText({{"xsf", "1"}, {"ysf", "1"}, {"declination", "3.5"}}));
+  v93.reading(DeviceReading1{.time = 100, .raw = {1, 2000, -2000, 300, 4, 5}})
+      .reading(DeviceReading2{.time = 250000000, .a = 1, .b = 2, .c = 3, .value = 4})
+      .reading(DeviceReading3{.time = 300, .w = {1, 2, 3, 4, 5}})
+      .reading(DeviceReading4{.time = 400, .values = {6, 7}})
+      .reading(DeviceReading5{.time = 500, .values = {1, 2, 3, 4, 5, 6}})
+      .reading(DeviceReading5{.time = 600, .values = {6, 5, 4, 3, 2, 1}}, 6)
+      .reading(DeviceReading7{.time = 100000000, .d = 9, .e = {1, 2, 3, 4, 5, 6, 7}})
+      .reading(DeviceReading7{.time = 400000000, .d = 8, .e = {7, 6, 5, 4, 3, 2, 1}})
+      .reading(DeviceReading8{.time = 800, .value = 8})
       .record(900, 12, {1, 2, 3});
   Seed("device_data_fuzz", "version93_every_type", v93.bytes());
 
   DeviceFileBuilder v92(92);
-  v92.reading(DeviceRecord2{.time = 5, .value = 1}).reading(DeviceRecord7{.time = 7});
+  v92.reading(DeviceReading2{.time = 5, .value = 1}).reading(DeviceReading7{.time = 7});
   Seed("device_data_fuzz", "version92", v92.bytes());
 }
 

@@ -10,16 +10,16 @@
 #include <string>
 #include <vector>
 
+#include "kvr_writers/camera_file_writer.h"
 #include "platform/file_system.h"
-#include "support/camera_file_builder.h"
 #include "support/open_descriptors.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
 namespace {
 
-using test::CameraFileBuilder;
-using test::ImageBytes;
+using writers::CameraFileBuilder;
+using writers::ImageBytes;
 using namespace std::string_literals;
 
 std::string Image(const CameraFileRecord& r, std::size_t n) { return {reinterpret_cast<const char*>(r.imageData), n}; }

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "kvr_decode/device_data.h"
-#include "support/byte_writer.h"
-#include "support/device_file_builder.h"
+#include "kvr_writers/byte_writer.h"
+#include "kvr_writers/device_file_writer.h"
 #include "support/open_descriptors.h"
 #include "support/stdout_capture.h"
 #include "support/temp_dir_test_base.h"
@@ -15,8 +15,8 @@
 namespace kvr {
 namespace {
 
-using test::ByteWriter;
-using test::DeviceFileBuilder;
+using writers::ByteWriter;
+using writers::DeviceFileBuilder;
 
 using namespace std::string_literals;
 
@@ -24,7 +24,7 @@ const std::string kInclinometerText =
     "sxx=1.02\nsyy = 0.98\nsxy\t0.01\nsyx=-0.02\noffnomx=0.001\noffnomy=-0.002\nbsroll=0.5\nbspitch=-0.25\n"
     "bsheading=90\nalpha=2.5\nbeta=0.5\nvref=2.5\npga=7.6\n"s +
     '\0';
-const std::string kCompassText = test::CalibrationText(
+const std::string kCompassText = writers::DeviceCalibrationText(
     {{"xsf", "1.5"}, {"ysf", "0.75"}, {"xoff", "-12.25"}, {"yoff", "3.125"}, {"declination", "-2.5"}});
 
 const InclinometerCalibration kInclinometer{1.02f,  0.98f, 0.01f, -0.02f, 0.001f, -0.002f, 0.5f,
@@ -38,17 +38,17 @@ DeviceFileBuilder& AddRecords(DeviceFileBuilder& file) {
   return file
       .record(1000, 7,
               ByteWriter().u32(70).u64(0x1122334455667788).u32(71).u32(72).u32(73).u32(74).u32(75).u32(76).take())
-      .reading(DeviceRecord1{.time = 2000, .raw = {111, 1650, 1350, 3, 3000, -7}})
+      .reading(writers::DeviceReading1{.time = 2000, .raw = {111, 1650, 1350, 3, 3000, -7}})
       .record(2500, 0, ByteWriter().text("skip!").take())
       .record(3000, 2, ByteWriter().u32(20).u64(0x0102030405060708).u64(22).u64(0xFFFFFFFF00000001).take())
       .record(4000, 3, ByteWriter().u32(31).u32(32).u32(33).u32(34).u32(35).take())
-      .reading(DeviceRecord4{.time = 5000, .values = {41, 42}})
+      .reading(writers::DeviceReading4{.time = 5000, .values = {41, 42}})
       .record(5500, 9, ByteWriter().text("abc").take())
-      .reading(DeviceRecord5{.time = 6000, .values = {51, 52, 53, 54, 55, 56}})
-      .reading(DeviceRecord6{.time = 7000, .values = {61, 62, 63, 64, 65, 66}}, 6)
+      .reading(writers::DeviceReading5{.time = 6000, .values = {51, 52, 53, 54, 55, 56}})
+      .reading(writers::DeviceReading5{.time = 7000, .values = {61, 62, 63, 64, 65, 66}}, 6)
       .record(600000000, 7, ByteWriter().u32(80).u64(81).u32(82).u32(83).u32(84).u32(85).u32(86).u32(87).take())
-      .reading(DeviceRecord8{.time = 8000, .value = 0xDEADBEEF})
-      .reading(DeviceRecord1{.time = 9000, .raw = {5, 1030, 960, 6, 1000, 9}})
+      .reading(writers::DeviceReading8{.time = 8000, .value = 0xDEADBEEF})
+      .reading(writers::DeviceReading1{.time = 9000, .raw = {5, 1030, 960, 6, 1000, 9}})
       .record(500000000, 2, ByteWriter().u32(90).u64(91).u64(92).u64(93).take());
 }
 
@@ -151,7 +151,7 @@ TEST_F(DeviceDataFile, SecondCallAppendsAndRelinksEveryReading) {
 
 TEST_F(DeviceDataFile, CutPayloadIsKeptWithTheBytesThatArrived) {
   DeviceFileBuilder file = Header93();
-  file.reading(DeviceRecord8{.time = 8000, .value = 1})
+  file.reading(writers::DeviceReading8{.time = 8000, .value = 1})
       .record(1000, 7, ByteWriter().u32(70).u64(0x1122334455667788).u32(71).take());
   AncillaryDevicesData data;
   // e0 and two bytes of d arrive.
@@ -203,7 +203,7 @@ const std::string kBadSignature = "Bad file signature";
 const std::string kV93 = "Device version 93\n";
 const std::array<std::size_t, 8> kEmpty{};
 const std::array<std::size_t, 8> kOneType8{0, 0, 0, 0, 0, 0, 0, 1};
-const std::vector<std::uint8_t> kType8 = DeviceFileBuilder::DevicePayload(DeviceRecord8{.value = 7});
+const std::vector<std::uint8_t> kType8 = DeviceFileBuilder::DevicePayload(writers::DeviceReading8{.value = 7});
 
 std::vector<DamageCase> DamageCases() {
   DeviceFileBuilder oneRecord = Header93();

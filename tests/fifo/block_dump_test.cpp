@@ -4,14 +4,14 @@
 #include <vector>
 
 #include "kvr_decode/fifo_block.h"
-#include "support/fifo_block_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
 #include "support/stdout_capture.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
 namespace {
 
-using test::FifoBlockBuilder;
+using writers::FifoBlockBuilder;
 
 class DumpTest : public test::InTempDir {};
 
@@ -20,7 +20,7 @@ TEST_F(DumpTest, WritesOneLinePerBlockMarksBadSignaturesAndReportsTheEnd) {
   const auto bad = FifoBlockBuilder().signature(0xFFFFFFFF).timeStamp(123456789).castBlockNumber(17).shotCount(905).build();
   // Packed word 0xFFFFFFFF: only its low byte adds to the time stamp.
   const auto fullPacked = FifoBlockBuilder().timeStamp(0xFF00000001).castBlockNumber(2047).shotCount(8191).build();
-  test::WriteFile(path("scan.bin"), test::FifoFile({good, bad, fullPacked}, 100));
+  test::WriteFile(path("scan.bin"), writers::FifoFile({good, bad, fullPacked}, 100));
   std::FILE* in = std::fopen(path("scan.bin").c_str(), "rb");
   std::FILE* out = std::fopen(path("dump.txt").c_str(), "w");
   ASSERT_TRUE(in != nullptr && out != nullptr);

@@ -5,14 +5,14 @@
 
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
-#include "support/fifo_block_builder.h"
-#include "support/tick_file_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/tick_file_writer.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
 namespace {
 
-using test::FifoBlockBuilder;
+using writers::FifoBlockBuilder;
 
 // Bytes 4-11 = 01 00 00 00 FF FF FF FF: only byte 8 of the packed word adds to the
 // stamp (0xFF00000001 = 1095216660481). Its 8191 shots all fit when every shot
@@ -42,8 +42,8 @@ class DecodeNextFifoBlockTest : public test::InTempDir {
 };
 
 TEST_F(DecodeNextFifoBlockTest, WalksWholeBlocksAndEndsAtAShortRead) {
-  const auto first = FifoBlockBuilder().timeStamp(1000).shot(0).shot(test::ShotWord({.returnCount = 1}), {9}).build();
-  Open(test::FifoFile({first, BlockWithFullPackedWord()}, 100));
+  const auto first = FifoBlockBuilder().timeStamp(1000).shot(0).shot(writers::ShotWord({.returnCount = 1}), {9}).build();
+  Open(writers::FifoFile({first, BlockWithFullPackedWord()}, 100));
 
   ASSERT_EQ(Next(7), 2);
   EXPECT_EQ(block_.CycleSyncTimeStamp, 1000u);
@@ -75,7 +75,7 @@ class BadSignature : public DecodeNextFifoBlockTest, public ::testing::WithParam
 TEST_P(BadSignature, LogsTheHeaderKeepsTheShotsAndMovesOn) {
   const auto bad =
       FifoBlockBuilder().signature(GetParam().signature).timeStamp(0x123456789A).castBlockNumber(1234).shotCount(5);
-  Open(test::FifoFile({FifoBlockBuilder().shotCount(3).build(), bad.build(), FifoBlockBuilder().shotCount(1).build()}));
+  Open(writers::FifoFile({FifoBlockBuilder().shotCount(3).build(), bad.build(), FifoBlockBuilder().shotCount(1).build()}));
   ASSERT_EQ(Next(41), 3);
   EXPECT_EQ(Next(42), -2);
   EXPECT_EQ(block_.CycleSyncTimeStamp, 0x123456789Au);
@@ -113,18 +113,18 @@ TEST_F(DecodeNextFifoBlockTest, EmptyFileOrNullStreamLeavesTheRecordAlone) {
 // times 10 s and 11 s of the week: a block stamped between them is interpolated,
 // one outside them has no time of day while its ticks are still counted.
 TEST_F(DecodeNextFifoBlockTest, BlockTimeComesFromTheTicksManagerWhenItBracketsTheStamp) {
-  const test::UtcTime sunday = test::Utc(2026, 11, 22, 0, 0, 10);
-  const test::UtcTime secondLater = test::Utc(2026, 11, 22, 0, 0, 11);
-  test::TickFileBuilder()
+  const writers::UtcTime sunday = writers::Utc(2026, 11, 22, 0, 0, 10);
+  const writers::UtcTime secondLater = writers::Utc(2026, 11, 22, 0, 0, 11);
+  writers::TickFileBuilder()
       .pulse(50000000)
-      .sentence(50400000, test::ZdaSentence(sunday))
+      .sentence(50400000, writers::ZdaSentence(sunday))
       .pulse(100000000)
-      .sentence(100400000, test::ZdaSentence(secondLater))
+      .sentence(100400000, writers::ZdaSentence(secondLater))
       .writeTo(path("Serial.dat"));
   NmeaTicksManager* manager = CreateNmeaTicksManager(test::WideName(path("Serial.dat")).c_str(), 0);
   ASSERT_NE(manager, nullptr);
 
-  Open(test::FifoFile({FifoBlockBuilder().timeStamp(75000000).shotCount(3).build(),
+  Open(writers::FifoFile({FifoBlockBuilder().timeStamp(75000000).shotCount(3).build(),
                        FifoBlockBuilder().timeStamp(1000).shotCount(3).build()}));
   ASSERT_EQ(Next(0, manager), 3);
   EXPECT_EQ(block_.shots[0].shotTow, 10.5);

@@ -4,14 +4,15 @@
 #include <vector>
 
 #include "kvr_decode/fifo_block.h"
-#include "support/fifo_block_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
 namespace {
 
-using test::FifoBlockBuilder;
-using test::ShotWord;
+using writers::FifoBlockBuilder;
+using writers::ShotWord;
 using Words = std::vector<std::uint32_t>;
 
 // Decodes a copy of the block: exactly 65536 bytes on the heap, so a sanitizer
@@ -178,7 +179,7 @@ INSTANTIATE_TEST_SUITE_P(
 // Full blocks of a synthetic scan with return counts 0-7, every shot against what
 // the builder laid down.
 TEST(DecodeFifoBlock, MatchesRandomRealisticBlocks) {
-  test::SyntheticScan scan(20240517, 200, 7);
+  writers::SyntheticScan scan(20240517, 200, 7);
   FifoBlock block;
   for (int b = 0; b < 40; ++b) {
     const FifoBlockBuilder built = scan.NextBlock();

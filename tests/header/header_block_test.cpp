@@ -7,7 +7,7 @@
 namespace kvr {
 namespace {
 
-using test::HeaderBlockFields;
+using writers::HeaderBlockFields;
 using test::Model;
 
 constexpr const char* kContext = "int DecodeFileHeader(unsigned char *headerBuffer, RawFileHeader &rawFileHeader)";
@@ -15,7 +15,7 @@ constexpr const char* kContext = "int DecodeFileHeader(unsigned char *headerBuff
 class DecodeHeader : public test::InTempDir, public ::testing::WithParamInterface<Model> {
  protected:
   int Decode(const HeaderBlockFields& fields) {
-    std::vector<std::uint8_t> block = test::BuildHeaderBlock(fields);
+    std::vector<std::uint8_t> block = writers::BuildHeaderBlock(fields);
     return DecodeFileHeader(block.data(), 1, header);  // the size is ignored
   }
   void ExpectLog(const std::string& message, const std::vector<std::string>& details) {

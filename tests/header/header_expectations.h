@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "kvr_decode/raw_file_header.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/log_reader.h"
-#include "support/scan_file_builder.h"
 
 namespace kvr::test {
 
@@ -24,8 +24,8 @@ inline void PrintTo(const Model& m, std::ostream* os) {
 }
 
 // Every field holds its own value, so a field read from the wrong place shows.
-inline HeaderBlockFields DistinctFields(const Model& m) {
-  HeaderBlockFields f;
+inline writers::HeaderBlockFields DistinctFields(const Model& m) {
+  writers::HeaderBlockFields f;
   f.signature = m.magic;
   f.headerLayout = m.layout;
   f.dataOffset = m.dataOffset;
@@ -82,9 +82,9 @@ inline void ExpectText(std::uint32_t length, const char* text, const std::string
 // The record as DistinctFields(m) must decode: fixed fields, texts and tables.
 inline void ExpectDecoded(const RawFileHeader& h, const Model& m) {
   static_assert(std::endian::native == std::endian::little);
-  const HeaderBlockFields f = DistinctFields(m);
+  const writers::HeaderBlockFields f = DistinctFields(m);
   // The record's fixed part mirrors the block byte for byte.
-  const std::vector<std::uint8_t> block = BuildHeaderBlock(f);
+  const std::vector<std::uint8_t> block = writers::BuildHeaderBlock(f);
   const auto* fixed = reinterpret_cast<const std::uint8_t*>(&h);
   EXPECT_EQ(std::vector<std::uint8_t>(fixed, fixed + 276), std::vector<std::uint8_t>(block.begin(), block.begin() + 276));
   ExpectText(h.calibrationTextLength, h.calibrationText, f.calibrationText);

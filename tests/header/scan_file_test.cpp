@@ -1,27 +1,20 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "header/header_expectations.h"
 #include "kvr_decode/file_header.h"
 #include "platform/file_system.h"
+#include "support/open_descriptors.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
 namespace {
 
-using test::HeaderBlockFields;
+using writers::HeaderBlockFields;
 using test::Model;
 using Values = decltype(RawFileHeader::calibrationValues);
 
 constexpr const char* kPrfMessage = "The PRF is undefined. Processing can not continue, PRF read = ";
 constexpr const char* kSignatureMessage = "The scan file exist but the signature is wrong ";
-
-int OpenDescriptors() {
-  int count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
-}
 
 class ReadHeader : public test::InTempDir, public ::testing::WithParamInterface<Model> {
  protected:
@@ -42,8 +35,8 @@ class ReadHeader : public test::InTempDir, public ::testing::WithParamInterface<
 };
 
 TEST_P(ReadHeader, FillsTheRecordAndStopsAtTheFirstBlock) {
-  test::WriteFile(path("scan.raw.tbl"), test::BuildSideTable({10, 12}, {{5.0, 1, 3}}));
-  FILE* stream = Read(test::BuildScanFile(test::DistinctFields(GetParam()), {'B', 'L', 'K'}));
+  test::WriteFile(path("scan.raw.tbl"), writers::BuildSideTable({10, 12}, {{5.0, 1, 3}}));
+  FILE* stream = Read(writers::BuildScanFile(test::DistinctFields(GetParam()), {'B', 'L', 'K'}));
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(platform::Tell(stream), GetParam().dataOffset);
   std::fclose(stream);
@@ -64,24 +57,24 @@ TEST_F(ReadHeader, FailuresLogOnceAndLeaveAnOpenedStreamOpen) {
   ExpectLog("Error opening file", {"mAssing.raw"});  // each wide character cut to its low byte
   EXPECT_EQ(header.signature[0], 0);
 
-  const int before = OpenDescriptors();
-  EXPECT_EQ(Read(test::BuildScanFile(test::DistinctFields({"#KVRSCAX", 0, 200, 5000, 0, 0}))), nullptr);
+  const long before = test::OpenDescriptorCount();
+  EXPECT_EQ(Read(writers::BuildScanFile(test::DistinctFields({"#KVRSCAX", 0, 200, 5000, 0, 0}))), nullptr);
   ExpectLog(kSignatureMessage, {"s", "#KVRSCAX"});  // the name's storage read as narrow text
   EXPECT_EQ(header.signature[7], 'X');
   EXPECT_EQ(header.dataOffset, 77u);
 
   header.calibrationValues = {{"kept", 1.0}};
-  EXPECT_EQ(Read(test::BuildScanFile(test::DistinctFields({"#KVRSCAN", 1, 100, 5000, 0, 0}))), nullptr);
+  EXPECT_EQ(Read(writers::BuildScanFile(test::DistinctFields({"#KVRSCAN", 1, 100, 5000, 0, 0}))), nullptr);
   ExpectLog(std::string(kPrfMessage) + "100", {"scan.raw"});
   EXPECT_EQ(header.dataOffset, 5000u);
   EXPECT_STREQ(header.idText2, "second");
   EXPECT_EQ(header.calibrationValues, (Values{{"kept", 1.0}}));
-  EXPECT_EQ(OpenDescriptors(), before + 2);
+  EXPECT_EQ(test::OpenDescriptorCount(), before + 2);
 }
 
 TEST_F(ReadHeader, TruncatedFileKeepsWhatTheReadsLeft) {
   HeaderBlockFields fields = test::DistinctFields({"#KVRSCAN", 1, 200, 0x31388, 0, 0});
-  const std::vector<std::uint8_t> block = test::BuildHeaderBlock(fields);
+  const std::vector<std::uint8_t> block = writers::BuildHeaderBlock(fields);
   auto cut = [&](std::size_t size) { return std::vector<std::uint8_t>(block.begin(), block.begin() + size); };
 
   EXPECT_EQ(Read(cut(6)), nullptr);
@@ -108,7 +101,7 @@ TEST_F(ReadHeader, OversizedLengthReadsTheRestOfTheFileIntoAZeroFilledText) {
     fields.calibrationText = "k = 1";
     fields.fourthText = "xyz";
     (layout == 1 ? fields.calibrationTextLength : fields.fourthTextLength) = 0xFFFFFFFF;
-    FILE* stream = Read(test::BuildHeaderBlock(fields));
+    FILE* stream = Read(writers::BuildHeaderBlock(fields));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(platform::Tell(stream), 1024);
     std::fclose(stream);
@@ -123,21 +116,21 @@ TEST_F(ReadHeader, OversizedLengthReadsTheRestOfTheFileIntoAZeroFilledText) {
 
 TEST_F(ReadHeader, SideTableThatCannotBeUsedIsLoggedAndTheScanStillRead) {
   std::filesystem::create_directory(path("scan.raw.tbl"));  // opens, but cannot be read
-  FILE* stream = Read(test::BuildScanFile(HeaderBlockFields{}));
+  FILE* stream = Read(writers::BuildScanFile(HeaderBlockFields{}));
   ASSERT_NE(stream, nullptr);
   std::fclose(stream);
   ExpectLog("The side table is unreadable or too large and was not loaded", {"scan.raw.tbl"});
   std::filesystem::remove(path("scan.raw.tbl"));
   Reset();
   test::WriteFile(path("scan.raw.tbl"), std::string("row 0 65535\n1 2 3\n"));  // 65536 columns of 2 rows: fine
-  stream = Read(test::BuildScanFile(HeaderBlockFields{}));
+  stream = Read(writers::BuildScanFile(HeaderBlockFields{}));
   ASSERT_NE(stream, nullptr);
   std::fclose(stream);
   EXPECT_NE(header.sideTableGrid, nullptr);
   EXPECT_TRUE(logEntries().empty());
   Reset();
   test::WriteFile(path("scan.raw.tbl"), std::string("row 0 65536\n1 2 3\n"));  // one column too many
-  stream = Read(test::BuildScanFile(HeaderBlockFields{}));
+  stream = Read(writers::BuildScanFile(HeaderBlockFields{}));
   ASSERT_NE(stream, nullptr);
   std::fclose(stream);
   EXPECT_EQ(header.sideTableGrid, nullptr);
@@ -145,18 +138,18 @@ TEST_F(ReadHeader, SideTableThatCannotBeUsedIsLoggedAndTheScanStillRead) {
 }
 
 TEST_F(ReadHeader, MalformedTableEndsWithOutOfRangeAndClosesTheStream) {
-  const int before = OpenDescriptors();
+  const long before = test::OpenDescriptorCount();
   HeaderBlockFields fields;
   // a three-token row counts only in the file's own section
   fields.calibrationText = "a = 1\nx 1 2\n[PRF=50]\ny 1 2\n[PRF=200]\nz 1 2\nb = 2\n";
-  test::ExpectInvalidSubscript([&] { Read(test::BuildScanFile(fields)); });
+  test::ExpectInvalidSubscript([&] { Read(writers::BuildScanFile(fields)); });
   EXPECT_EQ(header.calibrationValues, (Values{{"a", 1.0}, {"x", 1.0}}));
   EXPECT_STREQ(header.calibrationText, fields.calibrationText.c_str());
   Reset();
   test::WriteFile(path("scan.raw.tbl"), std::string("no keys\n"));
-  test::ExpectInvalidSubscript([&] { Read(test::BuildScanFile(HeaderBlockFields{})); });
+  test::ExpectInvalidSubscript([&] { Read(writers::BuildScanFile(HeaderBlockFields{})); });
   EXPECT_EQ(header.sideTableGrid, nullptr);
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(test::OpenDescriptorCount(), before);
 }
 
 }  // namespace

@@ -65,9 +65,9 @@ INSTANTIATE_TEST_SUITE_P(
     Tables, LoadSideTableFile,
     ::testing::Values(
         // the last line is processed again when the file ends with a line feed
-        TableCase{test::BuildSideTable({10, 12}, {{5.0, 1, 3}, {5.1, 2, 4}}, true),
+        TableCase{writers::BuildSideTable({10, 12}, {{5.0, 1, 3}, {5.1, 2, 4}}, true),
                   {{0, {1, 2, 2}}, {1, {2, 3, 3}}, {2, {3, 4, 4}}}, 3, 5.0, 5.15, 0.15000000000000036, 10, 13},
-        TableCase{test::BuildSideTable({10, 12}, {{5.0, 1, 3}, {5.1, 2, 4}}, false),
+        TableCase{writers::BuildSideTable({10, 12}, {{5.0, 1, 3}, {5.1, 2, 4}}, false),
                   {{0, {1, 2}}, {1, {2, 3}}, {2, {3, 4}}}, 2, 5.0, 5.1, 0.09999999999999964, 10, 13},
         TableCase{"# table\n\nrow\t0\t2\t3\r\n0 0 10 20 99\r\n",
                   {{0, {0, 0}}, {1, {5, 5}}, {2, {10, 10}}, {3, {20, 20}}}, 2, 0.0, 0.1, 0.1, 0, 4},

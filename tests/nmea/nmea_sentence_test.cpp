@@ -6,14 +6,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "kvr_writers/tick_file_writer.h"
 #include "nmea/nmea_ticks_manager.h"
-#include "support/tick_file_builder.h"
 
 namespace kvr::nmea {
 namespace {
 
-using test::NmeaSentence;
-using test::Utc;
+using writers::NmeaSentence;
+using writers::Utc;
 
 double TimeOf(const std::string& line) {
   return SentenceTimeOfWeek(GetSentenceType(line.c_str()), line.c_str(), static_cast<unsigned>(line.size()));
@@ -33,11 +33,11 @@ class SentenceTime : public ::testing::TestWithParam<LineCase> {};
 INSTANTIATE_TEST_SUITE_P(
     Lines, SentenceTime,
     ::testing::Values(
-        LineCase{"ZdaGp", test::ZdaSentence(Utc(2020, 1, 28, 14, 30, 7), "GP"), 225007.0},
+        LineCase{"ZdaGp", writers::ZdaSentence(Utc(2020, 1, 28, 14, 30, 7), "GP"), 225007.0},
         // Two fraction digits 45 are read as 45 ms; Tuesday 2019-12-31.
-        LineCase{"ZdaGnFractionAsMilliseconds", test::ZdaSentence(Utc(2019, 12, 31, 23, 59, 59, 450), "GN"),
+        LineCase{"ZdaGnFractionAsMilliseconds", writers::ZdaSentence(Utc(2019, 12, 31, 23, 59, 59, 450), "GN"),
                  259199.045},
-        LineCase{"ZdaGlSundayMidnightIsZero", test::ZdaSentence(Utc(2020, 1, 5, 0, 0, 0), "GL"), 0.0},
+        LineCase{"ZdaGlSundayMidnightIsZero", writers::ZdaSentence(Utc(2020, 1, 5, 0, 0, 0), "GL"), 0.0},
         LineCase{"ZdaLowerCaseChecksum", "$GPZDA,143007.00,28,01,2020,00,00*6c\r\n", 225007.0},
         LineCase{"ZdaOneFractionDigitIsMilliseconds", NmeaSentence("GPZDA,143007.4,28,01,2020,00,00"), 225007.004},
         LineCase{"ZdaSevenCharacterTime", NmeaSentence("GPZDA,143007.,28,01,2020,00,00"), 225007.0},
@@ -47,10 +47,10 @@ INSTANTIATE_TEST_SUITE_P(
         LineCase{"ZdaBothZoneFieldsEmpty", NmeaSentence("GPZDA,143007.00,28,01,2020,,"), -1.0},
         LineCase{"ZdaMonthOutsideCalendar", NmeaSentence("GPZDA,143007.00,28,13,2020,00,00"), -1.0},
         LineCase{"FewerThanFourTokens", NmeaSentence("GPZDA,143007.00,28"), -1.0},
-        LineCase{"Pps", test::PpsSentence(Utc(2020, 1, 28, 14, 30, 7, 250)), 225007.25},
+        LineCase{"Pps", writers::PpsSentence(Utc(2020, 1, 28, 14, 30, 7, 250)), 225007.25},
         LineCase{"PpsSixTokens", "$GPPPS,143007.250,2,1,0,0\r\n", -1.0},
-        LineCase{"Utc", test::UtcLine(Utc(2020, 1, 28, 14, 30, 7)), 225007.0},
-        LineCase{"UtcWithoutTime", test::UtcLine(Utc(2020, 1, 28, 14, 30, 7), "?"), -1.0},
+        LineCase{"Utc", writers::UtcLine(Utc(2020, 1, 28, 14, 30, 7)), 225007.0},
+        LineCase{"UtcWithoutTime", writers::UtcLine(Utc(2020, 1, 28, 14, 30, 7), "?"), -1.0},
         LineCase{"UtcYear80", "UTC 80/01/06 00:00:10 1\r\n", -1.0},
         LineCase{"OtherSentence", NmeaSentence("GPGGA,143007.00,4807.038,N,01131.000,E,1,08,0.9,545.4,M,,,,"),
                  -1.0}),
@@ -81,10 +81,10 @@ TEST(SentenceErrors, ShortFieldsThrowTheCheckedAccessErrors) {
 
 TEST(SentenceType, AnyUtcLineSwitchesToNextPulseStampingEvenWhenRejected) {
   NmeaTicksManager manager(nullptr);
-  const std::string zda = test::ZdaSentence(Utc(2020, 1, 28, 14, 30, 7));
+  const std::string zda = writers::ZdaSentence(Utc(2020, 1, 28, 14, 30, 7));
   manager.ParseNmeaSentence(zda.c_str(), static_cast<unsigned>(zda.size()));
   EXPECT_FALSE(manager.nextPulseTime);
-  const std::string utc = test::UtcLine(Utc(2020, 1, 28, 14, 30, 7), "?");
+  const std::string utc = writers::UtcLine(Utc(2020, 1, 28, 14, 30, 7), "?");
   EXPECT_EQ(manager.ParseNmeaSentence(utc.c_str(), static_cast<unsigned>(utc.size())), -1.0);
   EXPECT_TRUE(manager.nextPulseTime);
 }

@@ -2,20 +2,20 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 
 #include "kvr_decode/nmea_ticks_manager.h"
+#include "kvr_writers/tick_file_writer.h"
+#include "support/open_descriptors.h"
 #include "support/temp_dir_test_base.h"
-#include "support/tick_file_builder.h"
 
 namespace kvr::nmea {
 namespace {
 
-using test::TickFileBuilder;
-using test::Utc;
+using writers::TickFileBuilder;
+using writers::Utc;
 
 constexpr std::uint64_t kSecond = 50000000;
 constexpr std::uint64_t kP0 = 1000000000;  // first pulse, 20 s after the tick counter started
@@ -25,11 +25,7 @@ struct Deleter {
 };
 using Manager = std::unique_ptr<NmeaTicksManager, Deleter>;
 
-std::string Zda(test::UtcTime t) { return test::ZdaSentence(t, "GN"); }
-
-int OpenDescriptors() {
-  return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
+std::string Zda(writers::UtcTime t) { return writers::ZdaSentence(t, "GN"); }
 
 class TickManager : public test::InTempDir {
  protected:
@@ -40,12 +36,11 @@ class TickManager : public test::InTempDir {
   Manager Load(const TickFileBuilder& file, int timeOffset = 0) { return Load(file.bytes(), timeOffset); }
 };
 
-void ExpectPairs(const NmeaTicksManager& m, const std::vector<TickTime>& expected) {
-  ASSERT_EQ(m.tickTimes->size(), expected.size());
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ((*m.tickTimes)[i].time, expected[i].time) << i;
-    EXPECT_EQ((*m.tickTimes)[i].ticks, expected[i].ticks) << i;
-  }
+using Pairs = std::vector<std::pair<double, std::uint64_t>>;
+Pairs PairsOf(const NmeaTicksManager& m) {
+  Pairs pairs;
+  for (const TickTime& t : *m.tickTimes) pairs.emplace_back(t.time, t.ticks);
+  return pairs;
 }
 
 TEST_F(TickManager, HourAtOneHertzInterpolatesThroughTheBracketCache) {
@@ -82,13 +77,13 @@ TEST_F(TickManager, HourAtOneHertzInterpolatesThroughTheBracketCache) {
 TEST_F(TickManager, WeekWrapAddsAWeekOnceAndASecondWrapStepsBack) {
   // Saturday 23:59:59 = 604799 s, Sunday 00:00:00 = 0 s. Version 7 reads like version 1.
   TickFileBuilder file(7);
-  const test::UtcTime times[] = {Utc(2020, 2, 1, 23, 59, 59), Utc(2020, 2, 2, 0, 0, 0), Utc(2020, 2, 8, 23, 59, 59),
+  const writers::UtcTime times[] = {Utc(2020, 2, 1, 23, 59, 59), Utc(2020, 2, 2, 0, 0, 0), Utc(2020, 2, 8, 23, 59, 59),
                                  Utc(2020, 2, 9, 0, 0, 0)};
   for (int i = 0; i < 4; ++i) file.pulse(kP0 + i * kSecond).sentence(kP0 + i * kSecond + 1, Zda(times[i]));
   const Manager m = Load(file);
   ASSERT_NE(m, nullptr);
-  ExpectPairs(*m, {{604799.0, kP0}, {604800.0, kP0 + kSecond}, {1209599.0, kP0 + 2 * kSecond},
-                   {604800.0, kP0 + 3 * kSecond}});
+  EXPECT_EQ(PairsOf(*m), (Pairs{{604799.0, kP0}, {604800.0, kP0 + kSecond}, {1209599.0, kP0 + 2 * kSecond},
+                   {604800.0, kP0 + 3 * kSecond}}));
 }
 
 TEST_F(TickManager, PairsFirstSentenceWithinASecondAndUtcLinesStampTheNextPulse) {
@@ -97,17 +92,17 @@ TEST_F(TickManager, PairsFirstSentenceWithinASecondAndUtcLinesStampTheNextPulse)
   const std::uint64_t tenth = kSecond / 10;
   const Manager m = Load(TickFileBuilder()
                              .pulse(p[0]).sentence(p[0] + tenth, Zda(Utc(2020, 1, 28, 14, 30, 7)))
-                             .pulse(p[1]).sentence(p[1] + tenth, test::PpsSentence(Utc(2020, 1, 28, 14, 30, 8)))
-                             .pulse(p[2]).sentence(p[2], test::UtcLine(Utc(2020, 1, 28, 14, 30, 9)))
-                             .pulse(p[3]).sentence(p[3] + tenth, test::NmeaSentence("GPGGA,143010.00,,,,,0,00,,,,,,,"))
+                             .pulse(p[1]).sentence(p[1] + tenth, writers::PpsSentence(Utc(2020, 1, 28, 14, 30, 8)))
+                             .pulse(p[2]).sentence(p[2], writers::UtcLine(Utc(2020, 1, 28, 14, 30, 9)))
+                             .pulse(p[3]).sentence(p[3] + tenth, writers::NmeaSentence("GPGGA,143010.00,,,,,0,00,,,,,,,"))
                              .sentence(p[3] + kSecond, Zda(Utc(2020, 1, 28, 14, 30, 10)))  // at p[4]
                              .pulse(p[4]).sentence(p[4] + 2 * tenth, Zda(Utc(2020, 1, 28, 14, 30, 11)))
                              .sentence(p[4] + 2 * tenth, Zda(Utc(2020, 1, 28, 14, 30, 12)))  // same ticks: wins
                              .pulse(p[5]).sentence(p[5] + tenth, "$GPZDA,143013.00,28,01,2020,00,00*00\r\n")
                              .pulse(p[6]));  // the last record is queued twice
   ASSERT_NE(m, nullptr);
-  ExpectPairs(*m, {{225007.0, p[0] + kSecond}, {225008.0, p[1] + kSecond}, {225009.0, p[2] + kSecond},
-                   {225010.0, p[4] + kSecond}});
+  EXPECT_EQ(PairsOf(*m), (Pairs{{225007.0, p[0] + kSecond}, {225008.0, p[1] + kSecond}, {225009.0, p[2] + kSecond},
+                   {225010.0, p[4] + kSecond}}));
   EXPECT_EQ(m->ppsTicks, (std::list<std::uint64_t>{p[3], p[5], p[6], p[6]}));
   EXPECT_EQ(m->sentenceTimes, (std::map<std::int64_t, double>{{static_cast<std::int64_t>(p[4] + 2 * tenth), 225012.0}}));
 }
@@ -145,10 +140,10 @@ TEST_F(TickManager, SinglePairThrowsOnItsOwnTicksAndRejectsTheRest) {
 }
 
 TEST_F(TickManager, MalformedZdaThrowsOutOfCreateAndClosesTheFile) {
-  const int before = OpenDescriptors();
+  const long before = test::OpenDescriptorCount();
   const TickFileBuilder file = TickFileBuilder().pulse(kP0).sentence(kP0 + 1, "$GPZDA,143007.00,28,01,2020,00,*4C");
   ExpectOutOfRange([&] { Load(file); }, "invalid vector<T> subscript");
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(test::OpenDescriptorCount(), before);
 }
 
 struct FailureCase {
@@ -199,10 +194,10 @@ TEST_P(TickManagerFailure, LogsOnceThroughItsLogWhileCreateReturnsNullSilently) 
                                     : c.details);
   manager.Close();
 
-  const int before = OpenDescriptors();
+  const long before = test::OpenDescriptorCount();
   EXPECT_EQ(CreateNmeaTicksManager(name.c_str(), 0), nullptr);
   EXPECT_EQ(logEntries().size(), 1u);
-  EXPECT_EQ(OpenDescriptors(), before + (c.fileStaysOpen ? 1 : 0));  // deliberately left open
+  EXPECT_EQ(test::OpenDescriptorCount(), before + (c.fileStaysOpen ? 1 : 0));  // deliberately left open
 }
 
 using TickManagerDeathTest = TickManager;

@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "kvr_decode/optical_model.h"
+#include "kvr_writers/header_texts.h"
 #include "support/header_record.h"
-#include "support/optical_model_text.h"
 #include "support/stdout_capture.h"
 
 namespace kvr {
@@ -14,7 +14,7 @@ namespace {
 
 using Parameters = OpticalModel::CalibrationParameters;
 using Doubles = std::array<double, 19>;
-using test::TextLayout;
+using writers::TextLayout;
 
 // a0-a6, wobblePhiModel1, smKappa, panA, panB, wobbleOmega(A, B), reserved, wobblePhi(A, B, S)
 Doubles DoublesOf(const Parameters& p) {
@@ -56,10 +56,10 @@ TEST_P(OpticalModelText, SetsEveryCoefficientAndPrintsTheVersion) {
 
 INSTANTIATE_TEST_SUITE_P(GetCalibrationParameters, OpticalModelText, testing::Values(
     TextCase{"Empty", "", {}, 1, {0, 1}},
-    TextCase{"Model1", test::OpticalModelText("", kAllTags, TextLayout::kCompact), {}, 1, kModel1},
-    TextCase{"Version2", test::OpticalModelText("version=\"2\"", kAllTags, TextLayout::kIndented), {}, 2, kModel2},
-    TextCase{"Model2", test::OpticalModelText("model=\"2\"", kAllTags, TextLayout::kCompact), {}, 2, kModel2},
-    TextCase{"Version2NotFirst", test::OpticalModelText("id=\"x\" version=\"2\"", kAllTags, TextLayout::kCompact), {}, 1, kModel1},
+    TextCase{"Model1", writers::OpticalModelText("", kAllTags, TextLayout::kCompact), {}, 1, kModel1},
+    TextCase{"Version2", writers::OpticalModelText("version=\"2\"", kAllTags, TextLayout::kIndented), {}, 2, kModel2},
+    TextCase{"Model2", writers::OpticalModelText("model=\"2\"", kAllTags, TextLayout::kCompact), {}, 2, kModel2},
+    TextCase{"Version2NotFirst", writers::OpticalModelText("id=\"x\" version=\"2\"", kAllTags, TextLayout::kCompact), {}, 1, kModel1},
     TextCase{"OnlyA0", "<calibration_parameters version = \"2\">\n  <a0>\n 1.5 \n</a0>\n</calibration_parameters>", {}, 2, {1.5}},
     TextCase{"BrokenNumbers", "<a0>abc</a0><a1>1.5abc</a1><a2>- 2 . 5</a2><a3>1e400</a3><wobble-phi>0x10</wobble-phi>", {}, 1,
              {0, 1.5, -2.5, kInf, 0, 0, 0, 16}},

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "kvr_decode/optical_model.h"
+#include "kvr_writers/fifo_block_writer.h"
 #include "support/raw_shot_builder.h"
 #include "support/temp_dir_test_base.h"
 
@@ -20,10 +21,16 @@ constexpr Five kScan = {100, 203, 400, 397, 1100};  // steps 103, 197, -3, 703
 constexpr Five kPan = {10, 30, 25, 1000, 0xFFFFF};  // steps 20, -5, 975, 1047575
 constexpr Five kStatus = {0, 0, 7, 0, 0};           // a placed shot keeps its status
 
+// Pan and scan counts in a shot word with one return, T0 0x1234 and the direction bit.
+std::uint64_t Word(std::int64_t pan, std::int64_t scan) {
+  return writers::ShotWord({.pan = static_cast<std::uint32_t>(pan), .scan = static_cast<std::uint32_t>(scan),
+                            .returnCount = 1, .t0 = 0x1234, .topBits = 2});
+}
+
 std::vector<RawShot> FiveShots(const Five& times = kEven) {
   std::vector<RawShot> shots;
   for (int i = 0; i < 5; ++i) {
-    shots.push_back(test::MakeShot(times[i], test::ShotWord(kPan[i], kScan[i], 1, 0x1234, 0x20), kScan[i], {}, kStatus[i]));
+    shots.push_back(test::MakeShot(times[i], Word(kPan[i], kScan[i]), kScan[i], {}, kStatus[i]));
   }
   return shots;
 }
@@ -32,7 +39,7 @@ std::vector<RawShot> FiveShots(const Five& times = kEven) {
 void ExpectShots(const std::vector<RawShot>& shots, const Five& scan, const Five& pan, const Five& status) {
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(shots[i].scanAngleCounts, scan[i]) << i;
-    EXPECT_EQ(shots[i].shotWord, test::ShotWord(pan[i], kScan[i], 1, 0x1234, 0x20)) << i;
+    EXPECT_EQ(shots[i].shotWord, Word(pan[i], kScan[i])) << i;
     EXPECT_EQ(shots[i].status, status[i]) << i;
   }
 }

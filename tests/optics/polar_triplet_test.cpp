@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "kvr_decode/optical_model.h"
+#include "kvr_writers/fifo_block_writer.h"
 #include "support/raw_shot_builder.h"
 
 namespace kvr {
@@ -21,8 +22,8 @@ class PolarTriplet : public testing::TestWithParam<TripletCase> {};
 TEST_P(PolarTriplet, AnglesAlwaysRangeOnlyForAnExistingReturn) {
   // Pan count 0xFFFFF and T0 100 among set neighbouring bits; the shot word's scan
   // bits (77) differ from scanAngleCounts, which is the one used.
-  const RawShot shot = test::MakeShot(5, test::ShotWord(0xFFFFF, 77, 7, 100, 0x7F), 196608,
-                                      {test::ReturnWord(1100, 4095), test::ReturnWord(100, 1), test::ReturnWord(99, 0)});
+  const RawShot shot = test::MakeShot(5, writers::ShotWord({0xFFFFF, 77, 7, 100, 0xf, 7}), 196608,
+                                      {writers::ReturnWord(1100, 4095), writers::ReturnWord(100, 1), writers::ReturnWord(99, 0)});
   double pan = 0.0, scan = 0.0, range = 42.0;
   EXPECT_EQ(GetPolarTriplet(shot, GetParam().returnIndex, pan, scan, range), GetParam().result);
   EXPECT_EQ(pan, 10.294360989805991);

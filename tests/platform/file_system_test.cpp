@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "kvr_writers/byte_writer.h"
 #include "platform/little_endian.h"
 #include "platform/stream_reader.h"
-#include "support/byte_writer.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -46,7 +46,7 @@ TEST(WideNameLogText, LowBytesAndStorageBytes) {
 }
 
 TEST(ByteCursor, ReadsLittleEndianAndZeroFillsPastTheEnd) {
-  const auto bytes = test::ByteWriter().u32(0x11223344).u8(0xAB).take();
+  const auto bytes = writers::ByteWriter().u32(0x11223344).u8(0xAB).take();
   le::ByteCursor in(bytes);
   EXPECT_EQ(in.u32(), 0x11223344u);
   EXPECT_FALSE(in.overrun());
@@ -57,7 +57,7 @@ TEST(ByteCursor, ReadsLittleEndianAndZeroFillsPastTheEnd) {
 }
 
 TEST_F(PlatformFiles, ShortFieldReadKeepsTheBytesThatDidNotArrive) {
-  test::WriteFile(path("short.bin"), test::ByteWriter().u8(0x01).u8(0x02).take());
+  test::WriteFile(path("short.bin"), writers::ByteWriter().u8(0x01).u8(0x02).take());
   std::FILE* in = platform::OpenFileNarrow("short.bin", "rb");
   ASSERT_NE(in, nullptr);
   std::uint32_t field = 0xAABBCCDD;

@@ -31,10 +31,10 @@ constexpr const char* kBadSignature = "Bad file signature";
 // reading (time at 84, type 92, size 96, payload 100-103): 104 bytes.
 FileBytes ValidFile() {
   test::DeviceFileBuilder b(93);
-  b.calibrationBlock(test::CalibrationText({{"alpha", "2"}, {"pga", "4"}}))
-      .calibrationBlock(test::CalibrationText({{"xsf", "1.5"}}))
-      .reading(DeviceRecord1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
-      .reading(DeviceRecord8{.time = 1000, .value = 7});
+  b.calibrationBlock(test::DeviceCalibrationText({{"alpha", "2"}, {"pga", "4"}}))
+      .calibrationBlock(test::DeviceCalibrationText({{"xsf", "1.5"}}))
+      .reading(test::DeviceReading1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
+      .reading(test::DeviceReading8{.time = 1000, .value = 7});
   return b.bytes();
 }
 const FileBytes kValid = ValidFile();
@@ -183,15 +183,15 @@ TEST_F(DamagedDeviceFile, OtherMagicsFailWithMinusTwoLeavingTheFileOpen) {
 // 7 reading or to none.
 TEST_F(DamagedDeviceFile, RandomDamageEndsInADocumentedResult) {
   test::DeviceFileBuilder b(93);
-  b.calibrationBlock(test::CalibrationText({{"alpha", "2"}, {"pga", "4"}, {"vref", "2.5"}, {"beta", "0.5"}}))
-      .calibrationBlock(test::CalibrationText({{"xsf", "1.5"}}))
-      .reading(DeviceRecord1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
-      .reading(DeviceRecord2{.time = 100000000, .value = 1})
-      .reading(DeviceRecord7{.time = 50000000})
-      .reading(DeviceRecord7{.time = 400000000})
+  b.calibrationBlock(test::DeviceCalibrationText({{"alpha", "2"}, {"pga", "4"}, {"vref", "2.5"}, {"beta", "0.5"}}))
+      .calibrationBlock(test::DeviceCalibrationText({{"xsf", "1.5"}}))
+      .reading(test::DeviceReading1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
+      .reading(test::DeviceReading2{.time = 100000000, .value = 1})
+      .reading(test::DeviceReading7{.time = 50000000})
+      .reading(test::DeviceReading7{.time = 400000000})
       .record(5, 42, {1, 2, 3})
-      .reading(DeviceRecord3{.time = 3})
-      .reading(DeviceRecord8{.time = 1000, .value = 7});
+      .reading(test::DeviceReading3{.time = 3})
+      .reading(test::DeviceReading8{.time = 1000, .value = 7});
   int results[3] = {};
   for (const FileBytes& file : test::Mutations(b.bytes(), 4242, 300)) {
     test::LeftOpenStreams leftOpen;

@@ -17,16 +17,12 @@ namespace {
 using test::ExpectedValue;
 using test::FifoBlockBuilder;
 using test::MapShot;
+using test::OwnedMap;
 using test::ReturnWord;
 
 constexpr std::uint32_t kT0 = 1000;
 // One return 5000 counts (9.756 m) behind T0 with raw intensity 500.
 const std::vector<std::uint32_t> kOneReturn = {ReturnWord(kT0 + 5000, 500)};
-
-struct OwnedMap {
-  ScanFileMap map;
-  ~OwnedMap() { ReleaseScanFileMap(map); }
-};
 
 class ScanMapBuild : public test::InTempDir {
  protected:

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "kvr_decode/scan_file_map.h"
+#include "scanmap/scan_files.h"
 #include "support/map_file_builder.h"
 #include "support/temp_dir.h"
 #include "support/temp_dir_test_base.h"
@@ -13,12 +14,7 @@ namespace kvr {
 namespace {
 
 using test::MapFileContents;
-
-// Released when the test ends, so LeakSanitizer sees every text freed.
-struct OwnedMap {
-  ScanFileMap map;
-  ~OwnedMap() { ReleaseScanFileMap(map); }
-};
+using test::OwnedMap;
 
 class MapFile : public test::InTempDir {
  protected:

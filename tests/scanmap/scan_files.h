@@ -7,6 +7,7 @@
 #include <tuple>
 #include <vector>
 
+#include "kvr_decode/scan_file_map.h"
 #include "support/byte_writer.h"
 #include "support/fifo_block_builder.h"
 #include "support/scan_file_builder.h"
@@ -15,6 +16,12 @@
 // Scan files for the map tests: a header from the header builder, blocks from
 // the block builder, and the intensity model written out as the map defines it.
 namespace kvr::test {
+
+// Released when the test ends, so LeakSanitizer sees every text freed.
+struct OwnedMap {
+  ScanFileMap map;
+  ~OwnedMap() { ReleaseScanFileMap(map); }
+};
 
 // A shot word with the fields the map reads; bit 62 carries the direction.
 inline std::uint64_t MapShot(std::uint32_t direction, std::uint32_t returnCount, std::uint32_t t0,

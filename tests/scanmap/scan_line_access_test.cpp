@@ -18,15 +18,11 @@ namespace {
 
 using test::FifoBlockBuilder;
 using test::MapShot;
+using test::OwnedMap;
 using test::ReturnWord;
 
 constexpr std::uint32_t kT0 = 1000;
 constexpr std::uint64_t kTicksPerShot = 250;  // 200 kHz
-
-struct OwnedMap {
-  ScanFileMap map;
-  ~OwnedMap() { ReleaseScanFileMap(map); }
-};
 
 struct OpenFile {
   std::FILE* stream = nullptr;
@@ -55,18 +51,25 @@ std::vector<std::uint32_t> Tags(const std::vector<RawShot>& shots) {
   return tags;
 }
 
-class ScanLineAccess : public test::InTempDir {
+// A scan written to scan.raw, its map, and the file open for fetches.
+class MappedScan : public test::InTempDir {
+ protected:
+  void Map(const std::vector<FifoBlockBuilder>& blocks, std::size_t tail = 0) {
+    ASSERT_EQ(GetScanFileMap(test::WriteScan(path("scan.raw"), {}, blocks, tail).c_str(), owned_.map), 0);
+    file_.stream = std::fopen(path("scan.raw").c_str(), "rb");
+    ASSERT_NE(file_.stream, nullptr);
+  }
+
+  OwnedMap owned_;
+  OpenFile file_;
+};
+
+class ScanLineAccess : public MappedScan {
  protected:
   // Line 0 runs from block 0 shot 5 across into block 1; line 1 begins at
   // block 1 shot 4 and stays open through an empty block and block 3.
   void SetUp() override {
-    name_ = test::WriteScan(path("scan.raw"), {},
-                            {Block(0, {0, 0, 0, 0, 0, 1, 1, 1}), Block(1, {1, 1, 1, 1, 0, 0}), Block(2, {}),
-                             Block(3, {0, 0})},
-                            1000);
-    ASSERT_EQ(GetScanFileMap(name_.c_str(), owned_.map), 0);
-    file_.stream = std::fopen(path("scan.raw").c_str(), "rb");
-    ASSERT_NE(file_.stream, nullptr);
+    Map({Block(0, {0, 0, 0, 0, 0, 1, 1, 1}), Block(1, {1, 1, 1, 1, 0, 0}), Block(2, {}), Block(3, {0, 0})}, 1000);
   }
 
   std::vector<std::uint32_t> Fetch(int index) {
@@ -75,10 +78,6 @@ class ScanLineAccess : public test::InTempDir {
     EXPECT_EQ(n, static_cast<int>(shots.size()));
     return Tags(shots);
   }
-
-  std::wstring name_;
-  OwnedMap owned_;
-  OpenFile file_;
 };
 
 const std::vector<std::uint32_t> kLine0 = {Tag(0, 5), Tag(0, 6), Tag(0, 7), Tag(1, 0),
@@ -181,7 +180,7 @@ INSTANTIATE_TEST_SUITE_P(Positions, RelativePosition,
 
 // Lines of ten shots after a leading partial line of three, all in one block;
 // shot i lies 250 ticks after shot i - 1 and carries pan count `pan(i)`.
-class ScanParameters : public test::InTempDir {
+class ScanParameters : public MappedScan {
  protected:
   static constexpr std::uint64_t kStamp = 1000000;
 
@@ -195,21 +194,14 @@ class ScanParameters : public test::InTempDir {
       const std::uint32_t direction = static_cast<std::uint32_t>((line + 2) % 2);
       block.shot(MapShot(direction, 1, kT0, 0, pan(i)), {ReturnWord(kT0 + 5000, 500)});
     }
-    name_ = test::WriteScan(path("scan.raw"), {}, {block});
-    ASSERT_EQ(GetScanFileMap(name_.c_str(), owned_.map), 0);
+    Map({block});
     ASSERT_EQ(owned_.map.numberOfScanLines, lines + 1);
-    file_.stream = std::fopen(path("scan.raw").c_str(), "rb");
-    ASSERT_NE(file_.stream, nullptr);
   }
 
   static double Time(int shot) {
     return static_cast<double>(kStamp + kTicksPerShot * static_cast<std::uint64_t>(shot)) * 20.0 * 1e-09;
   }
   static double Degrees(std::uint32_t pan) { return pan * 0.0005625; }
-
-  std::wstring name_;
-  OwnedMap owned_;
-  OpenFile file_;
 };
 
 // N = 8: A is line 2 (first shot 23), B is line 6 whose fetch ends with the

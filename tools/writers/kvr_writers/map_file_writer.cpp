@@ -1,8 +1,8 @@
-#include "support/map_file_builder.h"
+#include "kvr_writers/map_file_writer.h"
 
-#include "support/byte_writer.h"
+#include "kvr_writers/byte_writer.h"
 
-namespace kvr::test {
+namespace kvr::writers {
 
 namespace {
 
@@ -52,4 +52,4 @@ std::vector<std::uint8_t> BuildMapFile(const MapFileContents& c) {
   return out.take();
 }
 
-}  // namespace kvr::test
+}  // namespace kvr::writers

@@ -1,6 +1,6 @@
-#include "support/camera_file_builder.h"
+#include "kvr_writers/camera_file_writer.h"
 
-namespace kvr::test {
+namespace kvr::writers {
 
 CameraFileBuilder::CameraFileBuilder(const CameraHeaderFields& header) : timeStamps_(header.timeStampFlag != 0) {
   out_.fixed(header.signature, 8)
@@ -19,4 +19,4 @@ CameraFileBuilder& CameraFileBuilder::record(const CameraRecordFields& record) {
 
 std::vector<std::uint8_t> ImageBytes(std::string_view text) { return {text.begin(), text.end()}; }
 
-}  // namespace kvr::test
+}  // namespace kvr::writers

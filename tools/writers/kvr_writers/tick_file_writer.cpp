@@ -1,10 +1,10 @@
-#include "support/tick_file_builder.h"
+#include "kvr_writers/tick_file_writer.h"
 
 #include <cstdio>
 
-#include "support/temp_dir.h"
+#include "kvr_writers/file_output.h"
 
-namespace kvr::test {
+namespace kvr::writers {
 
 namespace {
 
@@ -98,6 +98,6 @@ TickFileBuilder& TickFileBuilder::everySecond(std::uint64_t firstPulse, UtcTime 
   return *this;
 }
 
-void TickFileBuilder::writeTo(const std::filesystem::path& path) const { WriteFile(path, out_.bytes()); }
+void TickFileBuilder::writeTo(const std::filesystem::path& path) const { WriteBinaryFile(path, out_.bytes()); }
 
-}  // namespace kvr::test
+}  // namespace kvr::writers

@@ -1,10 +1,10 @@
-#include "support/scan_file_builder.h"
+#include "kvr_writers/scan_file_writer.h"
 
 #include <charconv>
 
-#include "support/byte_writer.h"
+#include "kvr_writers/byte_writer.h"
 
-namespace kvr::test {
+namespace kvr::writers {
 
 namespace {
 
@@ -12,13 +12,13 @@ void WriteText(ByteWriter& out, const std::string& text, const std::optional<std
   out.u32(length.value_or(static_cast<std::uint32_t>(text.size()))).text(text);
 }
 
-std::string Number(double value) {
+}  // namespace
+
+std::string ShortestDecimal(double value) {
   char text[32];
   const auto result = std::to_chars(text, text + sizeof text, value);
   return std::string(text, result.ptr);
 }
-
-}  // namespace
 
 std::vector<std::uint8_t> BuildHeaderBlock(const HeaderBlockFields& f) {
   ByteWriter out;
@@ -47,16 +47,22 @@ std::vector<std::uint8_t> BuildScanFile(const HeaderBlockFields& fields, const s
   return out.take();
 }
 
+ScanFileWriter::ScanFileWriter(const std::filesystem::path& path, const HeaderBlockFields& fields) : file_(path) {
+  const std::vector<std::uint8_t> header = BuildHeaderBlock(fields);
+  file_.write(header);
+  if (fields.dataOffset > header.size()) file_.writeZeros(fields.dataOffset - header.size());
+}
+
 std::string BuildSideTable(const std::vector<int>& keys, const std::vector<std::vector<double>>& rows,
                            bool finalLineFeed, std::string_view label) {
   std::string text(label);
   for (int key : keys) text += " " + std::to_string(key);
   for (const auto& row : rows) {
     text += "\n";
-    for (std::size_t i = 0; i < row.size(); ++i) text += (i == 0 ? "" : " ") + Number(row[i]);
+    for (std::size_t i = 0; i < row.size(); ++i) text += (i == 0 ? "" : " ") + ShortestDecimal(row[i]);
   }
   if (finalLineFeed) text += "\n";
   return text;
 }
 
-}  // namespace kvr::test
+}  // namespace kvr::writers
