@@ -63,7 +63,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::FILE* stream = std::fopen(kScanFile, "rb");
   if (stream == nullptr) Finding("the scan file does not open");
   std::vector<RawShot> shots;
-  std::vector<int> lines = {-1, 0, map.numberOfScanLines - 1, map.numberOfScanLines};
+  // The last line and one past it; a loaded count may be the most negative int.
+  const std::int64_t n = map.numberOfScanLines;
+  std::vector<int> lines = {-1, 0, static_cast<int>(n - 1), static_cast<int>(n)};
   for (const auto& [key, entry] : map.scanLines) {
     if (lines.size() == 12) break;
     lines.push_back(key);
