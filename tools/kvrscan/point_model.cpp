@@ -37,6 +37,8 @@ DisplayScale::DisplayScale(double intensityAt95, double gamma)
   const auto binades = static_cast<std::int64_t>(std::min(64.0, std::ceil(9.0 / gamma_) + 2.0));
   const auto topExponent = static_cast<std::int64_t>(std::bit_cast<std::uint64_t>(at95_) >> 52);
   lowestExponent_ = std::max<std::int64_t>(1, topExponent - binades);
+  firstCell_ = static_cast<std::uint64_t>(lowestExponent_) << mantissaBits_;
+  lowest_ = std::bit_cast<double>(static_cast<std::uint64_t>(lowestExponent_) << 52);
   cell_.resize(static_cast<std::size_t>(topExponent - lowestExponent_ + 1) << mantissaBits_);
   const std::uint64_t cellWidth = std::uint64_t{1} << (52 - mantissaBits_);
   for (std::size_t i = 0; i < cell_.size(); ++i) {

@@ -54,6 +54,11 @@ class IntensityNormalizer {
     const double q = range / a5_ - a5_ / range;
     return (q * q + a4_) * a3_ * base_[intensity & 0xFFF];
   }
+  // The parts of the formula, for code that computes it several values at a time.
+  double base(std::uint32_t intensity) const { return base_[intensity & 0xFFF]; }
+  double a3() const { return a3_; }
+  double a4() const { return a4_; }
+  double a5() const { return a5_; }
 
  private:
   double a3_, a4_, a5_;
@@ -75,12 +80,12 @@ class DisplayScale {
   explicit DisplayScale(double intensityAt95, double gamma);
 
   int level(double v) const {
-    if (!(v > 0.0)) return 0;  // also NaN
-    if (v >= at95_) return kTopLevel;
-    const std::uint64_t bits = std::bit_cast<std::uint64_t>(v);
-    const auto binade = static_cast<std::int64_t>(bits >> 52) - lowestExponent_;
-    if (binade < 0 || cell_.empty()) return search(v);
-    const Cell cell = cell_[static_cast<std::size_t>(binade << mantissaBits_ | (bits << 12 >> (64 - mantissaBits_)))];
+    if (cell_.empty()) return search(v);
+    if (!(v >= lowest_)) return v > 0.0 ? search(v) : 0;  // also NaN
+    // Every value from intensityAt95 up has the top level, which the table gives
+    // intensityAt95 itself; clamping saves a branch that data would mispredict.
+    v = v < at95_ ? v : at95_;
+    const Cell cell = cell_[(std::bit_cast<std::uint64_t>(v) >> (52 - mantissaBits_)) - firstCell_];
     return cell.level + (cell.split && v >= threshold_[cell.level + 1u]);
   }
 
@@ -98,6 +103,8 @@ class DisplayScale {
   double at95_, gamma_;
   int mantissaBits_ = 8;
   std::int64_t lowestExponent_ = 0;
+  std::uint64_t firstCell_ = 0;  // the exponent and leading mantissa bits of lowest_
+  double lowest_ = 0.0;          // the least value the table covers
   std::array<double, kTopLevel + 2> threshold_{};  // threshold_[k]: lowest v of level k; -inf, ..., +inf
   std::vector<Cell> cell_;
 };
@@ -165,6 +172,12 @@ class PointGeometry {
     y = static_cast<T>(horizontal * sinPan_);
     z = static_cast<T>(r * sinScan_);
   }
+
+  // The aimed shot's direction: cosine and sine of the scan angle, then of the pan angle.
+  struct Direction {
+    double cosScan, sinScan, cosPan, sinPan;
+  };
+  Direction direction() const { return {cosScan_, sinScan_, cosPan_, sinPan_}; }
 
   double rangeOffset() const { return rangeOffset_; }
 

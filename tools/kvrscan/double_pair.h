@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+
+#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+#define KVRSCAN_PAIR_SSE2 1
+#include <emmintrin.h>
+#endif
+
+namespace kvrscan {
+
+// Two doubles computed side by side: in one SSE2 register where the processor
+// has them (every x86-64), as two scalars elsewhere. Each lane is rounded
+// exactly as the same scalar expression would be, so the results do not depend
+// on which is used.
+#ifdef KVRSCAN_PAIR_SSE2
+struct DoublePair {
+  __m128d v;
+
+  static DoublePair of(double first, double second) { return {_mm_set_pd(second, first)}; }
+  static DoublePair all(double x) { return {_mm_set1_pd(x)}; }
+  static DoublePair load(const double* p) { return {_mm_loadu_pd(p)}; }
+  static DoublePair fromInts(const std::int32_t* p) {
+    return {_mm_cvtepi32_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)))};
+  }
+  // (a[0], b[0]) and (a[1], b[1]) from a = (a[0], a[1]), b = (b[0], b[1]).
+  static void transpose(DoublePair a, DoublePair b, DoublePair& firsts, DoublePair& seconds) {
+    firsts = {_mm_unpacklo_pd(a.v, b.v)};
+    seconds = {_mm_unpackhi_pd(a.v, b.v)};
+  }
+
+  friend DoublePair operator+(DoublePair a, DoublePair b) { return {_mm_add_pd(a.v, b.v)}; }
+  friend DoublePair operator-(DoublePair a, DoublePair b) { return {_mm_sub_pd(a.v, b.v)}; }
+  friend DoublePair operator*(DoublePair a, DoublePair b) { return {_mm_mul_pd(a.v, b.v)}; }
+  friend DoublePair operator/(DoublePair a, DoublePair b) { return {_mm_div_pd(a.v, b.v)}; }
+
+  // This pair where `test` is above zero, 0 elsewhere (also where this is NaN).
+  DoublePair whereAboveZero(DoublePair test) const {
+    return {_mm_and_pd(_mm_cmpgt_pd(test.v, _mm_setzero_pd()), v)};
+  }
+
+  void store(double* p) const { _mm_storeu_pd(p, v); }
+  // Both lanes rounded to float, as static_cast<float> rounds.
+  void storeFloats(float* p) const {
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_castps_si128(_mm_cvtpd_ps(v)));
+  }
+};
+#else
+struct DoublePair {
+  double a, b;
+
+  static DoublePair of(double first, double second) { return {first, second}; }
+  static DoublePair all(double x) { return {x, x}; }
+  static DoublePair load(const double* p) { return {p[0], p[1]}; }
+  static DoublePair fromInts(const std::int32_t* p) { return {static_cast<double>(p[0]), static_cast<double>(p[1])}; }
+  static void transpose(DoublePair x, DoublePair y, DoublePair& firsts, DoublePair& seconds) {
+    firsts = {x.a, y.a};
+    seconds = {x.b, y.b};
+  }
+
+  friend DoublePair operator+(DoublePair x, DoublePair y) { return {x.a + y.a, x.b + y.b}; }
+  friend DoublePair operator-(DoublePair x, DoublePair y) { return {x.a - y.a, x.b - y.b}; }
+  friend DoublePair operator*(DoublePair x, DoublePair y) { return {x.a * y.a, x.b * y.b}; }
+  friend DoublePair operator/(DoublePair x, DoublePair y) { return {x.a / y.a, x.b / y.b}; }
+
+  DoublePair whereAboveZero(DoublePair test) const { return {test.a > 0.0 ? a : 0.0, test.b > 0.0 ? b : 0.0}; }
+
+  void store(double* p) const { p[0] = a, p[1] = b; }
+  void storeFloats(float* p) const { p[0] = static_cast<float>(a), p[1] = static_cast<float>(b); }
+};
+#endif
+
+}  // namespace kvrscan

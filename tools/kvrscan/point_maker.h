@@ -1,0 +1,58 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "kvr_decode/raw_shot.h"
+#include "palette.h"
+#include "point_model.h"
+#include "point_writer.h"
+
+namespace kvrscan {
+
+// Makes the points of a run of shots. The return counts vary from shot to shot
+// at random, so a loop over each shot's returns spends its time in mispredicted
+// branches; instead the returns are first laid out in columns, every return
+// slot written and only those with a range kept, and the points are then made
+// by straight loops over the columns: ranges, positions and normalized
+// intensities two at a time, then each record in a few wide stores.
+//
+// A point is what the per-return formulas give: the range as the library
+// computes it, x, y, z from PointGeometry, the colour of the display level of
+// IntensityNormalizer's value (0 for a zero range) through the palette.
+class PointMaker {
+ public:
+  static constexpr std::size_t kRunShots = 512;
+  static constexpr std::size_t kRunPoints = kRunShots * ReturnWords::kCapacity;
+
+  PointMaker(std::uint64_t signature, double rangeOffset, const IntensityModel& model, const Palette& palette);
+  ~PointMaker();
+  PointMaker(const PointMaker&) = delete;
+  PointMaker& operator=(const PointMaker&) = delete;
+
+  // The points of shots (at most kRunShots), lines[i] being the line of
+  // shots[i], into out, which has room for kRunPoints + 1 records: the byte
+  // after the last point may be overwritten. Returns the number of points.
+  std::size_t make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out);
+
+  // Returns so far whose stop count lies before their shot's T0: no point.
+  std::uint64_t withoutRange() const { return withoutRange_; }
+
+ private:
+  struct Columns;
+
+  std::size_t layOut(std::span<const RawShot> shots, const std::int32_t* lines);
+  void compute(std::size_t points);
+  void assemble(std::size_t points, PointRecord* out) const;
+
+  PointGeometry geometry_;
+  IntensityNormalizer normalize_;
+  DisplayScale scale_;
+  std::array<std::uint32_t, kTopLevel + 1> colours_{};  // red | green << 8 | blue << 16
+  std::unique_ptr<Columns> columns_;
+  std::uint64_t withoutRange_ = 0;
+};
+
+}  // namespace kvrscan
