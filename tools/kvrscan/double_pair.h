@@ -5,6 +5,8 @@
 #if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #define KVRSCAN_PAIR_SSE2 1
 #include <emmintrin.h>
+#else
+#define KVRSCAN_PAIR_SSE2 0
 #endif
 
 namespace kvrscan {
@@ -13,7 +15,7 @@ namespace kvrscan {
 // has them (every x86-64), as two scalars elsewhere. Each lane is rounded
 // exactly as the same scalar expression would be, so the results do not depend
 // on which is used.
-#ifdef KVRSCAN_PAIR_SSE2
+#if KVRSCAN_PAIR_SSE2
 struct DoublePair {
   __m128d v;
 

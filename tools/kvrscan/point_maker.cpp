@@ -9,30 +9,39 @@
 
 namespace kvrscan {
 
+namespace {
+
+// Room for a whole run, plus the slots a shot's last wide store and the last
+// group of four records may reach past the points.
+constexpr std::size_t kColumnRoom = PointMaker::kRunPoints + ReturnWords::kCapacity;
+
+static_assert(sizeof(PointRecord) == 31 && offsetof(PointRecord, line) == 16 && offsetof(PointRecord, colour) == 28);
+
+}  // namespace
+
 // One entry per return slot laid out, one per shot for what its returns share.
-// Sized for a whole run, with a spare entry so that pairs may read one past the
-// last point; zero-filled once, so a spare entry always holds a valid value.
+// Zero-filled once, so that entries past the points always hold valid values.
 struct PointMaker::Columns {
   // Per return: stop count less T0 count, the record's fourth word (raw
   // intensity, return number, number of returns), and its shot in the run.
-  alignas(16) std::int32_t counts[kRunPoints + 2];
-  std::uint32_t tags[kRunPoints + 2];
-  std::uint16_t shots[kRunPoints + 2];
+  alignas(16) std::int32_t counts[kColumnRoom];
+  alignas(16) std::uint32_t tags[kColumnRoom];
+  alignas(16) std::uint16_t shots[kColumnRoom];
   // Made from them.
-  alignas(16) float x[kRunPoints + 2];
-  alignas(16) float y[kRunPoints + 2];
-  alignas(16) float z[kRunPoints + 2];
-  alignas(16) double normalized[kRunPoints + 2];
-  // Per shot.
+  alignas(16) float x[kColumnRoom];
+  alignas(16) float y[kColumnRoom];
+  alignas(16) float z[kColumnRoom];
+  alignas(16) double normalized[kColumnRoom];
+  alignas(16) std::uint32_t colours[kColumnRoom];  // red | green << 8 | blue << 16
+  // Per shot: its direction, and the record's bytes 16-27 (line, time) with four zero bytes.
   PointGeometry::Direction directions[kRunShots];
-  std::int32_t lines[kRunShots];
-  double times[kRunShots];
+  alignas(16) unsigned char tails[kRunShots][16];
 };
 
 PointMaker::PointMaker(std::uint64_t signature, double rangeOffset, const IntensityModel& model,
-                       const Palette& palette)
+                       const Palette& palette, Path path)
     : geometry_(signature, rangeOffset), normalize_(model), scale_(model.intensityAt95, model.gamma),
-      columns_(std::make_unique<Columns>()) {
+      columns_(std::make_unique<Columns>()), wide_(path == Path::kFastest && KVRSCAN_PAIR_SSE2) {
   for (int level = 0; level <= kTopLevel; ++level) {
     const Rgb c = palette.colourOfLevel(level);
     colours_[static_cast<std::size_t>(level)] = c.r | c.g << 8 | c.b << 16;
@@ -44,38 +53,67 @@ PointMaker::~PointMaker() = default;
 std::size_t PointMaker::make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out) {
   const std::size_t points = layOut(shots.first(std::min(shots.size(), kRunShots)), lines);
   compute(points);
-  assemble(points, out);
+  shade(points);
+  if (wide_) assembleWide(points, out);
+  else assemble(points, out);
   return points;
 }
 
 std::size_t PointMaker::layOut(std::span<const RawShot> shots, const std::int32_t* lines) {
   Columns& c = *columns_;
   std::size_t points = 0;
-  std::uint64_t withoutRange = 0;
   for (std::size_t s = 0; s < shots.size(); ++s) {
     const RawShot& shot = shots[s];
     geometry_.aim(static_cast<std::uint32_t>(shot.shotWord & 0xFFFFF), shot.scanAngleCounts);
     c.directions[s] = geometry_.direction();
-    c.lines[s] = lines[s];
-    c.times[s] = shot.shotTow;
-    const auto t0 = static_cast<std::int32_t>(shot.shotWord >> 41 & 0xFFFF);
-    const auto count = static_cast<std::uint32_t>(shot.returns.size());
-    // Every slot is written, and the next slot's writes land on it unless it
-    // is kept: a return with a stop count before T0 has no range.
-    for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
-      const std::uint32_t word = shot.returns[k];
-      const std::int32_t counts = static_cast<std::int32_t>(word & 0xFFFFF) - t0;
-      c.counts[points] = counts;
-      c.tags[points] = word >> 20 | (k + 1) << 16 | count << 24;
-      c.shots[points] = static_cast<std::uint16_t>(s);
-      const std::uint32_t present = k < count;
-      const std::uint32_t ranged = counts >= 0;
-      points += present & ranged;
-      withoutRange += present & (ranged ^ 1);
-    }
+    std::memcpy(&c.tails[s][0], &lines[s], 4);
+    std::memcpy(&c.tails[s][4], &shot.shotTow, 8);
+    points = wide_ ? layOutReturnsWide(shot, s, points) : layOutReturns(shot, s, points);
   }
-  withoutRange_ += withoutRange;
   return points;
+}
+
+// Every slot is written, and the next slot's writes land on it unless it is
+// kept: a return with a stop count before T0 has no range.
+std::size_t PointMaker::layOutReturns(const RawShot& shot, std::size_t s, std::size_t points) {
+  Columns& c = *columns_;
+  const auto t0 = static_cast<std::int32_t>(shot.shotWord >> 41 & 0xFFFF);
+  const auto count = static_cast<std::uint32_t>(shot.returns.size());
+  for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
+    const std::uint32_t word = shot.returns[k];
+    const std::int32_t counts = static_cast<std::int32_t>(word & 0xFFFFF) - t0;
+    c.counts[points] = counts;
+    c.tags[points] = word >> 20 | (k + 1) << 16 | count << 24;
+    c.shots[points] = static_cast<std::uint16_t>(s);
+    const std::uint32_t present = k < count;
+    const std::uint32_t ranged = counts >= 0;
+    points += present & ranged;
+    withoutRange_ += present & (ranged ^ 1);
+  }
+  return points;
+}
+
+// The four slots in one store each column; the shot's returns are a prefix of
+// them, so the points move on by the count. A return without a range (rare:
+// its stop count lies before T0) sends the shot through the slot-by-slot way.
+std::size_t PointMaker::layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points) {
+#if KVRSCAN_PAIR_SSE2
+  Columns& c = *columns_;
+  const auto count = static_cast<std::uint32_t>(shot.returns.size());
+  const __m128i words = _mm_loadu_si128(reinterpret_cast<const __m128i*>(shot.returns.begin()));
+  const __m128i t0 = _mm_set1_epi32(static_cast<std::int32_t>(shot.shotWord >> 41 & 0xFFFF));
+  const __m128i counts = _mm_sub_epi32(_mm_and_si128(words, _mm_set1_epi32(0xFFFFF)), t0);
+  const auto numbers = static_cast<std::int32_t>(count << 24);
+  const __m128i tags = _mm_or_si128(_mm_srli_epi32(words, 20), _mm_set_epi32(numbers | 4 << 16, numbers | 3 << 16,
+                                                                              numbers | 2 << 16, numbers | 1 << 16));
+  if ((_mm_movemask_ps(_mm_castsi128_ps(counts)) & ((1 << count) - 1)) != 0) return layOutReturns(shot, s, points);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(&c.counts[points]), counts);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(&c.tags[points]), tags);
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(&c.shots[points]), _mm_set1_epi16(static_cast<short>(s)));
+  return points + count;
+#else
+  return layOutReturns(shot, s, points);
+#endif
 }
 
 void PointMaker::compute(std::size_t points) {
@@ -104,28 +142,64 @@ void PointMaker::compute(std::size_t points) {
   }
 }
 
+void PointMaker::shade(std::size_t points) {
+  Columns& c = *columns_;
+  const std::uint32_t* colours = colours_.data();
+  if (scale_.hasTable()) {
+    const DisplayScale::Levels levels = scale_.levels();
+    for (std::size_t p = 0; p < points; ++p) c.colours[p] = colours[levels(c.normalized[p])];
+  } else {
+    for (std::size_t p = 0; p < points; ++p) c.colours[p] = colours[scale_.level(c.normalized[p])];
+  }
+}
+
+// Four 8-byte stores a record: x y, z and the fourth word, line and the low
+// half of the time, its high half and the colour. The last store's eighth byte
+// is the next record's first, written again by it. (Gathered on the stack
+// first, the words would be copied out by wide loads that wait for the narrow
+// stores to retire.)
 void PointMaker::assemble(std::size_t points, PointRecord* out) const {
   const Columns& c = *columns_;
-  static_assert(sizeof(PointRecord) == 31 && offsetof(PointRecord, colour) == 28);
-  // Four 8-byte stores a record: x y, z and the fourth word, line and the low half
-  // of the time, its high half and the colour. The last store's eighth byte is
-  // the next record's first, written again by it.
   auto* at = reinterpret_cast<unsigned char*>(out);
   for (std::size_t p = 0; p < points; ++p, at += sizeof(PointRecord)) {
-    const std::size_t shot = c.shots[p];
-    const auto time = std::bit_cast<std::uint64_t>(c.times[shot]);
-    // One store each: gathered on the stack first, they would be copied out in
-    // 16-byte loads that wait for the four narrower stores to retire.
-    const std::uint64_t xy = std::bit_cast<std::uint32_t>(c.x[p]) | std::uint64_t{std::bit_cast<std::uint32_t>(c.y[p])} << 32;
+    const std::uint64_t xy =
+        std::bit_cast<std::uint32_t>(c.x[p]) | std::uint64_t{std::bit_cast<std::uint32_t>(c.y[p])} << 32;
     const std::uint64_t zTag = std::bit_cast<std::uint32_t>(c.z[p]) | std::uint64_t{c.tags[p]} << 32;
-    const std::uint64_t lineTime = static_cast<std::uint32_t>(c.lines[shot]) | time << 32;
-    const std::uint64_t timeColour =
-        time >> 32 | std::uint64_t{colours_[static_cast<std::size_t>(scale_.level(c.normalized[p]))]} << 32;
     std::memcpy(at, &xy, 8);
     std::memcpy(at + 8, &zTag, 8);
-    std::memcpy(at + 16, &lineTime, 8);
-    std::memcpy(at + 24, &timeColour, 8);
+    std::memcpy(at + 16, &c.tails[c.shots[p]][0], 12);
+    std::memcpy(at + 28, &c.colours[p], 4);
   }
+}
+
+// Four records at a time: their first sixteen bytes by transposing four
+// columns, the other sixteen from the shot's tail with the colour in its last
+// four bytes. Each record's second store writes the next record's first byte,
+// which that record's first store then writes again.
+void PointMaker::assembleWide(std::size_t points, PointRecord* out) const {
+#if KVRSCAN_PAIR_SSE2
+  const Columns& c = *columns_;
+  auto* at = reinterpret_cast<unsigned char*>(out);
+  for (std::size_t p = 0; p < points; p += 4) {
+    const __m128 x = _mm_load_ps(&c.x[p]), y = _mm_load_ps(&c.y[p]), z = _mm_load_ps(&c.z[p]);
+    const __m128 tags = _mm_castsi128_ps(_mm_load_si128(reinterpret_cast<const __m128i*>(&c.tags[p])));
+    const __m128 xy01 = _mm_unpacklo_ps(x, y), xy23 = _mm_unpackhi_ps(x, y);
+    const __m128 zt01 = _mm_unpacklo_ps(z, tags), zt23 = _mm_unpackhi_ps(z, tags);
+    const auto emit = [&](std::size_t i, __m128 head) {
+      const __m128i tail = _mm_load_si128(reinterpret_cast<const __m128i*>(c.tails[c.shots[p + i]]));
+      const __m128i colour = _mm_slli_si128(_mm_cvtsi32_si128(static_cast<int>(c.colours[p + i])), 12);
+      _mm_storeu_ps(reinterpret_cast<float*>(at), head);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 16), _mm_or_si128(tail, colour));
+      at += sizeof(PointRecord);
+    };
+    emit(0, _mm_movelh_ps(xy01, zt01));
+    emit(1, _mm_movehl_ps(zt01, xy01));
+    emit(2, _mm_movelh_ps(xy23, zt23));
+    emit(3, _mm_movehl_ps(zt23, xy23));
+  }
+#else
+  assemble(points, out);
+#endif
 }
 
 }  // namespace kvrscan

@@ -27,14 +27,19 @@ class PointMaker {
   static constexpr std::size_t kRunShots = 512;
   static constexpr std::size_t kRunPoints = kRunShots * ReturnWords::kCapacity;
 
-  PointMaker(std::uint64_t signature, double rangeOffset, const IntensityModel& model, const Palette& palette);
+  // kPortable: plain C++ throughout (what processors without SSE2 run; tests
+  // hold the two to the same bytes).
+  enum class Path { kFastest, kPortable };
+
+  PointMaker(std::uint64_t signature, double rangeOffset, const IntensityModel& model, const Palette& palette,
+             Path path = Path::kFastest);
   ~PointMaker();
   PointMaker(const PointMaker&) = delete;
   PointMaker& operator=(const PointMaker&) = delete;
 
   // The points of shots (at most kRunShots), lines[i] being the line of
-  // shots[i], into out, which has room for kRunPoints + 1 records: the byte
-  // after the last point may be overwritten. Returns the number of points.
+  // shots[i], into out, which has room for kRunPoints + 1 records: the records
+  // after the points may be overwritten. Returns the number of points.
   std::size_t make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out);
 
   // Returns so far whose stop count lies before their shot's T0: no point.
@@ -44,14 +49,19 @@ class PointMaker {
   struct Columns;
 
   std::size_t layOut(std::span<const RawShot> shots, const std::int32_t* lines);
+  std::size_t layOutReturns(const RawShot& shot, std::size_t s, std::size_t points);
+  std::size_t layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points);
   void compute(std::size_t points);
+  void shade(std::size_t points);
   void assemble(std::size_t points, PointRecord* out) const;
+  void assembleWide(std::size_t points, PointRecord* out) const;
 
   PointGeometry geometry_;
   IntensityNormalizer normalize_;
   DisplayScale scale_;
   std::array<std::uint32_t, kTopLevel + 1> colours_{};  // red | green << 8 | blue << 16
   std::unique_ptr<Columns> columns_;
+  bool wide_;
   std::uint64_t withoutRange_ = 0;
 };
 

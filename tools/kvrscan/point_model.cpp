@@ -29,16 +29,20 @@ DisplayScale::DisplayScale(double intensityAt95, double gamma)
   threshold_.back() = std::numeric_limits<double>::infinity();
   // round(kTopLevel (v / at95)^gamma) reaches level k where (v / at95)^gamma = (k - 0.5) / kTopLevel.
   for (int k = 1; k <= kTopLevel; ++k) threshold_[k] = at95_ * std::pow((k - 0.5) / kTopLevel, 1.0 / gamma_);
-  if (gamma_ >= 4.0) return;
   // A cell of relative width 2^-b spans at most kTopLevel gamma 2^-b levels.
+  if (gamma_ >= 4.0) return;
   mantissaBits_ = gamma_ <= 1.0 ? 8 : 10;
-  // Below 2^-e of intensityAt95 the level is kTopLevel 2^(-e gamma) < 0.5: 0,
-  // which the binary search gives as well.
-  const auto binades = static_cast<std::int64_t>(std::min(64.0, std::ceil(9.0 / gamma_) + 2.0));
+  // Below 2^-e of intensityAt95 the level is kTopLevel 2^(-e gamma) < 0.5: 0.
+  // The table starts there, and values below it are clamped to its first value;
+  // where that reaches past the normal doubles, or the gamma is so small that it
+  // would take more than 64 binades, the binary search does it all.
+  const double binades = std::ceil(9.0 / gamma_) + 2.0;
   const auto topExponent = static_cast<std::int64_t>(std::bit_cast<std::uint64_t>(at95_) >> 52);
-  lowestExponent_ = std::max<std::int64_t>(1, topExponent - binades);
+  if (binades > 64.0 || topExponent - static_cast<std::int64_t>(binades) < 1) return;
+  lowestExponent_ = topExponent - static_cast<std::int64_t>(binades);
   firstCell_ = static_cast<std::uint64_t>(lowestExponent_) << mantissaBits_;
   lowest_ = std::bit_cast<double>(static_cast<std::uint64_t>(lowestExponent_) << 52);
+  if (search(lowest_) != 0) return;
   cell_.resize(static_cast<std::size_t>(topExponent - lowestExponent_ + 1) << mantissaBits_);
   const std::uint64_t cellWidth = std::uint64_t{1} << (52 - mantissaBits_);
   for (std::size_t i = 0; i < cell_.size(); ++i) {

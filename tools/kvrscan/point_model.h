@@ -73,31 +73,58 @@ class IntensityNormalizer {
 // span less than one level (eight mantissa bits up to gamma 1, ten up to gamma
 // 4), so one comparison settles those few cells; and the table reaches down only
 // as far as levels above 0 do, so it stays small enough for the first-level
-// cache. Smaller values, and gammas of 4 and above, take a binary search. A
+// cache; smaller values are level 0. Gammas of 4 and above or below about 0.15,
+// and tables that would reach below the normal doubles, give way to a binary
+// search. A
 // non-positive or non-finite intensityAt95 or gamma (a damaged map) is taken as 1.
 class DisplayScale {
+  struct Cell {
+    std::uint8_t level;  // at the cell's first value
+    bool split;          // the next level begins inside the cell
+  };
+
  public:
   explicit DisplayScale(double intensityAt95, double gamma);
 
-  int level(double v) const {
-    if (cell_.empty()) return search(v);
-    if (!(v >= lowest_)) return v > 0.0 ? search(v) : 0;  // also NaN
-    // Every value from intensityAt95 up has the top level, which the table gives
-    // intensityAt95 itself; clamping saves a branch that data would mispredict.
-    v = v < at95_ ? v : at95_;
-    const Cell cell = cell_[(std::bit_cast<std::uint64_t>(v) >> (52 - mantissaBits_)) - firstCell_];
-    return cell.level + (cell.split && v >= threshold_[cell.level + 1u]);
+  int level(double v) const { return cell_.empty() ? search(v) : levels()(v); }
+
+  // The table lookup with the scale's constants held by value, for inner loops:
+  // kept in a local, they are not reloaded after every store the loop makes.
+  // Only for a scale with a table (hasTable()).
+  class Levels {
+   public:
+    int operator()(double v) const {
+      // Clamped into the table: everything below it has level 0 (NaN too),
+      // everything from intensityAt95 up the top level. Clamping, and taking
+      // the split cell's comparison always, spare branches data would mispredict.
+      v = v > lowest_ ? v : lowest_;
+      v = v < at95_ ? v : at95_;
+      const Cell cell = cells_[(std::bit_cast<std::uint64_t>(v) >> shift_) - firstCell_];
+      return cell.level + static_cast<int>(cell.split & (v >= thresholds_[cell.level + 1u]));
+    }
+
+   private:
+    friend class DisplayScale;
+    const Cell* cells_;
+    const double* thresholds_;
+    double lowest_, at95_;
+    std::uint64_t firstCell_;
+    int shift_;
+  };
+
+  bool hasTable() const { return !cell_.empty(); }
+  Levels levels() const {
+    Levels l;
+    l.cells_ = cell_.data();
+    l.thresholds_ = threshold_.data();
+    l.lowest_ = lowest_, l.at95_ = at95_, l.firstCell_ = firstCell_, l.shift_ = 52 - mantissaBits_;
+    return l;
   }
 
   double intensityAt95() const { return at95_; }
   double gamma() const { return gamma_; }
 
  private:
-  struct Cell {
-    std::uint8_t level;  // at the cell's first value
-    bool split;          // the next level begins inside the cell
-  };
-
   int search(double v) const;
 
   double at95_, gamma_;
