@@ -186,6 +186,15 @@ TEST(KvrscanLines, ShotsBelongToTheLineThatStartedLastBeforeThem) {
     std::int32_t line;
   } cases[] = {{0, 0, -1}, {0, 5, 0}, {0, 8, 0}, {0, 9, 1}, {1, 4000, 1}, {2, 0, 2}, {7, 3, 2}};
   for (const auto& c : cases) EXPECT_EQ(lines.lineOf(c.block, c.shot), c.line) << c.block << " " << c.shot;
+  // Whole blocks at once: lines start inside block 0, none in block 1, one at the start of block 2.
+  LineIndexer byBlock({{0, 5}, {0, 9}, {2, 0}});
+  std::vector<std::int32_t> block(12);
+  byBlock.linesOf(0, block);
+  EXPECT_EQ(block, (std::vector<std::int32_t>{-1, -1, -1, -1, -1, 0, 0, 0, 0, 1, 1, 1}));
+  byBlock.linesOf(1, block);
+  EXPECT_EQ(block, std::vector<std::int32_t>(12, 1));
+  byBlock.linesOf(2, std::span(block).first(3));
+  EXPECT_EQ(std::vector<std::int32_t>(block.begin(), block.begin() + 3), std::vector<std::int32_t>(3, 2));
 }
 
 PointRecord Point(double x, std::uint16_t intensity, std::int32_t line) {

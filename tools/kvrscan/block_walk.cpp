@@ -11,15 +11,15 @@ BlockWalk::BlockWalk(ScanSource& scan, NmeaTicksManager* ticks, Progress* progre
   block_.shots.reserve(8192);
 }
 
-bool BlockWalk::next() {
+bool BlockWalk::next(FifoBlock& block) {
   for (;;) {
     const auto number = static_cast<int>(blocksRead_);
-    const int result = DecodeNextFifoBlock(scan_.stream(), scan_.header(), number, block_, ticks_);
+    const int result = DecodeNextFifoBlock(scan_.stream(), scan_.header(), number, block, ticks_);
     if (result == -1) return false;
     ++blocksRead_;
     if (progress_ != nullptr) progress_->update(blocksRead_, scan_.wholeBlocks());
     // The library appends flagged shots from block to block; nothing here reads them.
-    block_.flaggedShots.clear();
+    block.flaggedShots.clear();
     if (result == -2) {
       if (badBlocks_++ == 0) firstBadBlock_ = blocksRead_ - 1;
       continue;

@@ -19,7 +19,9 @@ class BlockWalk {
   BlockWalk(ScanSource& scan, NmeaTicksManager* ticks, Progress* progress = nullptr);
 
   // Decodes the next good block; false at the end of the file.
-  bool next();
+  bool next() { return next(block_); }
+  // The same into the caller's block (one of several in flight).
+  bool next(FifoBlock& block);
 
   const FifoBlock& block() const { return block_; }
   std::uint32_t blockNumber() const { return blockNumber_; }  // of the block last decoded

@@ -1,8 +1,10 @@
 // export SCAN -o OUT.ply|OUT.csv: every return of the scan as a point, streamed
 // block by block.
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "commands.h"
 #include "console.h"
@@ -31,6 +33,8 @@ int RunExport(const ParsedArgs& args, Context& context) {
   const std::optional<PointFormat> format = PointFormatOf(output);
   if (!format) throw UsageError("the output must end in .ply or .csv, not '" + output + "'");
   const Palette& palette = ChosenPalette(args);
+  const auto threads = static_cast<unsigned>(
+      args.integer("threads", 1, 256).value_or(std::max(1u, std::thread::hardware_concurrency())));
   ScanSource scan(args.positional()[0]);
   const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
   std::unique_ptr<TicksManager> ticks;
@@ -51,9 +55,8 @@ int RunExport(const ParsedArgs& args, Context& context) {
   };
   std::unique_ptr<PointWriter> writer = PointWriter::Open(output, *format, comments);
   Progress progress("export " + scan.path(), context.showProgress);
-  const ExportSummary summary =
-      ExportPoints(scan, source, {&palette, rangeOffset, ticks ? ticks->get() : nullptr, &context.log}, *writer,
-                   &progress);
+  const ExportSummary summary = ExportPoints(
+      scan, source, {&palette, rangeOffset, ticks ? ticks->get() : nullptr, &context.log, threads}, *writer, &progress);
   writer->finish();
   std::error_code ec;
   const std::uintmax_t bytes = std::filesystem::file_size(output, ec);
@@ -86,6 +89,7 @@ constexpr OptionSpec kOptions[] = {
     kTicksOption,
     kTimeOffsetOption,
     kPaletteOption,
+    {"threads", 0, "N", "threads making points beside the one decoding (default: one per processor)"},
     kJsonOption,
 };
 
@@ -98,7 +102,7 @@ int RunExportChecked(const ParsedArgs& args, Context& context) {
 
 const Command kExportCommand{
     "export",
-    "SCAN -o OUT.ply|OUT.csv [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--json]",
+    "SCAN -o OUT.ply|OUT.csv [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--threads N] [--json]",
     "every return as a point: x, y, z, intensity, return number and count, line, time and colour",
     "Axes (the scanner's own frame, metres): x = r cos(scan) cos(pan), y = r cos(scan) sin(pan),\n"
     "z = r sin(scan), with r the return's range plus the calibration's rangeOffset, pan and scan\n"

@@ -19,6 +19,9 @@ struct ExportSettings {
   double rangeOffset = 0.0;            // added to every range (the calibration's "rangeOffset")
   NmeaTicksManager* ticks = nullptr;  // times of week when given
   const LibraryLog* log = nullptr;    // growth means the library found damaged blocks
+  // Threads making points beside the one decoding; 1 (or 0) makes them in the
+  // decoding thread. The file is the same whatever the number.
+  unsigned threads = 1;
 };
 
 struct ExportSummary {
@@ -31,8 +34,8 @@ struct ExportSummary {
 };
 
 // Streams every return of the scan, from its first block on, into the writer:
-// one walk, points made and written a small batch at a time, so that memory
-// stays the same whatever the scan's size. A return with a range becomes a
+// one walk, points made and written a block at a time, a few blocks in flight
+// at most, so that memory stays the same whatever the scan's size. A return with a range becomes a
 // point; lines come from the map's line starts, colours from the map's
 // intensity model through the palette.
 ExportSummary ExportPoints(ScanSource& scan, const MapSource& map, const ExportSettings& settings,

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "palette.h"
@@ -232,6 +234,17 @@ class LineIndexer {
       ++next_;
     }
     return static_cast<std::int32_t>(next_) - 1;
+  }
+  // lineOf() of shots 0, 1, ... of the block, one per entry of `lines`: a
+  // line's shots in one fill.
+  void linesOf(std::uint32_t block, std::span<std::int32_t> lines) {
+    for (std::size_t shot = 0; shot < lines.size();) {
+      const std::int32_t line = lineOf(block, static_cast<std::uint32_t>(shot));
+      std::size_t end = lines.size();
+      if (next_ < starts_.size() && starts_[next_].block == block) end = std::min<std::size_t>(end, starts_[next_].shot);
+      std::fill(lines.begin() + static_cast<std::ptrdiff_t>(shot), lines.begin() + static_cast<std::ptrdiff_t>(end), line);
+      shot = end;
+    }
   }
   std::size_t lineCount() const { return starts_.size(); }
 

@@ -49,8 +49,14 @@ class PlyWriter final : public PointWriter {
   }
 
  private:
+  // The records are the file's bytes: a large batch goes out as it lies.
   void encode(std::span<const PointRecord> points) override {
-    std::memcpy(claim(points.size_bytes()), points.data(), points.size_bytes());
+    if (points.size_bytes() < kBufferSize / 4) {
+      std::memcpy(claim(points.size_bytes()), points.data(), points.size_bytes());
+      return;
+    }
+    flushBuffer();
+    if (std::fwrite(points.data(), 1, points.size_bytes(), out_) != points.size_bytes()) fail("write failed");
   }
 
   void complete() override {
