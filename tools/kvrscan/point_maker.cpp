@@ -42,6 +42,8 @@ PointMaker::PointMaker(std::uint64_t signature, double rangeOffset, const Intens
                        const Palette& palette, Path path)
     : geometry_(signature, rangeOffset), normalize_(model), scale_(model.intensityAt95, model.gamma),
       columns_(std::make_unique<Columns>()), wide_(path == Path::kFastest && KVRSCAN_PAIR_SSE2) {
+  const PointGeometry::Direction aimed = geometry_.direction();
+  cosPan_ = aimed.cosPan, sinPan_ = aimed.sinPan;
   for (int level = 0; level <= kTopLevel; ++level) {
     const Rgb c = palette.colourOfLevel(level);
     colours_[static_cast<std::size_t>(level)] = c.r | c.g << 8 | c.b << 16;
@@ -60,16 +62,36 @@ std::size_t PointMaker::make(std::span<const RawShot> shots, const std::int32_t*
 }
 
 std::size_t PointMaker::layOut(std::span<const RawShot> shots, const std::int32_t* lines) {
+  return wide_ ? layOutAs<true>(shots, lines) : layOutAs<false>(shots, lines);
+}
+
+// The head turns slower than the mirror: the pan's sine and cosine are kept from
+// shot to shot (in locals: the stores into the columns could otherwise be
+// taken to change them).
+template <bool kWide>
+std::size_t PointMaker::layOutAs(std::span<const RawShot> shots, const std::int32_t* lines) {
   Columns& c = *columns_;
+  const PointGeometry::PanTrig& panTrig = geometry_.panTrig();
+  const PointGeometry::ScanTrig& scanTrig = geometry_.scanTrig();
+  std::uint32_t panCount = panCount_;
+  double cosPan = cosPan_, sinPan = sinPan_;
   std::size_t points = 0;
   for (std::size_t s = 0; s < shots.size(); ++s) {
     const RawShot& shot = shots[s];
-    geometry_.aim(static_cast<std::uint32_t>(shot.shotWord & 0xFFFFF), shot.scanAngleCounts);
-    c.directions[s] = geometry_.direction();
+    const auto pan = static_cast<std::uint32_t>(shot.shotWord & 0xFFFFF);
+    if (pan != panCount) {
+      panTrig(pan, cosPan, sinPan);
+      panCount = pan;
+    }
+    double cosScan, sinScan;
+    scanTrig(shot.scanAngleCounts, cosScan, sinScan);
+    c.directions[s] = {cosScan, sinScan, cosPan, sinPan};
     std::memcpy(&c.tails[s][0], &lines[s], 4);
     std::memcpy(&c.tails[s][4], &shot.shotTow, 8);
-    points = wide_ ? layOutReturnsWide(shot, s, points) : layOutReturns(shot, s, points);
+    if constexpr (kWide) points = layOutReturnsWide(shot, s, points);
+    else points = layOutReturns(shot, s, points);
   }
+  panCount_ = panCount, cosPan_ = cosPan, sinPan_ = sinPan;
   return points;
 }
 
@@ -96,7 +118,7 @@ std::size_t PointMaker::layOutReturns(const RawShot& shot, std::size_t s, std::s
 // The four slots in one store each column; the shot's returns are a prefix of
 // them, so the points move on by the count. A return without a range (rare:
 // its stop count lies before T0) sends the shot through the slot-by-slot way.
-std::size_t PointMaker::layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points) {
+inline std::size_t PointMaker::layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points) {
 #if KVRSCAN_PAIR_SSE2
   Columns& c = *columns_;
   const auto count = static_cast<std::uint32_t>(shot.returns.size());
@@ -106,7 +128,9 @@ std::size_t PointMaker::layOutReturnsWide(const RawShot& shot, std::size_t s, st
   const auto numbers = static_cast<std::int32_t>(count << 24);
   const __m128i tags = _mm_or_si128(_mm_srli_epi32(words, 20), _mm_set_epi32(numbers | 4 << 16, numbers | 3 << 16,
                                                                               numbers | 2 << 16, numbers | 1 << 16));
-  if ((_mm_movemask_ps(_mm_castsi128_ps(counts)) & ((1 << count) - 1)) != 0) return layOutReturns(shot, s, points);
+  if ((_mm_movemask_ps(_mm_castsi128_ps(counts)) & ((1 << count) - 1)) != 0) [[unlikely]] {
+    return layOutReturns(shot, s, points);
+  }
   _mm_storeu_si128(reinterpret_cast<__m128i*>(&c.counts[points]), counts);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(&c.tags[points]), tags);
   _mm_storel_epi64(reinterpret_cast<__m128i*>(&c.shots[points]), _mm_set1_epi16(static_cast<short>(s)));

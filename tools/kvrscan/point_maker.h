@@ -24,7 +24,7 @@ namespace kvrscan {
 // IntensityNormalizer's value (0 for a zero range) through the palette.
 class PointMaker {
  public:
-  static constexpr std::size_t kRunShots = 512;
+  static constexpr std::size_t kRunShots = 256;
   static constexpr std::size_t kRunPoints = kRunShots * ReturnWords::kCapacity;
 
   // kPortable: plain C++ throughout (what processors without SSE2 run; tests
@@ -49,6 +49,8 @@ class PointMaker {
   struct Columns;
 
   std::size_t layOut(std::span<const RawShot> shots, const std::int32_t* lines);
+  template <bool kWide>
+  std::size_t layOutAs(std::span<const RawShot> shots, const std::int32_t* lines);
   std::size_t layOutReturns(const RawShot& shot, std::size_t s, std::size_t points);
   std::size_t layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points);
   void compute(std::size_t points);
@@ -62,6 +64,8 @@ class PointMaker {
   std::array<std::uint32_t, kTopLevel + 1> colours_{};  // red | green << 8 | blue << 16
   std::unique_ptr<Columns> columns_;
   bool wide_;
+  std::uint32_t panCount_ = 0;  // of the last shot laid out, and its sine and cosine
+  double cosPan_ = 1.0, sinPan_ = 0.0;
   std::uint64_t withoutRange_ = 0;
 };
 

@@ -62,8 +62,8 @@ int DisplayScale::search(double v) const {
 
 PointGeometry::PointGeometry(std::uint64_t signature, double rangeOffset)
     : rangeOffset_(rangeOffset),
-      pan_(20, [](std::uint32_t count) { return CalculatePanAngle(count); }),
-      scan_(18, [signature](std::uint32_t count) { return CalculateScanAngle(count, signature); }) {
+      pan_([](std::uint32_t count) { return CalculatePanAngle(count); }),
+      scan_([signature](std::uint32_t count) { return CalculateScanAngle(count, signature); }) {
   pan_(panCount_, cosPan_, sinPan_);
 }
 

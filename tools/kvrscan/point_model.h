@@ -139,42 +139,44 @@ class DisplayScale {
 };
 
 // Sine and cosine of an angle that is linear in a whole-number count, for any
-// count below 2^bits: the count splits into a high and a low half, each with
+// count below 2^Bits: the count splits into a high and a low half, each with
 // its own small table (they stay in the first-level cache), and the angle sum
 // joins them. The tables hold the sines and cosines of the library's own
 // angles, at the high half's counts and of the low half's steps, so the result
 // differs from std::sin and std::cos of the library's angle only in the last
-// bits of a double.
+// bits of a double. Fixed sizes: an inner loop finds the tables without loads.
+template <int Bits>
 class CountTrig {
  public:
   // angle(count): the library's angle of an encoder count, in radians.
   template <typename Angle>
-  CountTrig(int bits, Angle angle) : lowBits_(bits / 2), low_(std::size_t{1} << (bits / 2)),
-                                     high_(std::size_t{1} << (bits - bits / 2)) {
+  explicit CountTrig(Angle angle) {
     const double zero = angle(0u);
-    for (std::uint32_t i = 0; i < low_.size(); ++i) {
+    for (std::uint32_t i = 0; i < kLow; ++i) {
       const double step = angle(i) - zero;
       low_[i] = {std::cos(step), std::sin(step)};
     }
-    for (std::uint32_t i = 0; i < high_.size(); ++i) {
-      const double a = angle(i << lowBits_);
+    for (std::uint32_t i = 0; i < kHigh; ++i) {
+      const double a = angle(i << kLowBits);
       high_[i] = {std::cos(a), std::sin(a)};
     }
   }
 
   void operator()(std::uint32_t count, double& cosine, double& sine) const {
-    const CosSin& h = high_[(count >> lowBits_) & (high_.size() - 1)];
-    const CosSin& l = low_[count & (low_.size() - 1)];
+    const CosSin& h = high_[(count >> kLowBits) & (kHigh - 1)];
+    const CosSin& l = low_[count & (kLow - 1)];
     cosine = h.cos * l.cos - h.sin * l.sin;
     sine = h.sin * l.cos + h.cos * l.sin;
   }
 
  private:
+  static constexpr int kLowBits = Bits / 2;
+  static constexpr std::uint32_t kLow = 1u << kLowBits, kHigh = 1u << (Bits - kLowBits);
   struct CosSin {
     double cos, sin;
   };
-  int lowBits_;
-  std::vector<CosSin> low_, high_;
+  std::array<CosSin, kLow> low_;
+  std::array<CosSin, kHigh> high_;
 };
 
 // Points in the scanner's own frame: x = r cos(scan) cos(pan),
@@ -210,9 +212,15 @@ class PointGeometry {
 
   double rangeOffset() const { return rangeOffset_; }
 
+  using PanTrig = CountTrig<20>;   // pan encoder counts
+  using ScanTrig = CountTrig<18>;  // scan encoder counts
+  const PanTrig& panTrig() const { return pan_; }
+  const ScanTrig& scanTrig() const { return scan_; }
+
  private:
   double rangeOffset_;
-  CountTrig pan_, scan_;
+  PanTrig pan_;
+  ScanTrig scan_;
   std::uint32_t panCount_ = 0;
   double cosPan_ = 1.0, sinPan_ = 0.0, cosScan_ = 1.0, sinScan_ = 0.0;
 };
