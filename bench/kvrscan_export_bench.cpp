@@ -91,7 +91,7 @@ void RunExportBenchmark(benchmark::State& state, const std::string& output) {
   EnsureScan();
   kvrscan::ScanSource scan(kScanPath);
   const kvrscan::MapSource map(scan, std::nullopt, false);
-  kvrscan::ExportSettings settings{kvrscan::FindPalette("grey"), 0.5, nullptr, nullptr};
+  kvrscan::ExportSettings settings{kvrscan::FindPalette("grey"), 0.5, {}, nullptr};
   settings.threads = static_cast<unsigned>(state.range(0));
   FifoBlock block;
   double walkCpu = 0.0, walkWall = 0.0, exportCpu = 0.0, exportWall = 0.0;

@@ -30,16 +30,21 @@ bool BlockWalk::next(FifoBlock& block) {
 }
 
 std::string BlockWalk::damage(bool libraryLogGrew) const {
+  return DescribeScanDamage(scan_, badBlocks_, firstBadBlock_, libraryLogGrew);
+}
+
+std::string DescribeScanDamage(const ScanSource& scan, std::uint64_t badBlocks, std::uint64_t firstBadBlock,
+                               bool libraryLogGrew) {
   std::vector<std::string> parts;
-  if (badBlocks_ > 0) {
-    parts.push_back(std::to_string(badBlocks_) + (badBlocks_ == 1 ? " block" : " blocks") +
-                    " with a bad signature skipped (first: block " + std::to_string(firstBadBlock_) + ")");
+  if (badBlocks > 0) {
+    parts.push_back(std::to_string(badBlocks) + (badBlocks == 1 ? " block" : " blocks") +
+                    " with a bad signature skipped (first: block " + std::to_string(firstBadBlock) + ")");
   }
-  if (scan_.trailingBytes() > 0) {
-    parts.push_back("the file ends inside block " + std::to_string(scan_.wholeBlocks()) + " (" +
-                    std::to_string(scan_.trailingBytes()) + " of 65536 bytes; ignored)");
+  if (scan.trailingBytes() > 0) {
+    parts.push_back("the file ends inside block " + std::to_string(scan.wholeBlocks()) + " (" +
+                    std::to_string(scan.trailingBytes()) + " of 65536 bytes; ignored)");
   }
-  if (libraryLogGrew && badBlocks_ == 0) parts.push_back("the library reported damaged blocks");
+  if (libraryLogGrew && badBlocks == 0) parts.push_back("the library reported damaged blocks");
   std::string text;
   for (std::size_t i = 0; i < parts.size(); ++i) text += (i > 0 ? "; " : "") + parts[i];
   return text;

@@ -44,4 +44,9 @@ class BlockWalk {
   std::uint64_t firstBadBlock_ = 0;
 };
 
+// The clause damage() gives, for a walk that skipped `badBlocks` blocks with a
+// bad signature, the first of them `firstBadBlock`.
+std::string DescribeScanDamage(const ScanSource& scan, std::uint64_t badBlocks, std::uint64_t firstBadBlock,
+                               bool libraryLogGrew);
+
 }  // namespace kvrscan

@@ -37,8 +37,15 @@ int RunExport(const ParsedArgs& args, Context& context) {
       args.integer("threads", 1, 256).value_or(std::max(1u, std::thread::hardware_concurrency())));
   ScanSource scan(args.positional()[0]);
   const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
-  std::unique_ptr<TicksManager> ticks;
-  if (const auto tickFile = args.value("ticks")) ticks = std::make_unique<TicksManager>(*tickFile, offset);
+  // One tick manager for each thread: a manager is not shared.
+  std::vector<std::unique_ptr<TicksManager>> ticks;
+  std::vector<NmeaTicksManager*> managers;
+  if (const auto tickFile = args.value("ticks")) {
+    for (unsigned i = 0; i < threads; ++i) {
+      ticks.push_back(std::make_unique<TicksManager>(*tickFile, offset));
+      managers.push_back(ticks.back()->get());
+    }
+  }
   const double rangeOffset = GetCalibrationParameters(scan.header()).rangeOffset;
   MapSource source(scan, args.value("map"), context.showProgress);
 
@@ -47,7 +54,7 @@ int RunExport(const ParsedArgs& args, Context& context) {
       "axes: scanner frame, metres: x = r cos(scan) cos(pan), y = r cos(scan) sin(pan), z = r sin(scan)",
       "r = range + rangeOffset " + FormatDouble(rangeOffset) +
           " m; pan and scan are the angles of the shot's encoder counts",
-      std::string("time: seconds, ") + (ticks ? "GNSS time of week" : "since the scanner's tick counter started") +
+      std::string("time: seconds, ") + (!ticks.empty() ? "GNSS time of week" : "since the scanner's tick counter started") +
           "; -1 when unknown",
       "line: scan line of the map (-1 before the first); intensity: raw 12-bit",
       "colour: palette " + std::string(palette.name()) + " over the normalized intensity (intensityAt95 " +
@@ -56,7 +63,7 @@ int RunExport(const ParsedArgs& args, Context& context) {
   std::unique_ptr<PointWriter> writer = PointWriter::Open(output, *format, comments);
   Progress progress("export " + scan.path(), context.showProgress);
   const ExportSummary summary = ExportPoints(
-      scan, source, {&palette, rangeOffset, ticks ? ticks->get() : nullptr, &context.log, threads}, *writer, &progress);
+      scan, source, {&palette, rangeOffset, managers, &context.log, threads}, *writer, &progress);
   writer->finish();
   std::error_code ec;
   const std::uintmax_t bytes = std::filesystem::file_size(output, ec);

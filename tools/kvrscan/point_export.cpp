@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "block_walk.h"
+#include "kvr_decode/fifo_block.h"
 #include "point_maker.h"
 #include "point_model.h"
 
@@ -18,138 +20,155 @@ namespace kvrscan {
 
 namespace {
 
-// One block on its way out: decoded, its shots' lines found, made into points.
-struct BlockJob {
-  FifoBlock block;
-  std::vector<std::int32_t> lines;
-  std::vector<PointRecord> points;
-  std::size_t pointCount = 0;
-  bool made = false;
-};
-
-// Decodes the walk's next block into the job and finds the lines of its shots
-// (in file order, as the indexer asks). False at the end of the scan.
-bool ReadBlock(BlockWalk& walk, LineIndexer& lines, BlockJob& job) {
-  if (!walk.next(job.block)) return false;
-  job.lines.resize(job.block.shots.size());
-  lines.linesOf(walk.blockNumber(), job.lines);
-  return true;
-}
-
-void MakeBlock(PointMaker& maker, BlockJob& job) {
-  const std::span<const RawShot> shots(job.block.shots);
-  // Sized once for the fullest block seen; the maker may write one record past its points.
-  job.points.resize(std::max(job.points.size(), shots.size() * ReturnWords::kCapacity + 1));
-  std::size_t points = 0;
+// Makes the points of a decoded block, appending them to `points` after its
+// first `count` records; returns the new count. `lines` is scratch.
+std::size_t MakeBlock(PointMaker& maker, const LineIndexer& indexer, std::uint32_t blockNumber, const FifoBlock& block,
+                      std::vector<std::int32_t>& lines, std::vector<PointRecord>& points, std::size_t count) {
+  const std::span<const RawShot> shots(block.shots);
+  lines.resize(shots.size());
+  indexer.linesOf(blockNumber, lines);
+  // Grown to the fullest blocks seen, then reused; the maker may write one record past its points.
+  const std::size_t room = count + shots.size() * ReturnWords::kCapacity + 1;
+  if (points.size() < room) points.resize(room);
   for (std::size_t first = 0; first < shots.size(); first += PointMaker::kRunShots) {
-    const std::size_t count = std::min(PointMaker::kRunShots, shots.size() - first);
-    points += maker.make(shots.subspan(first, count), job.lines.data() + first, job.points.data() + points);
+    const std::size_t run = std::min(PointMaker::kRunShots, shots.size() - first);
+    count += maker.make(shots.subspan(first, run), lines.data() + first, points.data() + count);
   }
-  job.pointCount = points;
+  return count;
 }
 
-// The reading thread decodes blocks into a ring of jobs; workers make their
-// points, and whichever worker finds the oldest job made writes the jobs that
-// are ready, in file order. The ring bounds the memory whatever the scan's size.
-class ExportPipeline {
+// The export on several threads. Each worker opens the scan for itself and
+// takes runs of consecutive blocks in turn: it decodes them on its own stream
+// (the library's calls on different streams are independent), makes their
+// points and leaves them in a slot of a ring; whichever worker finds the oldest
+// slot ready writes the ready ones, in file order. A worker waits while the
+// ring is full, so memory stays the same whatever the scan's size.
+class ParallelExport {
  public:
-  ExportPipeline(std::size_t workers, PointWriter& writer) : writer_(writer), jobs_(4 * workers + 4) {}
+  static constexpr std::uint64_t kRunBlocks = 4;  // 256 KiB read in order by one stream
 
-  // Runs the workers while `read` fills jobs until it returns false; rethrows
-  // the first error of any thread.
-  template <typename Read, typename NewMaker>
-  void run(std::size_t workers, Read read, NewMaker newMaker, std::uint64_t& withoutRange) {
-    std::vector<std::unique_ptr<PointMaker>> makers;
+  ParallelExport(ScanSource& scan, const MapSource& map, const ExportSettings& settings, unsigned threads,
+                 PointWriter& writer, Progress* progress)
+      : scan_(scan), settings_(settings), threads_(threads), writer_(writer), progress_(progress),
+        lines_(map.lineIndexer()), model_(map.intensityModel()), slots_(2 * threads + 1),
+        runs_((scan.wholeBlocks() + kRunBlocks - 1) / kRunBlocks) {}
+
+  void run(ExportSummary& summary) {
     std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < workers; ++i) {
-      makers.push_back(newMaker());
-      threads.emplace_back([this, maker = makers.back().get()] { work(*maker); });
+    std::vector<WorkerTally> tallies(threads_);
+    for (unsigned i = 0; i < threads_; ++i) {
+      NmeaTicksManager* ticks = settings_.ticks.empty() ? nullptr : settings_.ticks[i];
+      threads.emplace_back([this, ticks, &tally = tallies[i]] { work(ticks, tally); });
     }
-    try {
-      readAll(read);
-    } catch (...) {
-      fail(std::current_exception());
-    }
-    {
-      std::lock_guard lock(mutex_);
-      finished_ = true;
-    }
-    jobReady_.notify_all();
     for (std::thread& thread : threads) thread.join();
-    for (const auto& maker : makers) withoutRange += maker->withoutRange();
     if (error_) std::rethrow_exception(error_);
+    std::uint64_t firstBad = std::numeric_limits<std::uint64_t>::max();
+    for (const WorkerTally& tally : tallies) {
+      summary.withoutRange += tally.withoutRange;
+      badBlocks_ += tally.badBlocks;
+      firstBad = std::min(firstBad, tally.firstBadBlock);
+    }
+    firstBadBlock_ = badBlocks_ > 0 ? firstBad : 0;
+    summary.shots = shots_;
+    summary.blocks = blocksRead_;
   }
+
+  std::uint64_t badBlocks() const { return badBlocks_; }
+  std::uint64_t firstBadBlock() const { return firstBadBlock_; }
 
  private:
-  template <typename Read>
-  void readAll(Read& read) {
-    for (;;) {
-      BlockJob* job;
-      {
-        std::unique_lock lock(mutex_);
-        // Waiting for a slot is rare with enough of them; waking costs system calls.
-        if (!error_ && read_ - written_ == jobs_.size()) {
-          readerWaits_ = true;
-          slotFree_.wait(lock, [this] { return error_ || read_ - written_ < jobs_.size(); });
-          readerWaits_ = false;
-        }
-        if (error_) return;
-        job = &jobs_[read_ % jobs_.size()];
-      }
-      if (!read(*job)) return;
-      bool wake;
-      {
-        std::lock_guard lock(mutex_);
-        job->made = false;
-        ++read_;
-        wake = idleWorkers_ > 0;
-      }
-      if (wake) jobReady_.notify_one();
-    }
-  }
+  struct Slot {
+    std::vector<PointRecord> points;
+    std::size_t count = 0;
+    std::uint64_t shots = 0;
+    std::uint64_t blocks = 0;  // read, the bad ones too
+    bool made = false;
+  };
 
-  void work(PointMaker& maker) {
+  struct WorkerTally {
+    std::uint64_t withoutRange = 0;
+    std::uint64_t badBlocks = 0;
+    std::uint64_t firstBadBlock = std::numeric_limits<std::uint64_t>::max();
+  };
+
+  void work(NmeaTicksManager* ticks, WorkerTally& tally) {
     try {
+      ScanSource scan(scan_.path());
+      PointMaker maker(ScanSignature(scan.header()), settings_.rangeOffset, model_, *settings_.palette);
+      FifoBlock block;
+      block.shots.reserve(8192);
+      std::vector<std::int32_t> lines;
       for (;;) {
-        BlockJob* job;
+        std::uint64_t run;
         {
           std::unique_lock lock(mutex_);
-          ++idleWorkers_;
-          jobReady_.wait(lock, [this] { return error_ || taken_ < read_ || finished_; });
-          --idleWorkers_;
-          if (error_ || taken_ == read_) return;
-          job = &jobs_[taken_++ % jobs_.size()];
+          slotFree_.wait(lock, [this] { return error_ || next_ >= runs_ || next_ - written_ < slots_.size(); });
+          if (error_ || next_ >= runs_) break;
+          run = next_++;
         }
-        MakeBlock(maker, *job);
-        writeReady(*job);
+        Slot& slot = slots_[run % slots_.size()];
+        slot.count = 0, slot.shots = 0, slot.blocks = 0;
+        const std::uint64_t first = run * kRunBlocks;
+        const std::uint64_t last = std::min(first + kRunBlocks, scan_.wholeBlocks());
+        scan.seekToBlock(first);
+        for (std::uint64_t b = first; b < last; ++b) {
+          const auto number = static_cast<std::uint32_t>(b);
+          const int result = DecodeNextFifoBlock(scan.stream(), scan.header(), static_cast<int>(number), block, ticks);
+          block.flaggedShots.clear();  // appended to from block to block; nothing here reads them
+          if (result == -1) {
+            endAt(b);  // the file is shorter than it was: the walk ends here
+            break;
+          }
+          ++slot.blocks;
+          if (result == -2) {
+            ++tally.badBlocks;
+            tally.firstBadBlock = std::min(tally.firstBadBlock, b);
+            continue;
+          }
+          slot.shots += block.shots.size();
+          slot.count = MakeBlock(maker, lines_, number, block, lines, slot.points, slot.count);
+        }
+        writeReady(run);
       }
+      tally.withoutRange = maker.withoutRange();
     } catch (...) {
       fail(std::current_exception());
     }
   }
 
-  // Marks the job made and, unless another worker is writing (it will come to
-  // this job), writes every made job from the oldest on.
-  void writeReady(BlockJob& made) {
+  // Marks the run made and, unless another worker is writing (it will come to
+  // this run), writes every made run from the oldest on.
+  void writeReady(std::uint64_t run) {
     std::unique_lock lock(mutex_);
-    made.made = true;
+    slots_[run % slots_.size()].made = true;
     if (writing_) return;
     writing_ = true;
-    while (written_ < read_ && jobs_[written_ % jobs_.size()].made) {
-      BlockJob& job = jobs_[written_ % jobs_.size()];
+    while (written_ < runs_ && slots_[written_ % slots_.size()].made) {
+      Slot& slot = slots_[written_ % slots_.size()];
       lock.unlock();
       try {
-        writer_.write(std::span<const PointRecord>(job.points.data(), job.pointCount));
+        writer_.write(std::span<const PointRecord>(slot.points.data(), slot.count));
       } catch (...) {
         lock.lock();
         writing_ = false;
         throw;
       }
       lock.lock();
+      shots_ += slot.shots;
+      blocksRead_ += slot.blocks;
+      slot.made = false;
       ++written_;
-      if (readerWaits_) slotFree_.notify_one();
+      if (progress_ != nullptr) progress_->update(blocksRead_, scan_.wholeBlocks());
+      slotFree_.notify_all();
     }
     writing_ = false;
+  }
+
+  // A short read at block b: no run after it is taken or written.
+  void endAt(std::uint64_t b) {
+    std::lock_guard lock(mutex_);
+    runs_ = std::min(runs_, b / kRunBlocks + 1);
+    slotFree_.notify_all();
   }
 
   void fail(std::exception_ptr error) {
@@ -157,23 +176,27 @@ class ExportPipeline {
       std::lock_guard lock(mutex_);
       if (!error_) error_ = error;
     }
-    jobReady_.notify_all();
     slotFree_.notify_all();
   }
 
+  ScanSource& scan_;
+  const ExportSettings& settings_;
+  unsigned threads_;
   PointWriter& writer_;
-  std::vector<BlockJob> jobs_;
+  Progress* progress_;
+  const LineIndexer lines_;
+  const IntensityModel model_;
+
   std::mutex mutex_;
-  std::condition_variable jobReady_;  // workers wait for a decoded job
-  std::condition_variable slotFree_;  // the reader waits for a written one
-  std::size_t idleWorkers_ = 0;
-  bool readerWaits_ = false;
-  std::uint64_t read_ = 0;     // jobs decoded: sequence numbers below it
-  std::uint64_t taken_ = 0;    // jobs a worker has taken
-  std::uint64_t written_ = 0;  // jobs written; their slots may be decoded into again
+  std::condition_variable slotFree_;  // a run was written, or the export failed
+  std::vector<Slot> slots_;
+  std::uint64_t runs_;         // runs of blocks in the scan
+  std::uint64_t next_ = 0;     // the next run a worker takes
+  std::uint64_t written_ = 0;  // runs written; their slots may be filled again
   bool writing_ = false;
-  bool finished_ = false;  // the reading is over
   std::exception_ptr error_;
+  std::uint64_t shots_ = 0, blocksRead_ = 0;
+  std::uint64_t badBlocks_ = 0, firstBadBlock_ = 0;
 };
 
 }  // namespace
@@ -182,34 +205,31 @@ ExportSummary ExportPoints(ScanSource& scan, const MapSource& map, const ExportS
                            PointWriter& writer, Progress* progress) {
   const auto start = std::chrono::steady_clock::now();
   ExportSummary summary;
-  const IntensityModel model = map.intensityModel();
-  const std::uint64_t signature = ScanSignature(scan.header());
-  const auto newMaker = [&] {
-    return std::make_unique<PointMaker>(signature, settings.rangeOffset, model, *settings.palette);
-  };
-  LineIndexer lines = map.lineIndexer();
-  BlockWalk walk(scan, settings.ticks, progress);
-  const auto read = [&](BlockJob& job) {
-    if (!ReadBlock(walk, lines, job)) return false;
-    summary.shots += job.block.shots.size();
-    return true;
-  };
-  if (settings.threads <= 1) {
-    const std::unique_ptr<PointMaker> maker = newMaker();
-    BlockJob job;
-    while (read(job)) {
-      MakeBlock(*maker, job);
-      writer.write(std::span<const PointRecord>(job.points.data(), job.pointCount));
-    }
-    summary.withoutRange = maker->withoutRange();
+  unsigned threads = std::max(1u, settings.threads);
+  if (!settings.ticks.empty()) threads = std::min(threads, static_cast<unsigned>(settings.ticks.size()));
+  if (threads > 1) {
+    ParallelExport parallel(scan, map, settings, threads, writer, progress);
+    parallel.run(summary);
+    summary.damage = DescribeScanDamage(scan, parallel.badBlocks(), parallel.firstBadBlock(),
+                                        settings.log != nullptr && settings.log->grew());
   } else {
-    ExportPipeline(settings.threads, writer).run(settings.threads, read, newMaker, summary.withoutRange);
+    PointMaker maker(ScanSignature(scan.header()), settings.rangeOffset, map.intensityModel(), *settings.palette);
+    const LineIndexer lines = map.lineIndexer();
+    BlockWalk walk(scan, settings.ticks.empty() ? nullptr : settings.ticks.front(), progress);
+    std::vector<std::int32_t> lineScratch;
+    std::vector<PointRecord> points;
+    while (walk.next()) {
+      const std::size_t count = MakeBlock(maker, lines, walk.blockNumber(), walk.block(), lineScratch, points, 0);
+      writer.write(std::span<const PointRecord>(points.data(), count));
+      summary.shots += walk.block().shots.size();
+    }
+    summary.withoutRange = maker.withoutRange();
+    summary.blocks = walk.blocksRead();
+    summary.damage = walk.damage(settings.log != nullptr && settings.log->grew());
   }
   if (progress != nullptr) progress->finish();
   summary.points = writer.count();
-  summary.blocks = walk.blocksRead();
   summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  summary.damage = walk.damage(settings.log != nullptr && settings.log->grew());
   return summary;
 }
 

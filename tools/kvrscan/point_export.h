@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "library_log.h"
 #include "map_source.h"
@@ -17,7 +18,10 @@ namespace kvrscan {
 struct ExportSettings {
   const Palette* palette = nullptr;
   double rangeOffset = 0.0;            // added to every range (the calibration's "rangeOffset")
-  NmeaTicksManager* ticks = nullptr;  // times of week when given
+  // Times of week when given: a tick manager for each thread (a manager keeps
+  // the pulse pair it found last, so threads cannot share one); with fewer
+  // managers than threads, only as many threads run.
+  std::vector<NmeaTicksManager*> ticks;
   const LibraryLog* log = nullptr;    // growth means the library found damaged blocks
   // Threads making points beside the one decoding; 1 (or 0) makes them in the
   // decoding thread. The file is the same whatever the number.

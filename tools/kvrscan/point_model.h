@@ -243,15 +243,22 @@ class LineIndexer {
     }
     return static_cast<std::int32_t>(next_) - 1;
   }
-  // lineOf() of shots 0, 1, ... of the block, one per entry of `lines`: a
-  // line's shots in one fill.
-  void linesOf(std::uint32_t block, std::span<std::int32_t> lines) {
+  // The lines of shots 0, 1, ... of the block, one per entry of `lines`, a
+  // line's shots in one fill; what lineOf() gives them when the starts are in
+  // file order (a map's are). Asks nothing of the order it is called in, so
+  // blocks may be taken in any order, from several threads.
+  void linesOf(std::uint32_t block, std::span<std::int32_t> lines) const {
+    const auto before = [](const Start& a, const Start& b) { return a.block < b.block || (a.block == b.block && a.shot < b.shot); };
+    // Starts up to (block, shot) have begun; the last of them is the shot's line.
+    auto next = static_cast<std::size_t>(std::upper_bound(starts_.begin(), starts_.end(), Start{block, 0}, before) -
+                                         starts_.begin());
     for (std::size_t shot = 0; shot < lines.size();) {
-      const std::int32_t line = lineOf(block, static_cast<std::uint32_t>(shot));
       std::size_t end = lines.size();
-      if (next_ < starts_.size() && starts_[next_].block == block) end = std::min<std::size_t>(end, starts_[next_].shot);
-      std::fill(lines.begin() + static_cast<std::ptrdiff_t>(shot), lines.begin() + static_cast<std::ptrdiff_t>(end), line);
+      if (next < starts_.size() && starts_[next].block == block) end = std::min<std::size_t>(end, starts_[next].shot);
+      std::fill(lines.begin() + static_cast<std::ptrdiff_t>(shot), lines.begin() + static_cast<std::ptrdiff_t>(end),
+                static_cast<std::int32_t>(next) - 1);
       shot = end;
+      while (next < starts_.size() && starts_[next].block == block && starts_[next].shot <= shot) ++next;
     }
   }
   std::size_t lineCount() const { return starts_.size(); }

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <new>
 #include <stdexcept>
 #include <vector>
@@ -178,6 +179,15 @@ std::uint64_t ScanSource::headerBlockSize() const {
 void ScanSource::rewindToData() {
   if (std::fseek(stream_, 0, SEEK_SET) != 0 || fseeko(stream_, static_cast<off_t>(header_.dataOffset), SEEK_SET) != 0) {
     throw FileError(path_, "cannot seek back to the first block");
+  }
+  std::clearerr(stream_);
+}
+
+void ScanSource::seekToBlock(std::uint64_t block) {
+  const std::uint64_t offset = header_.dataOffset + block * kBlockSize;
+  if (offset > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) ||
+      fseeko(stream_, static_cast<off_t>(offset), SEEK_SET) != 0) {
+    throw FileError(path_, "cannot seek to block " + std::to_string(block));
   }
   std::clearerr(stream_);
 }

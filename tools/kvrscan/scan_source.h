@@ -61,6 +61,8 @@ class ScanSource {
 
   // Seeks back to the first block for another pass; ToolError when it cannot.
   void rewindToData();
+  // Seeks to the start of a block (0: the first); ToolError when it cannot.
+  void seekToBlock(std::uint64_t block);
 
  private:
   [[noreturn]] void explainRefusal();
