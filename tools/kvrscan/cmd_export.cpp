@@ -66,7 +66,8 @@ int RunExport(const ParsedArgs& args, Context& context) {
       scan, source, {&palette, rangeOffset, managers, &context.log, threads}, *writer, &progress);
   writer->finish();
   std::error_code ec;
-  const std::uintmax_t bytes = std::filesystem::file_size(output, ec);
+  std::uintmax_t bytes = std::filesystem::file_size(output, ec);
+  if (ec) bytes = 0;  // not a regular file (a device, a pipe): nothing to measure
 
   if (context.json) {
     JsonWriter json;
