@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
-#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+// KVRSCAN_NO_SIMD builds the scalar form on any processor (a test does).
+#if !defined(KVRSCAN_NO_SIMD) && \
+    (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2))
 #define KVRSCAN_PAIR_SSE2 1
 #include <emmintrin.h>
 #else
@@ -42,6 +45,15 @@ struct DoublePair {
   }
 
   void store(double* p) const { _mm_storeu_pd(p, v); }
+  // Two 16-byte rows (x, y, z rounded to float as static_cast<float> rounds,
+  // then the word from `words`), one for each lane.
+  static void storeRows(DoublePair x, DoublePair y, DoublePair z, const std::uint32_t* words, unsigned char* rows) {
+    const __m128 xy = _mm_unpacklo_ps(_mm_cvtpd_ps(x.v), _mm_cvtpd_ps(y.v));  // x0 y0 x1 y1
+    const __m128 zw = _mm_unpacklo_ps(
+        _mm_cvtpd_ps(z.v), _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(words))));
+    _mm_storeu_ps(reinterpret_cast<float*>(rows), _mm_movelh_ps(xy, zw));
+    _mm_storeu_ps(reinterpret_cast<float*>(rows + 16), _mm_movehl_ps(zw, xy));
+  }
   // Both lanes rounded to float, as static_cast<float> rounds.
   void storeFloats(float* p) const {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_castps_si128(_mm_cvtpd_ps(v)));
@@ -68,6 +80,14 @@ struct DoublePair {
   DoublePair whereAboveZero(DoublePair test) const { return {test.a > 0.0 ? a : 0.0, test.b > 0.0 ? b : 0.0}; }
 
   void store(double* p) const { p[0] = a, p[1] = b; }
+  static void storeRows(DoublePair x, DoublePair y, DoublePair z, const std::uint32_t* words, unsigned char* rows) {
+    const float first[3] = {static_cast<float>(x.a), static_cast<float>(y.a), static_cast<float>(z.a)};
+    const float second[3] = {static_cast<float>(x.b), static_cast<float>(y.b), static_cast<float>(z.b)};
+    std::memcpy(rows, first, 12);
+    std::memcpy(rows + 12, &words[0], 4);
+    std::memcpy(rows + 16, second, 12);
+    std::memcpy(rows + 28, &words[1], 4);
+  }
   void storeFloats(float* p) const { p[0] = static_cast<float>(a), p[1] = static_cast<float>(b); }
 };
 #endif

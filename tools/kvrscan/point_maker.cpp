@@ -27,10 +27,8 @@ struct PointMaker::Columns {
   alignas(16) std::int32_t counts[kColumnRoom];
   alignas(16) std::uint32_t tags[kColumnRoom];
   alignas(16) std::uint16_t shots[kColumnRoom];
-  // Made from them.
-  alignas(16) float x[kColumnRoom];
-  alignas(16) float y[kColumnRoom];
-  alignas(16) float z[kColumnRoom];
+  // Made from them: the record's first sixteen bytes (x, y, z, the fourth word).
+  alignas(16) unsigned char heads[kColumnRoom][16];
   alignas(16) double normalized[kColumnRoom];
   alignas(16) std::uint32_t colours[kColumnRoom];  // red | green << 8 | blue << 16
   // Per shot: its direction, and the record's bytes 16-27 (line, time) with four zero bytes.
@@ -157,9 +155,7 @@ void PointMaker::compute(std::size_t points) {
     DoublePair::transpose(DoublePair::load(&first.cosScan), DoublePair::load(&second.cosScan), cosScan, sinScan);
     DoublePair::transpose(DoublePair::load(&first.cosPan), DoublePair::load(&second.cosPan), cosPan, sinPan);
     const DoublePair horizontal = r * cosScan;
-    (horizontal * cosPan).storeFloats(&c.x[p]);
-    (horizontal * sinPan).storeFloats(&c.y[p]);
-    (r * sinScan).storeFloats(&c.z[p]);
+    DoublePair::storeRows(horizontal * cosPan, horizontal * sinPan, r * sinScan, &c.tags[p], c.heads[p]);
     const DoublePair base = DoublePair::of(normalize_.base(c.tags[p]), normalize_.base(c.tags[p + 1]));
     const DoublePair q = range / a5 - a5 / range;
     ((q * q + a4) * a3 * base).whereAboveZero(range).store(&c.normalized[p]);
@@ -177,49 +173,32 @@ void PointMaker::shade(std::size_t points) {
   }
 }
 
-// Four 8-byte stores a record: x y, z and the fourth word, line and the low
-// half of the time, its high half and the colour. The last store's eighth byte
-// is the next record's first, written again by it. (Gathered on the stack
-// first, the words would be copied out by wide loads that wait for the narrow
-// stores to retire.)
+// A record is its head (x, y, z, the fourth word), its shot's tail (line,
+// time) and its colour. The colour's fourth byte is the next record's first,
+// written again by it.
 void PointMaker::assemble(std::size_t points, PointRecord* out) const {
   const Columns& c = *columns_;
   auto* at = reinterpret_cast<unsigned char*>(out);
   for (std::size_t p = 0; p < points; ++p, at += sizeof(PointRecord)) {
-    const std::uint64_t xy =
-        std::bit_cast<std::uint32_t>(c.x[p]) | std::uint64_t{std::bit_cast<std::uint32_t>(c.y[p])} << 32;
-    const std::uint64_t zTag = std::bit_cast<std::uint32_t>(c.z[p]) | std::uint64_t{c.tags[p]} << 32;
-    std::memcpy(at, &xy, 8);
-    std::memcpy(at + 8, &zTag, 8);
+    std::memcpy(at, c.heads[p], 16);
     std::memcpy(at + 16, &c.tails[c.shots[p]][0], 12);
     std::memcpy(at + 28, &c.colours[p], 4);
   }
 }
 
-// Four records at a time: their first sixteen bytes by transposing four
-// columns, the other sixteen from the shot's tail with the colour in its last
-// four bytes. Each record's second store writes the next record's first byte,
+// Two 16-byte stores a record: the head, then the shot's tail with the colour
+// in its last four bytes. The second writes the next record's first byte,
 // which that record's first store then writes again.
 void PointMaker::assembleWide(std::size_t points, PointRecord* out) const {
 #if KVRSCAN_PAIR_SSE2
   const Columns& c = *columns_;
   auto* at = reinterpret_cast<unsigned char*>(out);
-  for (std::size_t p = 0; p < points; p += 4) {
-    const __m128 x = _mm_load_ps(&c.x[p]), y = _mm_load_ps(&c.y[p]), z = _mm_load_ps(&c.z[p]);
-    const __m128 tags = _mm_castsi128_ps(_mm_load_si128(reinterpret_cast<const __m128i*>(&c.tags[p])));
-    const __m128 xy01 = _mm_unpacklo_ps(x, y), xy23 = _mm_unpackhi_ps(x, y);
-    const __m128 zt01 = _mm_unpacklo_ps(z, tags), zt23 = _mm_unpackhi_ps(z, tags);
-    const auto emit = [&](std::size_t i, __m128 head) {
-      const __m128i tail = _mm_load_si128(reinterpret_cast<const __m128i*>(c.tails[c.shots[p + i]]));
-      const __m128i colour = _mm_slli_si128(_mm_cvtsi32_si128(static_cast<int>(c.colours[p + i])), 12);
-      _mm_storeu_ps(reinterpret_cast<float*>(at), head);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 16), _mm_or_si128(tail, colour));
-      at += sizeof(PointRecord);
-    };
-    emit(0, _mm_movelh_ps(xy01, zt01));
-    emit(1, _mm_movehl_ps(zt01, xy01));
-    emit(2, _mm_movelh_ps(xy23, zt23));
-    emit(3, _mm_movehl_ps(zt23, xy23));
+  for (std::size_t p = 0; p < points; ++p, at += sizeof(PointRecord)) {
+    const __m128i head = _mm_load_si128(reinterpret_cast<const __m128i*>(c.heads[p]));
+    const __m128i tail = _mm_load_si128(reinterpret_cast<const __m128i*>(c.tails[c.shots[p]]));
+    const __m128i colour = _mm_slli_si128(_mm_cvtsi32_si128(static_cast<int>(c.colours[p])), 12);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(at), head);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 16), _mm_or_si128(tail, colour));
   }
 #else
   assemble(points, out);
