@@ -33,8 +33,10 @@ int RunExport(const ParsedArgs& args, Context& context) {
   const std::optional<PointFormat> format = PointFormatOf(output);
   if (!format) throw UsageError("the output must end in .ply or .csv, not '" + output + "'");
   const Palette& palette = ChosenPalette(args);
+  // Past a few workers the file's reading and writing set the pace, and each
+  // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
-      args.integer("threads", 1, 256).value_or(std::max(1u, std::thread::hardware_concurrency())));
+      args.integer("threads", 1, 256).value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
   ScanSource scan(args.positional()[0]);
   const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
   // One tick manager for each thread: a manager is not shared.
@@ -97,7 +99,7 @@ constexpr OptionSpec kOptions[] = {
     kTicksOption,
     kTimeOffsetOption,
     kPaletteOption,
-    {"threads", 0, "N", "threads making points beside the one decoding (default: one per processor)"},
+    {"threads", 0, "N", "threads decoding blocks and making points (default: one per processor, at most 8)"},
     kJsonOption,
 };
 

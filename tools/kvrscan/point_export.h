@@ -23,8 +23,8 @@ struct ExportSettings {
   // managers than threads, only as many threads run.
   std::vector<NmeaTicksManager*> ticks;
   const LibraryLog* log = nullptr;    // growth means the library found damaged blocks
-  // Threads making points beside the one decoding; 1 (or 0) makes them in the
-  // decoding thread. The file is the same whatever the number.
+  // Threads decoding blocks and making their points; 1 (or 0): the calling
+  // thread does it all. The file is the same whatever the number.
   unsigned threads = 1;
 };
 
