@@ -45,7 +45,10 @@ std::size_t MakeBlock(PointMaker& maker, const LineIndexer& indexer, std::uint32
 // ring is full, so memory stays the same whatever the scan's size.
 class ParallelExport {
  public:
-  static constexpr std::uint64_t kRunBlocks = 4;  // 256 KiB read in order by one stream
+  // Blocks a worker takes at a time: one, so that its points (about 250 KiB) are
+  // still in the processor's cache when they are written. The kernel's
+  // read-ahead follows the workers' streams together (measured from a cold cache).
+  static constexpr std::uint64_t kRunBlocks = 1;
 
   ParallelExport(ScanSource& scan, const MapSource& map, const ExportSettings& settings, unsigned threads,
                  PointWriter& writer, Progress* progress)
