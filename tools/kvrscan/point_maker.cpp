@@ -11,8 +11,7 @@ namespace kvrscan {
 
 namespace {
 
-// Room for a whole run, plus the slots a shot's last wide store and the last
-// group of four records may reach past the points.
+// Room for a whole run, plus the entry past the points a pair may read.
 constexpr std::size_t kColumnRoom = PointMaker::kRunPoints + ReturnWords::kCapacity;
 
 static_assert(sizeof(PointRecord) == 31 && offsetof(PointRecord, line) == 16 && offsetof(PointRecord, colour) == 28);

@@ -17,7 +17,8 @@ namespace kvrscan {
 // branches; instead the returns are first laid out in columns, every return
 // slot written and only those with a range kept, and the points are then made
 // by straight loops over the columns: ranges, positions and normalized
-// intensities two at a time, then each record in a few wide stores.
+// intensities two at a time, then display levels, then each record in two wide
+// stores. Shots without a return cost little, and so do runs of any length.
 //
 // A point is what the per-return formulas give: the range as the library
 // computes it, x, y, z from PointGeometry, the colour of the display level of
@@ -38,8 +39,8 @@ class PointMaker {
   PointMaker& operator=(const PointMaker&) = delete;
 
   // The points of shots (at most kRunShots), lines[i] being the line of
-  // shots[i], into out, which has room for kRunPoints + 1 records: the records
-  // after the points may be overwritten. Returns the number of points.
+  // shots[i], into out, which has room for the points and one record more (its
+  // first byte may be written). Returns the number of points.
   std::size_t make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out);
 
   // Returns so far whose stop count lies before their shot's T0: no point.
