@@ -7,11 +7,20 @@
 
 #include "double_pair.h"
 
+// Four lanes where the processor has AVX (asked at run time): the same
+// operations in the same order as the pairs, so the same bits.
+#if KVRSCAN_PAIR_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#define KVRSCAN_AVX 1
+#include <immintrin.h>
+#else
+#define KVRSCAN_AVX 0
+#endif
+
 namespace kvrscan {
 
 namespace {
 
-// Room for a whole run, plus the entry past the points a pair may read.
+// Room for a whole run, plus the entries past the points a group of four may read.
 constexpr std::size_t kColumnRoom = PointMaker::kRunPoints + ReturnWords::kCapacity;
 
 static_assert(sizeof(PointRecord) == 31 && offsetof(PointRecord, line) == 16 && offsetof(PointRecord, colour) == 28);
@@ -28,7 +37,7 @@ struct PointMaker::Columns {
   alignas(16) std::uint16_t shots[kColumnRoom];
   // Made from them: the record's first sixteen bytes (x, y, z, the fourth word).
   alignas(16) unsigned char heads[kColumnRoom][16];
-  alignas(16) double normalized[kColumnRoom];
+  alignas(32) double normalized[kColumnRoom];
   alignas(16) std::uint32_t colours[kColumnRoom];  // red | green << 8 | blue << 16
   // Per shot: its direction, and the record's bytes 16-27 (line, time) with four zero bytes.
   PointGeometry::Direction directions[kRunShots];
@@ -39,6 +48,9 @@ PointMaker::PointMaker(std::uint64_t signature, double rangeOffset, const Intens
                        const Palette& palette, Path path)
     : geometry_(signature, rangeOffset), normalize_(model), scale_(model.intensityAt95, model.gamma),
       columns_(std::make_unique<Columns>()), wide_(path == Path::kFastest && KVRSCAN_PAIR_SSE2) {
+#if KVRSCAN_AVX
+  four_ = wide_ && __builtin_cpu_supports("avx");
+#endif
   const PointGeometry::Direction aimed = geometry_.direction();
   cosPan_ = aimed.cosPan, sinPan_ = aimed.sinPan;
   for (int level = 0; level <= kTopLevel; ++level) {
@@ -51,7 +63,8 @@ PointMaker::~PointMaker() = default;
 
 std::size_t PointMaker::make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out) {
   const std::size_t points = layOut(shots.first(std::min(shots.size(), kRunShots)), lines);
-  compute(points);
+  if (four_) computeFour(points);
+  else compute(points);
   shade(points);
   if (wide_) assembleWide(points, out);
   else assemble(points, out);
@@ -160,6 +173,48 @@ void PointMaker::compute(std::size_t points) {
     ((q * q + a4) * a3 * base).whereAboveZero(range).store(&c.normalized[p]);
   }
 }
+
+#if KVRSCAN_AVX
+__attribute__((target("avx"))) void PointMaker::computeFour(std::size_t points) {
+  Columns& c = *columns_;
+  const __m256d k1 = _mm256_set1_pd(13.020833333333334), k2 = _mm256_set1_pd(1e-12), k3 = _mm256_set1_pd(0.5),
+                k4 = _mm256_set1_pd(299704764.3859407);
+  const __m256d offset = _mm256_set1_pd(geometry_.rangeOffset());
+  const __m256d a3 = _mm256_set1_pd(normalize_.a3()), a4 = _mm256_set1_pd(normalize_.a4()),
+                a5 = _mm256_set1_pd(normalize_.a5());
+  for (std::size_t p = 0; p < points; p += 4) {
+    const __m256d counts = _mm256_cvtepi32_pd(_mm_load_si128(reinterpret_cast<const __m128i*>(&c.counts[p])));
+    const __m256d range = _mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(counts, k1), k2), k3), k4);
+    const __m256d r = _mm256_add_pd(range, offset);
+    // The four shots' directions, transposed: cosScan, sinScan, cosPan, sinPan across the points.
+    __m256d d[4];
+    for (std::size_t i = 0; i < 4; ++i) d[i] = _mm256_loadu_pd(&c.directions[c.shots[p + i]].cosScan);
+    const __m256d lo01 = _mm256_unpacklo_pd(d[0], d[1]), hi01 = _mm256_unpackhi_pd(d[0], d[1]);
+    const __m256d lo23 = _mm256_unpacklo_pd(d[2], d[3]), hi23 = _mm256_unpackhi_pd(d[2], d[3]);
+    const __m256d cosScan = _mm256_permute2f128_pd(lo01, lo23, 0x20), cosPan = _mm256_permute2f128_pd(lo01, lo23, 0x31);
+    const __m256d sinScan = _mm256_permute2f128_pd(hi01, hi23, 0x20), sinPan = _mm256_permute2f128_pd(hi01, hi23, 0x31);
+    const __m256d horizontal = _mm256_mul_pd(r, cosScan);
+    const __m128 x = _mm256_cvtpd_ps(_mm256_mul_pd(horizontal, cosPan));
+    const __m128 y = _mm256_cvtpd_ps(_mm256_mul_pd(horizontal, sinPan));
+    const __m128 z = _mm256_cvtpd_ps(_mm256_mul_pd(r, sinScan));
+    const __m128 tags = _mm_load_ps(reinterpret_cast<const float*>(&c.tags[p]));
+    const __m128 xy01 = _mm_unpacklo_ps(x, y), xy23 = _mm_unpackhi_ps(x, y);
+    const __m128 zt01 = _mm_unpacklo_ps(z, tags), zt23 = _mm_unpackhi_ps(z, tags);
+    _mm_store_ps(reinterpret_cast<float*>(c.heads[p]), _mm_movelh_ps(xy01, zt01));
+    _mm_store_ps(reinterpret_cast<float*>(c.heads[p + 1]), _mm_movehl_ps(zt01, xy01));
+    _mm_store_ps(reinterpret_cast<float*>(c.heads[p + 2]), _mm_movelh_ps(xy23, zt23));
+    _mm_store_ps(reinterpret_cast<float*>(c.heads[p + 3]), _mm_movehl_ps(zt23, xy23));
+    const __m256d base = _mm256_set_pd(normalize_.base(c.tags[p + 3]), normalize_.base(c.tags[p + 2]),
+                                       normalize_.base(c.tags[p + 1]), normalize_.base(c.tags[p]));
+    const __m256d q = _mm256_sub_pd(_mm256_div_pd(range, a5), _mm256_div_pd(a5, range));
+    const __m256d v = _mm256_mul_pd(_mm256_mul_pd(_mm256_add_pd(_mm256_mul_pd(q, q), a4), a3), base);
+    const __m256d ranged = _mm256_cmp_pd(range, _mm256_setzero_pd(), _CMP_GT_OQ);
+    _mm256_store_pd(&c.normalized[p], _mm256_and_pd(ranged, v));
+  }
+}
+#else
+void PointMaker::computeFour(std::size_t points) { compute(points); }
+#endif
 
 void PointMaker::shade(std::size_t points) {
   Columns& c = *columns_;

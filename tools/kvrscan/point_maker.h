@@ -55,6 +55,7 @@ class PointMaker {
   std::size_t layOutReturns(const RawShot& shot, std::size_t s, std::size_t points);
   std::size_t layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points);
   void compute(std::size_t points);
+  void computeFour(std::size_t points);
   void shade(std::size_t points);
   void assemble(std::size_t points, PointRecord* out) const;
   void assembleWide(std::size_t points, PointRecord* out) const;
@@ -65,6 +66,7 @@ class PointMaker {
   std::array<std::uint32_t, kTopLevel + 1> colours_{};  // red | green << 8 | blue << 16
   std::unique_ptr<Columns> columns_;
   bool wide_;
+  bool four_ = false;  // computeFour: the processor has AVX
   std::uint32_t panCount_ = 0;  // of the last shot laid out, and its sine and cosine
   double cosPan_ = 1.0, sinPan_ = 0.0;
   std::uint64_t withoutRange_ = 0;
