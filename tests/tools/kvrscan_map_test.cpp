@@ -250,6 +250,15 @@ TEST_F(KvrscanTest, ExportIsTheSameOnAnyNumberOfThreads) {
     EXPECT_TRUE(ply == reference) << threads << " threads";
     EXPECT_EQ(summary, referenceSummary) << threads << " threads";
   }
+  // A write that fails on a worker stops the export with the file's error.
+  if (std::filesystem::exists("/dev/full")) {
+    for (const std::string threads : {"1", "2"}) {
+      std::filesystem::create_symlink("/dev/full", path("full.ply"));
+      ExpectOneLineError(Run({"export", "scan.raw", "-o", "full.ply", "--threads", threads}), 1,
+                         "kvrscan export: full.ply: write failed (No space left on device)", "");
+      EXPECT_FALSE(std::filesystem::is_symlink(path("full.ply")));  // a failed output is removed
+    }
+  }
 }
 
 TEST_F(KvrscanTest, ExportFailures) {
