@@ -119,7 +119,9 @@ const Command kExportCommand{
     "the library's angles of the shot's encoder counts. Returns that end before their shot's T0\n"
     "count have no range and are left out. The colour is the palette's at the return's normalized\n"
     "intensity, scaled for display by the map's intensityAt95 and gamma; the map is built unless\n"
-    "--map loads one. The points are written as they are decoded: memory does not grow with the scan.",
+    "--map loads one. The points are written as they are decoded: memory does not grow with the scan.\n"
+    "Workers decode blocks and make their points side by side; the points are written in file order,\n"
+    "so the file is the same on any number of threads.",
     kOptions,
     kPositional,
     1,
