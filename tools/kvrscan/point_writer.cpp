@@ -144,6 +144,7 @@ char* PointWriter::claim(std::size_t bytes) {
 }
 
 void PointWriter::write(std::span<const PointRecord> points) {
+  if (points.empty()) return;  // a block without points hands over no storage at all
   encode(points);
   count_ += points.size();
   if (used_ >= kBufferSize) flushBuffer();
