@@ -188,7 +188,7 @@ TEST_F(DamagedCameraFile, OtherMagicsFailAndCloseTheFile) {
 // and under the sanitizers a lot of it).
 TEST_F(DamagedCameraFile, RandomDamageEndsInADocumentedResult) {
   int opened = 0, rejected = 0;
-  for (const FileBytes& file : test::Mutations(kValid, 8080, 300)) {
+  for (const FileBytes& file : test::Mutations(kValid, 8080, 100)) {
     if (test::LargestCameraFileClaim(file) > (1u << 24)) continue;
     Records records;
     if (Walk(file, records)) {

@@ -193,7 +193,7 @@ TEST_F(DamagedDeviceFile, RandomDamageEndsInADocumentedResult) {
       .reading(writers::DeviceReading3{.time = 3})
       .reading(writers::DeviceReading8{.time = 1000, .value = 7});
   int results[3] = {};
-  for (const FileBytes& file : test::Mutations(b.bytes(), 4242, 300)) {
+  for (const FileBytes& file : test::Mutations(b.bytes(), 4242, 100)) {
     test::LeftOpenStreams leftOpen;
     const int result = Read(file);
     ASSERT_TRUE(result == 0 || result == -1 || result == -2) << result;

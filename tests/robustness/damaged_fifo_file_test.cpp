@@ -156,8 +156,8 @@ TEST_F(DamagedFifoFile, RandomDamageEndsInADocumentedResult) {
   const FileBytes blocks[2] = {scan.NextBlock().build(), scan.NextBlock().build()};
   constexpr std::size_t kEdge = 64;
   const auto edge = [&](int b, std::size_t at) { return FileBytes(blocks[b].begin() + at, blocks[b].begin() + at + kEdge); };
-  std::vector<FileBytes> edges[4] = {test::Mutations(edge(0, 0), 7001, 300), test::Mutations(edge(0, kBlock - kEdge), 7002, 300),
-                                     test::Mutations(edge(1, 0), 7003, 300), test::Mutations(edge(1, kBlock - kEdge), 7004, 300)};
+  std::vector<FileBytes> edges[4] = {test::Mutations(edge(0, 0), 7001, 100), test::Mutations(edge(0, kBlock - kEdge), 7002, 100),
+                                     test::Mutations(edge(1, 0), 7003, 100), test::Mutations(edge(1, kBlock - kEdge), 7004, 100)};
   int overruns = 0, badSignatures = 0;
   for (std::size_t i = 0; i < edges[0].size(); ++i) {
     FileBytes file;

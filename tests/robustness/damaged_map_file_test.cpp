@@ -264,7 +264,7 @@ TEST_F(DamagedMapFile, OtherSignatureLoadsWithoutTheVersionedTail) {
 // Random damage: every file loads with nothing logged, its name terminated in
 // its field, and the record it gives saves and loads back unchanged.
 TEST_F(DamagedMapFile, RandomDamageLoadsAndRoundTrips) {
-  for (const FileBytes& file : test::Mutations(kValid, 5150, 300)) {
+  for (const FileBytes& file : test::Mutations(kValid, 5150, 100)) {
     ScanFileMap& loaded = Load(file);
     ASSERT_NE(std::memchr(loaded.scanFileName, 0, sizeof loaded.scanFileName), nullptr);
     EXPECT_LE(loaded.scanLines.size(), file.size() / 24 + 1);

@@ -165,9 +165,9 @@ TEST_F(DamagedMapInput, ShotCountAtZeroOneMaximumAndPastTheShots) {
 // 0 with nothing logged, or -1 with the entries of a failed header or
 // histogram, or the header texts' out-of-range error.
 TEST_F(DamagedMapInput, RandomDamageEndsInADocumentedResult) {
-  const auto parameterFiles = test::Mutations(FileBytes(kParameters.begin(), kParameters.end()), 3030, 150);
+  const auto parameterFiles = test::Mutations(FileBytes(kParameters.begin(), kParameters.end()), 3030, 50);
   const FileBytes head(kScan.begin(), kScan.begin() + 1024 + 96);
-  const auto heads = test::Mutations(head, 3031, 150);
+  const auto heads = test::Mutations(head, 3031, 50);
   int built = 0, failed = 0;
   for (std::size_t i = 0; i < heads.size(); ++i) {
     const std::string parameters(parameterFiles[i].begin(), parameterFiles[i].end());

@@ -328,8 +328,8 @@ TEST_F(DamagedScanFile, SideTableCutAtEveryLineAndTokenBoundary) {
 // buffers cost nothing but time, and under the sanitizers a lot of it.
 TEST_F(DamagedScanFile, RandomDamageEndsInADocumentedResult) {
   const std::string table = writers::BuildSideTable({10, 12, 15}, {{5.0, 1, 2, 3}, {5.05, 4, 5, 6}});
-  const auto scans = test::Mutations(kValid, 20240601, 300);
-  const auto tables = test::Mutations(FileBytes(table.begin(), table.end()), 20240602, 300);
+  const auto scans = test::Mutations(kValid, 20240601, 100);
+  const auto tables = test::Mutations(FileBytes(table.begin(), table.end()), 20240602, 100);
   int streams = 0, failures = 0, errors = 0;
   for (std::size_t i = 0; i < scans.size(); ++i) {
     if (test::LargestScanHeaderText(scans[i]) > (1u << 24)) continue;

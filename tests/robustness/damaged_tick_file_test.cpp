@@ -172,7 +172,7 @@ TEST_F(DamagedTickFile, OtherMagicsFailLeavingTheFileOpen) {
 // left to the death test above.
 TEST_F(DamagedTickFile, RandomDamageEndsInADocumentedResult) {
   int created = 0, failed = 0, fatal = 0, outOfRange = 0;
-  for (const FileBytes& file : test::Mutations(kValid, 6101, 300)) {
+  for (const FileBytes& file : test::Mutations(kValid, 6101, 100)) {
     if (test::TickFileReachesOversizedSentence(file)) {
       ++fatal;
       continue;
