@@ -26,8 +26,9 @@
 #include "map_source.h"
 #include "point_export.h"
 #include "point_maker.h"
-#include "support/fifo_block_builder.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -47,16 +48,16 @@ double Wall() { return Clock(CLOCK_MONOTONIC); }
 
 void EnsureScan() {
   static const bool ready = [] {
-    kvr::test::HeaderBlockFields fields;
+    kvr::writers::HeaderBlockFields fields;
     fields.calibrationText = "rangeOffset = 0.5\n";
-    const std::vector<std::uint8_t> header = kvr::test::BuildScanFile(fields);
+    const std::vector<std::uint8_t> header = kvr::writers::BuildScanFile(fields);
     std::error_code ec;
     if (std::filesystem::file_size(kScanPath, ec) != header.size() + kBlocks * 65536) {
       const std::string partial = std::string(kScanPath) + ".part";
       std::FILE* out = std::fopen(partial.c_str(), "wb");
       if (out == nullptr) throw std::runtime_error("cannot write " + partial);
       std::fwrite(header.data(), 1, header.size(), out);
-      kvr::test::SyntheticScan scan(20240601, 200, 4);
+      kvr::writers::SyntheticScan scan(20240601, 200, 4);
       for (std::size_t b = 0; b < kBlocks; ++b) {
         const std::vector<std::uint8_t> block = scan.NextBlock().build();
         std::fwrite(block.data(), 1, block.size(), out);

@@ -29,8 +29,9 @@
 
 #include "kvr_decode/file_header.h"
 #include "kvr_decode/scan_file_map.h"
-#include "support/fifo_block_builder.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
+#include "kvr_writers/scan_file_writer.h"
 
 namespace {
 
@@ -76,11 +77,11 @@ class Scene {
     for (std::uint32_t k = 0; k < count; ++k) {
       const double intensity = std::clamp(reflectance - 250.0 * k + 60.0 * normal_(random), 0.0, 4095.0);
       const auto counts = static_cast<std::uint32_t>(std::max(range, 1.0) / kMetresPerCount);
-      returns.push_back(kvr::test::ReturnWord(t0 + counts, static_cast<std::uint32_t>(intensity)));
+      returns.push_back(kvr::writers::ReturnWord(t0 + counts, static_cast<std::uint32_t>(intensity)));
       range = std::min(range + 0.5 + 5.0 * uniform_(random), 300.0);
     }
     const std::uint32_t flags = random() % 4000 == 0 ? 1 : 0;
-    const std::uint64_t word = kvr::test::ShotWord(
+    const std::uint64_t word = kvr::writers::ShotWord(
         {line_ & 0xFFFFF, (shotInLine_ * 87) & 0x3FFFF, count, t0, flags, (line_ & 1) != 0 ? 2u : 0u});
     if (++shotInLine_ == kShotsPerLine) {
       shotInLine_ = 0;
@@ -101,11 +102,11 @@ void GenerateScan() {
       std::filesystem::file_size(kScanPath) == kDataOffset + kBlocks * kBlockSize) {
     return;
   }
-  kvr::test::HeaderBlockFields header;
+  kvr::writers::HeaderBlockFields header;
   header.dataOffset = kDataOffset;
   header.prf = 500;
   std::ofstream out(kScanPath, std::ios::binary | std::ios::trunc);
-  const std::vector<std::uint8_t> head = kvr::test::BuildScanFile(header);
+  const std::vector<std::uint8_t> head = kvr::writers::BuildScanFile(header);
   out.write(reinterpret_cast<const char*>(head.data()), static_cast<std::streamsize>(head.size()));
   std::mt19937_64 random(20240611);
   Scene scene;
@@ -114,7 +115,7 @@ void GenerateScan() {
   std::uint64_t pendingWord = scene.Shot(random, returns);
   std::vector<std::uint32_t> pendingReturns = returns;
   for (std::size_t b = 0; b < kBlocks; ++b) {
-    kvr::test::FifoBlockBuilder block;
+    kvr::writers::FifoBlockBuilder block;
     block.timeStamp(timeStamp).castBlockNumber(static_cast<std::uint32_t>(b & 0x7FF));
     while (block.fits(pendingReturns.size()) && block.shots().size() < 8191) {
       block.shot(pendingWord, pendingReturns);

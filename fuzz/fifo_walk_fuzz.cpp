@@ -14,7 +14,7 @@
 #include "fuzz_support.h"
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
-#include "support/byte_writer.h"
+#include "kvr_writers/byte_writer.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ constexpr std::uint64_t kTicksPerSecond = 50000000;
 // A tick file of `pairs` pulses one second apart, each followed 0.1 s later by a
 // PPS sentence naming its second.
 std::vector<std::uint8_t> TickFile(int pairs) {
-  kvr::test::ByteWriter out;
+  kvr::writers::ByteWriter out;
   out.text("#KVRSERL").u32(1).u32(0);
   for (int i = 0; i < pairs; ++i) {
     const std::uint64_t pulse = kFirstPulse + static_cast<std::uint64_t>(i) * kTicksPerSecond;

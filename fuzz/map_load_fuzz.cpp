@@ -9,7 +9,7 @@
 #include "fuzz_support.h"
 #include "kvr_decode/scan_file_map.h"
 #include "map_round_trip.h"
-#include "support/byte_writer.h"
+#include "kvr_writers/byte_writer.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ constexpr std::uint32_t kDataOffset = 512;
 // A "#KVRSCAN" file at 200 kHz with three blocks of 40 shots each; the scan
 // direction (bit 62) turns every 7 shots, and every shot has one return.
 std::vector<std::uint8_t> ScanFile() {
-  kvr::test::ByteWriter out;
+  kvr::writers::ByteWriter out;
   out.text("#KVRSCAN").u32(1).u32(kDataOffset).zeros(12 + 40 + 4 + 120 + 4);
   // Scan angles, angular speed, sweep angles, line rate; PRF; the 13 tail words.
   out.f32(30.0f).f32(130.0f).f32(12.0f).f32(30.0f).f32(130.0f).f32(100.0f).u32(200).zeros(52);

@@ -9,19 +9,21 @@
 #include <string>
 #include <vector>
 
-#include "support/byte_writer.h"
-#include "support/camera_file_builder.h"
-#include "support/device_file_builder.h"
-#include "support/fifo_block_builder.h"
-#include "support/map_file_builder.h"
-#include "support/optical_model_text.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/byte_writer.h"
+#include "kvr_writers/camera_file_writer.h"
+#include "kvr_writers/device_file_writer.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
+#include "kvr_writers/map_file_writer.h"
+#include "kvr_writers/header_texts.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir.h"
-#include "support/tick_file_builder.h"
+#include "kvr_writers/tick_file_writer.h"
 
 namespace {
 
 using namespace kvr::test;
+using namespace kvr::writers;
 using Bytes = std::vector<std::uint8_t>;
 
 std::filesystem::path root;

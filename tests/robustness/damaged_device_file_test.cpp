@@ -9,7 +9,7 @@
 
 #include "kvr_decode/device_data.h"
 #include "robustness/damage.h"
-#include "support/device_file_builder.h"
+#include "kvr_writers/device_file_writer.h"
 #include "support/left_open_streams.h"
 #include "support/stdout_capture.h"
 #include "support/temp_dir_test_base.h"
@@ -30,11 +30,11 @@ constexpr const char* kBadSignature = "Bad file signature";
 // type 1 reading (time at 44, type 52, size 56, payload 60-83) and a type 8
 // reading (time at 84, type 92, size 96, payload 100-103): 104 bytes.
 FileBytes ValidFile() {
-  test::DeviceFileBuilder b(93);
-  b.calibrationBlock(test::DeviceCalibrationText({{"alpha", "2"}, {"pga", "4"}}))
-      .calibrationBlock(test::DeviceCalibrationText({{"xsf", "1.5"}}))
-      .reading(test::DeviceReading1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
-      .reading(test::DeviceReading8{.time = 1000, .value = 7});
+  writers::DeviceFileBuilder b(93);
+  b.calibrationBlock(writers::DeviceCalibrationText({{"alpha", "2"}, {"pga", "4"}}))
+      .calibrationBlock(writers::DeviceCalibrationText({{"xsf", "1.5"}}))
+      .reading(writers::DeviceReading1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
+      .reading(writers::DeviceReading8{.time = 1000, .value = 7});
   return b.bytes();
 }
 const FileBytes kValid = ValidFile();
@@ -182,18 +182,18 @@ TEST_F(DamagedDeviceFile, OtherMagicsFailWithMinusTwoLeavingTheFileOpen) {
 // signature entry (its stream left open); every type 2 reading linked to a type
 // 7 reading or to none.
 TEST_F(DamagedDeviceFile, RandomDamageEndsInADocumentedResult) {
-  test::DeviceFileBuilder b(93);
-  b.calibrationBlock(test::DeviceCalibrationText({{"alpha", "2"}, {"pga", "4"}, {"vref", "2.5"}, {"beta", "0.5"}}))
-      .calibrationBlock(test::DeviceCalibrationText({{"xsf", "1.5"}}))
-      .reading(test::DeviceReading1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
-      .reading(test::DeviceReading2{.time = 100000000, .value = 1})
-      .reading(test::DeviceReading7{.time = 50000000})
-      .reading(test::DeviceReading7{.time = 400000000})
+  writers::DeviceFileBuilder b(93);
+  b.calibrationBlock(writers::DeviceCalibrationText({{"alpha", "2"}, {"pga", "4"}, {"vref", "2.5"}, {"beta", "0.5"}}))
+      .calibrationBlock(writers::DeviceCalibrationText({{"xsf", "1.5"}}))
+      .reading(writers::DeviceReading1{.time = 2000, .raw = {1, 2, 3, 4, 5, 6}})
+      .reading(writers::DeviceReading2{.time = 100000000, .value = 1})
+      .reading(writers::DeviceReading7{.time = 50000000})
+      .reading(writers::DeviceReading7{.time = 400000000})
       .record(5, 42, {1, 2, 3})
-      .reading(test::DeviceReading3{.time = 3})
-      .reading(test::DeviceReading8{.time = 1000, .value = 7});
+      .reading(writers::DeviceReading3{.time = 3})
+      .reading(writers::DeviceReading8{.time = 1000, .value = 7});
   int results[3] = {};
-  for (const FileBytes& file : test::Mutations(b.bytes(), 4242, 300)) {
+  for (const FileBytes& file : test::Mutations(b.bytes(), 4242, 100)) {
     test::LeftOpenStreams leftOpen;
     const int result = Read(file);
     ASSERT_TRUE(result == 0 || result == -1 || result == -2) << result;

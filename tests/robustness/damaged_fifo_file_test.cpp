@@ -8,7 +8,8 @@
 
 #include "kvr_decode/fifo_block.h"
 #include "robustness/damage.h"
-#include "support/fifo_block_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -23,22 +24,22 @@ constexpr const char* kBadSignature = "!!Error in DmaBlockHeader Signature!!";
 // Block 0 (time stamp 0x0102030405, cast number 7): shots of 0, 1 and 4 returns
 // at offsets 12, 20 and 32, ending at 56. Block 1: shots of 2 and 0 returns.
 FileBytes Block0(std::uint32_t thirdShotReturns = 4) {
-  test::FifoBlockBuilder b;
+  writers::FifoBlockBuilder b;
   b.timeStamp(0x0102030405).castBlockNumber(7);
-  b.shot(test::ShotWord({.pan = 1, .returnCount = 0}));
-  b.shot(test::ShotWord({.pan = 2, .returnCount = 1}), {test::ReturnWord(100, 1)});
-  b.shot(test::ShotWord({.pan = 3, .returnCount = thirdShotReturns}),
-         {test::ReturnWord(200, 2), test::ReturnWord(201, 3), test::ReturnWord(202, 4), test::ReturnWord(203, 5)});
+  b.shot(writers::ShotWord({.pan = 1, .returnCount = 0}));
+  b.shot(writers::ShotWord({.pan = 2, .returnCount = 1}), {writers::ReturnWord(100, 1)});
+  b.shot(writers::ShotWord({.pan = 3, .returnCount = thirdShotReturns}),
+         {writers::ReturnWord(200, 2), writers::ReturnWord(201, 3), writers::ReturnWord(202, 4), writers::ReturnWord(203, 5)});
   return b.build();
 }
 FileBytes Block1() {
-  test::FifoBlockBuilder b;
+  writers::FifoBlockBuilder b;
   b.timeStamp(0x0102030406).castBlockNumber(8);
-  b.shot(test::ShotWord({.pan = 4, .returnCount = 2}), {test::ReturnWord(300, 6), test::ReturnWord(301, 7)});
-  b.shot(test::ShotWord({.pan = 5}));
+  b.shot(writers::ShotWord({.pan = 4, .returnCount = 2}), {writers::ReturnWord(300, 6), writers::ReturnWord(301, 7)});
+  b.shot(writers::ShotWord({.pan = 5}));
   return b.build();
 }
-const FileBytes kValid = test::FifoFile({Block0(), Block1()});
+const FileBytes kValid = writers::FifoFile({Block0(), Block1()});
 
 class DamagedFifoFile : public test::InTempDir {
  protected:
@@ -124,7 +125,7 @@ TEST_F(DamagedFifoFile, ReturnCountTakesAtMostFourWordsOfTheRecord) {
   };
   header.prf = 50;
   for (const Case& c : {Case{0, 0}, Case{1, 1}, Case{4, 4}, Case{5, 4}, Case{7, 4}}) {
-    EXPECT_EQ(Walk(test::FifoFile({Block0(c.returns), Block1()})), (std::vector<int>{3, 2, -1}));
+    EXPECT_EQ(Walk(writers::FifoFile({Block0(c.returns), Block1()})), (std::vector<int>{3, 2, -1}));
     // The walk ended on block 1; decode block 0 again to see its third shot.
     FileBytes block0 = Block0(c.returns);
     EXPECT_EQ(DecodeFifoBlock(block0.data(), header, 0, block, -1.0), 3);
@@ -151,12 +152,12 @@ TEST_F(DamagedFifoFile, WrongSignatureSkipsTheBlockWithOneEntry) {
 // block cuts); every third file also ends inside its second block.
 TEST_F(DamagedFifoFile, RandomDamageEndsInADocumentedResult) {
   header.prf = 200;
-  test::SyntheticScan scan(99, 200, 7);
+  writers::SyntheticScan scan(99, 200, 7);
   const FileBytes blocks[2] = {scan.NextBlock().build(), scan.NextBlock().build()};
   constexpr std::size_t kEdge = 64;
   const auto edge = [&](int b, std::size_t at) { return FileBytes(blocks[b].begin() + at, blocks[b].begin() + at + kEdge); };
-  std::vector<FileBytes> edges[4] = {test::Mutations(edge(0, 0), 7001, 300), test::Mutations(edge(0, kBlock - kEdge), 7002, 300),
-                                     test::Mutations(edge(1, 0), 7003, 300), test::Mutations(edge(1, kBlock - kEdge), 7004, 300)};
+  std::vector<FileBytes> edges[4] = {test::Mutations(edge(0, 0), 7001, 100), test::Mutations(edge(0, kBlock - kEdge), 7002, 100),
+                                     test::Mutations(edge(1, 0), 7003, 100), test::Mutations(edge(1, kBlock - kEdge), 7004, 100)};
   int overruns = 0, badSignatures = 0;
   for (std::size_t i = 0; i < edges[0].size(); ++i) {
     FileBytes file;

@@ -10,9 +10,10 @@
 
 #include "kvr_decode/scan_file_map.h"
 #include "robustness/damage.h"
-#include "support/fifo_block_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
 #include "support/left_open_streams.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -27,19 +28,19 @@ constexpr const char* kHistogramFailed = "Memory allocation failed for Histogram
 // 20 shots of one return (400 counts, 0.78 m, behind T0), the scan direction
 // turning every 5 shots: a block starts a line at shots 5, 10 and 15 (and
 // block 1 a fourth at its first shot).
-test::FifoBlockBuilder LineBlock(std::uint64_t timeStamp) {
-  test::FifoBlockBuilder block;
+writers::FifoBlockBuilder LineBlock(std::uint64_t timeStamp) {
+  writers::FifoBlockBuilder block;
   block.timeStamp(timeStamp);
   for (std::uint32_t i = 0; i < 20; ++i) {
-    block.shot(test::ShotWord({.pan = i, .returnCount = 1, .t0 = 1000, .topBits = (i / 5) % 2 == 0 ? 2u : 0u}),
-               {test::ReturnWord(1400, 500 + i)});
+    block.shot(writers::ShotWord({.pan = i, .returnCount = 1, .t0 = 1000, .topBits = (i / 5) % 2 == 0 ? 2u : 0u}),
+               {writers::ReturnWord(1400, 500 + i)});
   }
   return block;
 }
 
 // The default header (blocks from 1024), two blocks and 100 bytes of a third.
-const FileBytes kScan = test::BuildScanFile(test::HeaderBlockFields{},
-                                            test::FifoFile({LineBlock(100).build(), LineBlock(200).build()}, 100));
+const FileBytes kScan = writers::BuildScanFile(writers::HeaderBlockFields{},
+                                            writers::FifoFile({LineBlock(100).build(), LineBlock(200).build()}, 100));
 const std::string kParameters = "a1 = 210\nnumberOfBins = 2048\ngamma\t0.7\n";
 
 class DamagedMapInput : public test::InTempDir {
@@ -164,9 +165,9 @@ TEST_F(DamagedMapInput, ShotCountAtZeroOneMaximumAndPastTheShots) {
 // 0 with nothing logged, or -1 with the entries of a failed header or
 // histogram, or the header texts' out-of-range error.
 TEST_F(DamagedMapInput, RandomDamageEndsInADocumentedResult) {
-  const auto parameterFiles = test::Mutations(FileBytes(kParameters.begin(), kParameters.end()), 3030, 150);
+  const auto parameterFiles = test::Mutations(FileBytes(kParameters.begin(), kParameters.end()), 3030, 50);
   const FileBytes head(kScan.begin(), kScan.begin() + 1024 + 96);
-  const auto heads = test::Mutations(head, 3031, 150);
+  const auto heads = test::Mutations(head, 3031, 50);
   int built = 0, failed = 0;
   for (std::size_t i = 0; i < heads.size(); ++i) {
     const std::string parameters(parameterFiles[i].begin(), parameterFiles[i].end());

@@ -12,7 +12,7 @@
 #include "robustness/damage.h"
 #include "support/left_open_streams.h"
 #include "support/read_model.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
@@ -30,8 +30,8 @@ constexpr double kLag200 = -0.000005;  // -1 / (200 x 1000)
 
 // "#KVRSCAN", layout 0, PRF 200, blocks from 400. The length words stand at 276,
 // 298, 324 and 338; the block ends at 346 and zeros pad it to 400.
-test::HeaderBlockFields ValidFields() {
-  test::HeaderBlockFields f;
+writers::HeaderBlockFields ValidFields() {
+  writers::HeaderBlockFields f;
   f.headerLayout = 0;
   f.dataOffset = 400;
   f.calibrationText = "rangeOffset = 2.5\n";       // 18 bytes
@@ -40,7 +40,7 @@ test::HeaderBlockFields ValidFields() {
   f.fourthText = "four";
   return f;
 }
-const FileBytes kValid = test::BuildScanFile(ValidFields());
+const FileBytes kValid = writers::BuildScanFile(ValidFields());
 const Values kAllValues{{"rangeOffset", 2.5}, {"scanAngleLag", kLag200}};
 const Tables kAllTables{{200, {{2.0, 4.0}}}};
 
@@ -327,9 +327,9 @@ TEST_F(DamagedScanFile, SideTableCutAtEveryLineAndTokenBoundary) {
 // makes a text claim more than 16 MiB is left to the length cases above: such
 // buffers cost nothing but time, and under the sanitizers a lot of it.
 TEST_F(DamagedScanFile, RandomDamageEndsInADocumentedResult) {
-  const std::string table = test::BuildSideTable({10, 12, 15}, {{5.0, 1, 2, 3}, {5.05, 4, 5, 6}});
-  const auto scans = test::Mutations(kValid, 20240601, 300);
-  const auto tables = test::Mutations(FileBytes(table.begin(), table.end()), 20240602, 300);
+  const std::string table = writers::BuildSideTable({10, 12, 15}, {{5.0, 1, 2, 3}, {5.05, 4, 5, 6}});
+  const auto scans = test::Mutations(kValid, 20240601, 100);
+  const auto tables = test::Mutations(FileBytes(table.begin(), table.end()), 20240602, 100);
   int streams = 0, failures = 0, errors = 0;
   for (std::size_t i = 0; i < scans.size(); ++i) {
     if (test::LargestScanHeaderText(scans[i]) > (1u << 24)) continue;

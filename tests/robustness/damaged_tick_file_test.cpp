@@ -12,7 +12,7 @@
 #include "support/left_open_streams.h"
 #include "support/read_model.h"
 #include "support/temp_dir_test_base.h"
-#include "support/tick_file_builder.h"
+#include "kvr_writers/tick_file_writer.h"
 
 namespace kvr {
 namespace {
@@ -31,10 +31,10 @@ constexpr double kTime2 = 225008.0;
 // 38-byte text at 52); pulse 2 at 90; sentence 2 at 102 (length at 122, text at
 // 126); 164 bytes in all.
 FileBytes ValidFile() {
-  const test::UtcTime time = test::Utc(2020, 1, 28, 14, 30, 7);
-  test::TickFileBuilder b;
-  b.pulse(kPulse1).sentence(kSentence1, test::ZdaSentence(time));
-  b.pulse(kPulse2).sentence(kSentence2, test::ZdaSentence(time + std::chrono::seconds(1)));
+  const writers::UtcTime time = writers::Utc(2020, 1, 28, 14, 30, 7);
+  writers::TickFileBuilder b;
+  b.pulse(kPulse1).sentence(kSentence1, writers::ZdaSentence(time));
+  b.pulse(kPulse2).sentence(kSentence2, writers::ZdaSentence(time + std::chrono::seconds(1)));
   return b.bytes();
 }
 const FileBytes kValid = ValidFile();
@@ -172,7 +172,7 @@ TEST_F(DamagedTickFile, OtherMagicsFailLeavingTheFileOpen) {
 // left to the death test above.
 TEST_F(DamagedTickFile, RandomDamageEndsInADocumentedResult) {
   int created = 0, failed = 0, fatal = 0, outOfRange = 0;
-  for (const FileBytes& file : test::Mutations(kValid, 6101, 300)) {
+  for (const FileBytes& file : test::Mutations(kValid, 6101, 100)) {
     if (test::TickFileReachesOversizedSentence(file)) {
       ++fatal;
       continue;

@@ -15,10 +15,10 @@ namespace kvr {
 namespace {
 
 using test::ExpectedValue;
-using test::FifoBlockBuilder;
+using writers::FifoBlockBuilder;
 using test::MapShot;
 using test::OwnedMap;
-using test::ReturnWord;
+using writers::ReturnWord;
 
 constexpr std::uint32_t kT0 = 1000;
 // One return 5000 counts (9.756 m) behind T0 with raw intensity 500.
@@ -37,7 +37,7 @@ class ScanMapBuild : public test::InTempDir {
   }
 
   std::wstring Scan(const std::vector<FifoBlockBuilder>& blocks, std::size_t tail = 0,
-                    test::HeaderBlockFields header = {}) {
+                    writers::HeaderBlockFields header = {}) {
     return test::WriteScan(path("scan.raw"), header, blocks, tail);
   }
 };
@@ -146,7 +146,7 @@ TEST_P(ScanMapEncoder, DerivesTheDirection) {
   for (std::size_t i = 0; i < t.encoder.size(); ++i) {
     block.shot(MapShot(static_cast<std::uint32_t>(i % 2), 1, kT0, 0, 0, t.encoder[i]), kOneReturn);
   }
-  test::HeaderBlockFields header;
+  writers::HeaderBlockFields header;
   header.signature = "MX700DAT";
   OwnedMap owned;
   ScanFileMap& m = owned.map;
@@ -254,7 +254,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(ScanMapBuild, RangeOffsetMovesTheLimitsButNotTheModel) {
-  test::HeaderBlockFields header;
+  writers::HeaderBlockFields header;
   header.calibrationText = "rangeOffset = 1.5\n";
   FifoBlockBuilder block;
   // 20 counts (3.9 cm) is in range once 1.5 m are added; 1045500 counts (2039.98 m) is not.

@@ -37,6 +37,9 @@ TEST_P(ReturnClassification, FollowsTheSampleRule) {
   EXPECT_EQ(RangeWindow(t.rangeOffset).Classify(t.stop, t.start), t.kind);
 }
 
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
 // One count is 0.0019512028931376346 m: 52 counts are 0.1014 m, 51 are 0.0995 m,
 // 1045500 are 2039.98 m, 1048575 are 2045.98 m.
 INSTANTIATE_TEST_SUITE_P(
@@ -49,7 +52,13 @@ INSTANTIATE_TEST_SUITE_P(
                       ReturnCase{"OffsetPushesAboveTheLimit", 551, 500, 0.01, SampleKind::kInRange},
                       ReturnCase{"FarEndOfTheField", 1045500, 0, 0.0, SampleKind::kInRange},
                       ReturnCase{"OffsetPushesBeyondTheFarLimit", 1045500, 0, 0.1, SampleKind::kOutOfRange},
-                      ReturnCase{"BeyondTheFarLimit", 1048575, 0, 0.0, SampleKind::kOutOfRange}),
+                      ReturnCase{"BeyondTheFarLimit", 1048575, 0, 0.0, SampleKind::kOutOfRange},
+                      ReturnCase{"OffsetBeyondTheFarLimit", 600, 500, 3000.0, SampleKind::kOutOfRange},
+                      ReturnCase{"OffsetBelowTheNearLimit", 600, 500, -3000.0, SampleKind::kOutOfRange},
+                      ReturnCase{"InfiniteOffset", 600, 500, kInf, SampleKind::kOutOfRange},
+                      // A NaN offset fails both limit tests, so every return stays in range.
+                      ReturnCase{"NanOffset", 501, 500, kNan, SampleKind::kInRange},
+                      ReturnCase{"NanOffsetInvalidReturn", 500, 500, kNan, SampleKind::kInvalid}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ReturnClassification, LimitsAreExclusiveBelowInclusiveAbove) {
@@ -61,15 +70,6 @@ TEST(ReturnClassification, LimitsAreExclusiveBelowInclusiveAbove) {
   ASSERT_EQ(r + onLower, 0.1);
   EXPECT_EQ(RangeWindow(onUpper).Classify(600, 500), SampleKind::kInRange);
   EXPECT_EQ(RangeWindow(onLower).Classify(600, 500), SampleKind::kOutOfRange);
-}
-
-TEST(ReturnClassification, OffsetsBeyondTheLimitsLeaveNoSample) {
-  EXPECT_EQ(RangeWindow(3000.0).Classify(600, 500), SampleKind::kOutOfRange);
-  EXPECT_EQ(RangeWindow(-3000.0).Classify(600, 500), SampleKind::kOutOfRange);
-  EXPECT_EQ(RangeWindow(std::numeric_limits<double>::infinity()).Classify(600, 500), SampleKind::kOutOfRange);
-  // A NaN offset fails both limit tests, so every return stays in range.
-  EXPECT_EQ(RangeWindow(std::nan("")).Classify(501, 500), SampleKind::kInRange);
-  EXPECT_EQ(RangeWindow(std::nan("")).Classify(500, 500), SampleKind::kInvalid);
 }
 
 }  // namespace

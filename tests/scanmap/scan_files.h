@@ -8,9 +8,10 @@
 #include <vector>
 
 #include "kvr_decode/scan_file_map.h"
-#include "support/byte_writer.h"
-#include "support/fifo_block_builder.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/byte_writer.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir.h"
 
 // Scan files for the map tests: a header from the header builder, blocks from
@@ -26,17 +27,17 @@ struct OwnedMap {
 // A shot word with the fields the map reads; bit 62 carries the direction.
 inline std::uint64_t MapShot(std::uint32_t direction, std::uint32_t returnCount, std::uint32_t t0,
                              std::uint32_t flags = 0, std::uint32_t pan = 0, std::uint32_t scan = 0) {
-  return ShotWord({pan, scan, returnCount, t0, flags, direction != 0 ? 2u : 0u});
+  return writers::ShotWord({pan, scan, returnCount, t0, flags, direction != 0 ? 2u : 0u});
 }
 
 // Writes the scan file and returns its wide name. `tail` bytes of a last,
 // partial block follow the whole blocks.
-inline std::wstring WriteScan(const std::filesystem::path& path, const HeaderBlockFields& header,
-                              const std::vector<FifoBlockBuilder>& blocks, std::size_t tail = 0) {
-  ByteWriter data;
-  for (const FifoBlockBuilder& block : blocks) data.append(block.build());
+inline std::wstring WriteScan(const std::filesystem::path& path, const writers::HeaderBlockFields& header,
+                              const std::vector<writers::FifoBlockBuilder>& blocks, std::size_t tail = 0) {
+  writers::ByteWriter data;
+  for (const writers::FifoBlockBuilder& block : blocks) data.append(block.build());
   data.zeros(tail);
-  WriteFile(path, BuildScanFile(header, data.bytes()));
+  WriteFile(path, writers::BuildScanFile(header, data.bytes()));
   return WideName(path);
 }
 

@@ -10,16 +10,16 @@
 #include "scanmap/scan_files.h"
 #include "kvr_decode/nmea_ticks_manager.h"
 #include "support/stdout_capture.h"
-#include "support/tick_file_builder.h"
+#include "kvr_writers/tick_file_writer.h"
 #include "support/temp_dir_test_base.h"
 
 namespace kvr {
 namespace {
 
-using test::FifoBlockBuilder;
+using writers::FifoBlockBuilder;
 using test::MapShot;
 using test::OwnedMap;
-using test::ReturnWord;
+using writers::ReturnWord;
 
 constexpr std::uint32_t kT0 = 1000;
 constexpr std::uint64_t kTicksPerShot = 250;  // 200 kHz
@@ -113,7 +113,7 @@ TEST_F(ScanLineAccess, EntryBeyondItsBlocksShotsYieldsNothing) {
 TEST_F(ScanLineAccess, BadBlockSignatureIsLoggedAndYieldsNothing) {
   ScanFileMap& m = owned_.map;
   test::WriteFile(path("bad.raw"),
-                  test::BuildScanFile({}, FifoBlockBuilder().signature(0x55555555).shot(MapShot(0, 0, kT0)).build()));
+                  writers::BuildScanFile({}, FifoBlockBuilder().signature(0x55555555).shot(MapShot(0, 0, kT0)).build()));
   OpenFile bad;
   bad.stream = std::fopen(path("bad.raw").c_str(), "rb");
   std::vector<RawShot> shots(2);
@@ -126,7 +126,7 @@ TEST_F(ScanLineAccess, BadBlockSignatureIsLoggedAndYieldsNothing) {
 }
 
 TEST_F(ScanLineAccess, TicksManagerTimesTheShots) {
-  test::TickFileBuilder().writeTo(path("Serial.dat"));  // no pulse: no time is known
+  writers::TickFileBuilder().writeTo(path("Serial.dat"));  // no pulse: no time is known
   NmeaTicksManager* ticks = CreateNmeaTicksManager(test::WideName(path("Serial.dat")).c_str(), 0);
   ASSERT_NE(ticks, nullptr);
   std::vector<RawShot> shots;
@@ -197,46 +197,30 @@ class ScanParameters : public MappedScan {
     Map({block});
     ASSERT_EQ(owned_.map.numberOfScanLines, lines + 1);
   }
-
-  static double Time(int shot) {
-    return static_cast<double>(kStamp + kTicksPerShot * static_cast<std::uint64_t>(shot)) * 20.0 * 1e-09;
-  }
-  static double Degrees(std::uint32_t pan) { return pan * 0.0005625; }
 };
 
 // N = 8: A is line 2 (first shot 23), B is line 6 whose fetch ends with the
-// first shot of line 7 (73); P is line 1 (first shot 13), Q again line 6.
+// first shot of line 7 (73); P is line 1 (first shot 13), Q again line 6. A to B
+// is 50 shots, 0.25 ms; P to Q 60 shots, 0.3 ms.
 TEST_F(ScanParameters, MeasuredFromFourLines) {
-  auto pan = [](int i) { return static_cast<std::uint32_t>(1000 + 10 * i); };
-  Build(7, pan);
+  Build(7, [](int i) { return static_cast<std::uint32_t>(1000 + 10 * i); });
   ASSERT_EQ(UpdateScanParameters(file_.stream, owned_.map), 0);
   const RawFileHeader& h = owned_.map.fileHeader;
-  const double dt = Time(73) - Time(23);
-  EXPECT_EQ(h.lineRate, static_cast<float>((6 - 2 + 1) / (2 * dt)));
-  const double a0 = Degrees(pan(23)) * 0.017453292519943295;
-  const double a1 = Degrees(pan(73)) * 0.017453292519943295;
-  const double speed = (a1 - a0) * 57.29577951308232 / dt;
-  EXPECT_EQ(h.angularSpeed, static_cast<float>(speed));
-  const float start = static_cast<float>(Degrees(pan(13)));
-  EXPECT_EQ(h.scanStartAngle, start);
-  const double dt2 = Time(73) - Time(13);
-  EXPECT_EQ(h.scanEndAngle, static_cast<float>((dt2 - 1.0) * speed + static_cast<double>(start)));
+  EXPECT_FLOAT_EQ(h.lineRate, 10000.0f);        // 5 lines / (2 x 0.25 ms)
+  EXPECT_FLOAT_EQ(h.angularSpeed, 1125.0f);     // 500 counts, 0.28125 degrees, in 0.25 ms
+  EXPECT_FLOAT_EQ(h.scanStartAngle, 0.635625f);  // count 1130
+  // The end angle counts from a second before P: (0.3 ms - 1 s) x 1125 + 0.635625.
+  EXPECT_FLOAT_EQ(h.scanEndAngle, -1124.026875f);
   // Untouched by the measurement.
   EXPECT_EQ(h.sweepStartAngle, 30.0f);
 }
 
-// The pan count falls between A and B: the turn is unwrapped through 2 pi.
+// The pan count falls between A (639230, 359.566875 degrees) and B (730,
+// 0.410625 degrees): the turn is unwrapped through 360 degrees, 0.84375 in 0.25 ms.
 TEST_F(ScanParameters, PanWrapIsUnwrapped) {
-  auto pan = [](int i) { return static_cast<std::uint32_t>(i < 50 ? 639000 + 10 * i : 10 * i); };
-  Build(7, pan);
+  Build(7, [](int i) { return static_cast<std::uint32_t>(i < 50 ? 639000 + 10 * i : 10 * i); });
   ASSERT_EQ(UpdateScanParameters(file_.stream, owned_.map), 0);
-  const double twoPi = 6.283185307179586;
-  const double a0 = Degrees(pan(23)) * 0.017453292519943295;
-  double a1 = Degrees(pan(73)) * 0.017453292519943295;
-  ASSERT_GT(a0, a1);
-  a1 += twoPi - a0;
-  const double speed = a1 * 57.29577951308232 / (Time(73) - Time(23));
-  EXPECT_EQ(owned_.map.fileHeader.angularSpeed, static_cast<float>(speed));
+  EXPECT_FLOAT_EQ(owned_.map.fileHeader.angularSpeed, 3375.0f);
 }
 
 TEST_F(ScanParameters, UnreadableLinesLeaveTheHeader) {

@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "support/fifo_block_builder.h"
-#include "support/scan_file_builder.h"
+#include "kvr_writers/fifo_block_writer.h"
+#include "kvr_writers/synthetic_blocks.h"
+#include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir_test_base.h"
 #include "tools/json_value.h"
 #include "tools/kvrscan_runner.h"
@@ -39,8 +40,8 @@ class KvrscanTest : public InTempDir {
 
 // A scan with the default header (#KVRSCAN, 200 kHz, blocks from 1024) and
 // "rangeOffset = 0.5" as its calibration text, unless the fields say otherwise.
-inline HeaderBlockFields RoomHeader() {
-  HeaderBlockFields fields;
+inline writers::HeaderBlockFields RoomHeader() {
+  writers::HeaderBlockFields fields;
   fields.calibrationText = "rangeOffset = 0.5\n";
   return fields;
 }

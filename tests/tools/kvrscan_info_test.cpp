@@ -3,6 +3,8 @@
 #include "tools/kvrscan_fixture.h"
 
 namespace kvr::test {
+
+using namespace writers;
 namespace {
 
 // One block of three shots, the block stamped at 1,000,000 ticks (0.02 s):

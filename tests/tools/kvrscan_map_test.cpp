@@ -2,10 +2,12 @@
 
 #include <png.h>
 
-#include "support/tick_file_builder.h"
+#include "kvr_writers/tick_file_writer.h"
 #include "tools/kvrscan_fixture.h"
 
 namespace kvr::test {
+
+using namespace writers;
 namespace {
 
 // One block, stamped at 1,025,000,000 ticks, of ten shots one return each,

@@ -1,12 +1,14 @@
 #include <filesystem>
 
-#include "support/byte_writer.h"
-#include "support/camera_file_builder.h"
-#include "support/device_file_builder.h"
-#include "support/tick_file_builder.h"
+#include "kvr_writers/byte_writer.h"
+#include "kvr_writers/camera_file_writer.h"
+#include "kvr_writers/device_file_writer.h"
+#include "kvr_writers/tick_file_writer.h"
 #include "tools/kvrscan_fixture.h"
 
 namespace kvr::test {
+
+using namespace writers;
 namespace {
 
 // Three pulses a second apart from 1e9 ticks, each followed by the ZDA sentence
