@@ -54,10 +54,6 @@ struct DoublePair {
     _mm_storeu_ps(reinterpret_cast<float*>(rows), _mm_movelh_ps(xy, zw));
     _mm_storeu_ps(reinterpret_cast<float*>(rows + 16), _mm_movehl_ps(zw, xy));
   }
-  // Both lanes rounded to float, as static_cast<float> rounds.
-  void storeFloats(float* p) const {
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_castps_si128(_mm_cvtpd_ps(v)));
-  }
 };
 #else
 struct DoublePair {
@@ -88,7 +84,6 @@ struct DoublePair {
     std::memcpy(rows + 16, second, 12);
     std::memcpy(rows + 28, &words[1], 4);
   }
-  void storeFloats(float* p) const { p[0] = static_cast<float>(a), p[1] = static_cast<float>(b); }
 };
 #endif
 

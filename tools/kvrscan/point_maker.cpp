@@ -66,8 +66,7 @@ std::size_t PointMaker::make(std::span<const RawShot> shots, const std::int32_t*
   if (four_) computeFour(points);
   else compute(points);
   shade(points);
-  if (wide_) assembleWide(points, out);
-  else assemble(points, out);
+  assemble(points, out);
   return points;
 }
 
@@ -238,25 +237,6 @@ void PointMaker::assemble(std::size_t points, PointRecord* out) const {
     std::memcpy(at + 16, &c.tails[c.shots[p]][0], 12);
     std::memcpy(at + 28, &c.colours[p], 4);
   }
-}
-
-// Two 16-byte stores a record: the head, then the shot's tail with the colour
-// in its last four bytes. The second writes the next record's first byte,
-// which that record's first store then writes again.
-void PointMaker::assembleWide(std::size_t points, PointRecord* out) const {
-#if KVRSCAN_PAIR_SSE2
-  const Columns& c = *columns_;
-  auto* at = reinterpret_cast<unsigned char*>(out);
-  for (std::size_t p = 0; p < points; ++p, at += sizeof(PointRecord)) {
-    const __m128i head = _mm_load_si128(reinterpret_cast<const __m128i*>(c.heads[p]));
-    const __m128i tail = _mm_load_si128(reinterpret_cast<const __m128i*>(c.tails[c.shots[p]]));
-    const __m128i colour = _mm_slli_si128(_mm_cvtsi32_si128(static_cast<int>(c.colours[p])), 12);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(at), head);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 16), _mm_or_si128(tail, colour));
-  }
-#else
-  assemble(points, out);
-#endif
 }
 
 }  // namespace kvrscan

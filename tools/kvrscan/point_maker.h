@@ -58,7 +58,6 @@ class PointMaker {
   void computeFour(std::size_t points);
   void shade(std::size_t points);
   void assemble(std::size_t points, PointRecord* out) const;
-  void assembleWide(std::size_t points, PointRecord* out) const;
 
   PointGeometry geometry_;
   IntensityNormalizer normalize_;
