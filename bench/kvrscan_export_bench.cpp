@@ -167,7 +167,7 @@ void MakePoints(benchmark::State& state) {
     DecodeNextFifoBlock(scan.stream(), scan.header(), static_cast<int>(b), blocks[b], nullptr);
   }
   kvrscan::PointMaker maker(ScanSignature(scan.header()), 0.5, map.intensityModel(), *kvrscan::FindPalette("grey"));
-  std::vector<kvrscan::PointRecord> out(kvrscan::PointMaker::kRunPoints + 1);
+  std::vector<kvrscan::PointRecord> out(kvrscan::PointMaker::kRunPoints + kvrscan::PointMaker::kSpareRecords);
   std::vector<std::int32_t> lines(kvrscan::PointMaker::kRunShots, 7);
   std::uint64_t points = 0;
   for (auto _ : state) {

@@ -46,13 +46,14 @@ struct DoublePair {
 
   void store(double* p) const { _mm_storeu_pd(p, v); }
   // Two 16-byte rows (x, y, z rounded to float as static_cast<float> rounds,
-  // then the word from `words`), one for each lane.
-  static void storeRows(DoublePair x, DoublePair y, DoublePair z, const std::uint32_t* words, unsigned char* rows) {
+  // then the word from `words`), one for each lane, at `first` and `second`.
+  static void storeRows(DoublePair x, DoublePair y, DoublePair z, const std::uint32_t* words, unsigned char* first,
+                        unsigned char* second) {
     const __m128 xy = _mm_unpacklo_ps(_mm_cvtpd_ps(x.v), _mm_cvtpd_ps(y.v));  // x0 y0 x1 y1
     const __m128 zw = _mm_unpacklo_ps(
         _mm_cvtpd_ps(z.v), _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(words))));
-    _mm_storeu_ps(reinterpret_cast<float*>(rows), _mm_movelh_ps(xy, zw));
-    _mm_storeu_ps(reinterpret_cast<float*>(rows + 16), _mm_movehl_ps(zw, xy));
+    _mm_storeu_ps(reinterpret_cast<float*>(first), _mm_movelh_ps(xy, zw));
+    _mm_storeu_ps(reinterpret_cast<float*>(second), _mm_movehl_ps(zw, xy));
   }
 };
 #else
@@ -76,13 +77,14 @@ struct DoublePair {
   DoublePair whereAboveZero(DoublePair test) const { return {test.a > 0.0 ? a : 0.0, test.b > 0.0 ? b : 0.0}; }
 
   void store(double* p) const { p[0] = a, p[1] = b; }
-  static void storeRows(DoublePair x, DoublePair y, DoublePair z, const std::uint32_t* words, unsigned char* rows) {
-    const float first[3] = {static_cast<float>(x.a), static_cast<float>(y.a), static_cast<float>(z.a)};
-    const float second[3] = {static_cast<float>(x.b), static_cast<float>(y.b), static_cast<float>(z.b)};
-    std::memcpy(rows, first, 12);
-    std::memcpy(rows + 12, &words[0], 4);
-    std::memcpy(rows + 16, second, 12);
-    std::memcpy(rows + 28, &words[1], 4);
+  static void storeRows(DoublePair x, DoublePair y, DoublePair z, const std::uint32_t* words, unsigned char* first,
+                        unsigned char* second) {
+    const float a[3] = {static_cast<float>(x.a), static_cast<float>(y.a), static_cast<float>(z.a)};
+    const float b[3] = {static_cast<float>(x.b), static_cast<float>(y.b), static_cast<float>(z.b)};
+    std::memcpy(first, a, 12);
+    std::memcpy(first + 12, &words[0], 4);
+    std::memcpy(second, b, 12);
+    std::memcpy(second + 12, &words[1], 4);
   }
 };
 #endif

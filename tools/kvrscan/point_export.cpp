@@ -27,8 +27,8 @@ std::size_t MakeBlock(PointMaker& maker, const LineIndexer& indexer, std::uint32
   const std::span<const RawShot> shots(block.shots);
   lines.resize(shots.size());
   indexer.linesOf(blockNumber, lines);
-  // Grown to the fullest blocks seen, then reused; the maker may write one record past its points.
-  const std::size_t room = count + shots.size() * ReturnWords::kCapacity + 1;
+  // Grown to the fullest blocks seen, then reused; the maker may write a few records past its points.
+  const std::size_t room = count + shots.size() * ReturnWords::kCapacity + PointMaker::kSpareRecords;
   if (points.size() < room) points.resize(room);
   for (std::size_t first = 0; first < shots.size(); first += PointMaker::kRunShots) {
     const std::size_t run = std::min(PointMaker::kRunShots, shots.size() - first);

@@ -35,10 +35,7 @@ struct PointMaker::Columns {
   alignas(16) std::int32_t counts[kColumnRoom];
   alignas(16) std::uint32_t tags[kColumnRoom];
   alignas(16) std::uint16_t shots[kColumnRoom];
-  // Made from them: the record's first sixteen bytes (x, y, z, the fourth word).
-  alignas(16) unsigned char heads[kColumnRoom][16];
   alignas(32) double normalized[kColumnRoom];
-  alignas(16) std::uint32_t colours[kColumnRoom];  // red | green << 8 | blue << 16
   // Per shot: its direction, and the record's bytes 16-27 (line, time) with four zero bytes.
   PointGeometry::Direction directions[kRunShots];
   alignas(16) unsigned char tails[kRunShots][16];
@@ -63,10 +60,10 @@ PointMaker::~PointMaker() = default;
 
 std::size_t PointMaker::make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out) {
   const std::size_t points = layOut(shots.first(std::min(shots.size(), kRunShots)), lines);
-  if (four_) computeFour(points);
-  else compute(points);
-  shade(points);
-  assemble(points, out);
+  auto* records = reinterpret_cast<unsigned char*>(out);
+  if (four_) computeFour(points, records);
+  else compute(points, records);
+  shade(points, records);
   return points;
 }
 
@@ -149,7 +146,10 @@ inline std::size_t PointMaker::layOutReturnsWide(const RawShot& shot, std::size_
 #endif
 }
 
-void PointMaker::compute(std::size_t points) {
+// Records are written in place, all but their colour: a record's tail (line,
+// time and four zero bytes) reaches one byte into the next record, so a group's
+// tails go first and its heads (x, y, z, the fourth word) after them.
+void PointMaker::compute(std::size_t points, unsigned char* records) {
   Columns& c = *columns_;
   // The library's range, constants and products in its order.
   const DoublePair k1 = DoublePair::all(13.020833333333334), k2 = DoublePair::all(1e-12), k3 = DoublePair::all(0.5),
@@ -166,7 +166,10 @@ void PointMaker::compute(std::size_t points) {
     DoublePair::transpose(DoublePair::load(&first.cosScan), DoublePair::load(&second.cosScan), cosScan, sinScan);
     DoublePair::transpose(DoublePair::load(&first.cosPan), DoublePair::load(&second.cosPan), cosPan, sinPan);
     const DoublePair horizontal = r * cosScan;
-    DoublePair::storeRows(horizontal * cosPan, horizontal * sinPan, r * sinScan, &c.tags[p], c.heads[p]);
+    unsigned char* at = records + p * sizeof(PointRecord);
+    std::memcpy(at + 16, c.tails[c.shots[p]], 16);
+    std::memcpy(at + sizeof(PointRecord) + 16, c.tails[c.shots[p + 1]], 16);
+    DoublePair::storeRows(horizontal * cosPan, horizontal * sinPan, r * sinScan, &c.tags[p], at, at + sizeof(PointRecord));
     const DoublePair base = DoublePair::of(normalize_.base(c.tags[p]), normalize_.base(c.tags[p + 1]));
     const DoublePair q = range / a5 - a5 / range;
     ((q * q + a4) * a3 * base).whereAboveZero(range).store(&c.normalized[p]);
@@ -174,7 +177,7 @@ void PointMaker::compute(std::size_t points) {
 }
 
 #if KVRSCAN_AVX
-__attribute__((target("avx"))) void PointMaker::computeFour(std::size_t points) {
+__attribute__((target("avx"))) void PointMaker::computeFour(std::size_t points, unsigned char* records) {
   Columns& c = *columns_;
   const __m256d k1 = _mm256_set1_pd(13.020833333333334), k2 = _mm256_set1_pd(1e-12), k3 = _mm256_set1_pd(0.5),
                 k4 = _mm256_set1_pd(299704764.3859407);
@@ -199,10 +202,15 @@ __attribute__((target("avx"))) void PointMaker::computeFour(std::size_t points) 
     const __m128 tags = _mm_load_ps(reinterpret_cast<const float*>(&c.tags[p]));
     const __m128 xy01 = _mm_unpacklo_ps(x, y), xy23 = _mm_unpackhi_ps(x, y);
     const __m128 zt01 = _mm_unpacklo_ps(z, tags), zt23 = _mm_unpackhi_ps(z, tags);
-    _mm_store_ps(reinterpret_cast<float*>(c.heads[p]), _mm_movelh_ps(xy01, zt01));
-    _mm_store_ps(reinterpret_cast<float*>(c.heads[p + 1]), _mm_movehl_ps(zt01, xy01));
-    _mm_store_ps(reinterpret_cast<float*>(c.heads[p + 2]), _mm_movelh_ps(xy23, zt23));
-    _mm_store_ps(reinterpret_cast<float*>(c.heads[p + 3]), _mm_movehl_ps(zt23, xy23));
+    unsigned char* at = records + p * sizeof(PointRecord);
+    for (std::size_t i = 0; i < 4; ++i) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(at + i * sizeof(PointRecord) + 16),
+                       _mm_load_si128(reinterpret_cast<const __m128i*>(c.tails[c.shots[p + i]])));
+    }
+    _mm_storeu_ps(reinterpret_cast<float*>(at), _mm_movelh_ps(xy01, zt01));
+    _mm_storeu_ps(reinterpret_cast<float*>(at + sizeof(PointRecord)), _mm_movehl_ps(zt01, xy01));
+    _mm_storeu_ps(reinterpret_cast<float*>(at + 2 * sizeof(PointRecord)), _mm_movelh_ps(xy23, zt23));
+    _mm_storeu_ps(reinterpret_cast<float*>(at + 3 * sizeof(PointRecord)), _mm_movehl_ps(zt23, xy23));
     const __m256d base = _mm256_set_pd(normalize_.base(c.tags[p + 3]), normalize_.base(c.tags[p + 2]),
                                        normalize_.base(c.tags[p + 1]), normalize_.base(c.tags[p]));
     const __m256d q = _mm256_sub_pd(_mm256_div_pd(range, a5), _mm256_div_pd(a5, range));
@@ -212,30 +220,23 @@ __attribute__((target("avx"))) void PointMaker::computeFour(std::size_t points) 
   }
 }
 #else
-void PointMaker::computeFour(std::size_t points) { compute(points); }
+void PointMaker::computeFour(std::size_t points, unsigned char* records) { compute(points, records); }
 #endif
 
-void PointMaker::shade(std::size_t points) {
-  Columns& c = *columns_;
+// The colour's three bytes only: the fourth would land on the next record.
+void PointMaker::shade(std::size_t points, unsigned char* records) const {
+  const Columns& c = *columns_;
   const std::uint32_t* colours = colours_.data();
+  const auto paint = [records](std::size_t p, std::uint32_t colour) {
+    unsigned char* at = records + p * sizeof(PointRecord) + 28;
+    std::memcpy(at, &colour, 2);
+    at[2] = static_cast<unsigned char>(colour >> 16);
+  };
   if (scale_.hasTable()) {
     const DisplayScale::Levels levels = scale_.levels();
-    for (std::size_t p = 0; p < points; ++p) c.colours[p] = colours[levels(c.normalized[p])];
+    for (std::size_t p = 0; p < points; ++p) paint(p, colours[levels(c.normalized[p])]);
   } else {
-    for (std::size_t p = 0; p < points; ++p) c.colours[p] = colours[scale_.level(c.normalized[p])];
-  }
-}
-
-// A record is its head (x, y, z, the fourth word), its shot's tail (line,
-// time) and its colour. The colour's fourth byte is the next record's first,
-// written again by it.
-void PointMaker::assemble(std::size_t points, PointRecord* out) const {
-  const Columns& c = *columns_;
-  auto* at = reinterpret_cast<unsigned char*>(out);
-  for (std::size_t p = 0; p < points; ++p, at += sizeof(PointRecord)) {
-    std::memcpy(at, c.heads[p], 16);
-    std::memcpy(at + 16, &c.tails[c.shots[p]][0], 12);
-    std::memcpy(at + 28, &c.colours[p], 4);
+    for (std::size_t p = 0; p < points; ++p) paint(p, colours[scale_.level(c.normalized[p])]);
   }
 }
 

@@ -17,8 +17,9 @@ namespace kvrscan {
 // branches; instead the returns are first laid out in columns, every return
 // slot written and only those with a range kept, and the points are then made
 // by straight loops over the columns: ranges, positions and normalized
-// intensities two at a time, then display levels, then each record in two wide
-// stores. Shots without a return cost little, and so do runs of any length.
+// intensities four or two at a time, written into the records in place, then
+// display levels and colours. Shots without a return cost little, and so do runs
+// of any length.
 //
 // A point is what the per-return formulas give: the range as the library
 // computes it, x, y, z from PointGeometry, the colour of the display level of
@@ -27,6 +28,8 @@ class PointMaker {
  public:
   static constexpr std::size_t kRunShots = 256;
   static constexpr std::size_t kRunPoints = kRunShots * ReturnWords::kCapacity;
+  // Records past its points that make() may write (a group of four is written whole).
+  static constexpr std::size_t kSpareRecords = 4;
 
   // kPortable: plain C++ throughout (what processors without SSE2 run; tests
   // hold the two to the same bytes).
@@ -39,8 +42,8 @@ class PointMaker {
   PointMaker& operator=(const PointMaker&) = delete;
 
   // The points of shots (at most kRunShots), lines[i] being the line of
-  // shots[i], into out, which has room for the points and one record more (its
-  // first byte may be written). Returns the number of points.
+  // shots[i], into out, which has room for the points and kSpareRecords more
+  // (what lies there afterwards is of no use). Returns the number of points.
   std::size_t make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out);
 
   // Returns so far whose stop count lies before their shot's T0: no point.
@@ -54,10 +57,9 @@ class PointMaker {
   std::size_t layOutAs(std::span<const RawShot> shots, const std::int32_t* lines);
   std::size_t layOutReturns(const RawShot& shot, std::size_t s, std::size_t points);
   std::size_t layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points);
-  void compute(std::size_t points);
-  void computeFour(std::size_t points);
-  void shade(std::size_t points);
-  void assemble(std::size_t points, PointRecord* out) const;
+  void compute(std::size_t points, unsigned char* records);
+  void computeFour(std::size_t points, unsigned char* records);
+  void shade(std::size_t points, unsigned char* records) const;
 
   PointGeometry geometry_;
   IntensityNormalizer normalize_;
