@@ -88,7 +88,7 @@ TEST(KvrscanPointMaker, BothPathsGiveEachReturnsRecord) {
           expected.push_back(reference.point(shots[s], k, lines[s]));
         }
       }
-      for (const auto path : {PointMaker::Path::kFastest, PointMaker::Path::kPortable}) {
+      for (const auto path : {PointMaker::Path::kFastest, PointMaker::Path::kPairs, PointMaker::Path::kPortable}) {
         PointMaker maker(signature, 0.25, model, palette, path);
         std::vector<PointRecord> made(expected.size() + PointMaker::kRunPoints + PointMaker::kSpareRecords);
         std::size_t count = 0;
@@ -101,7 +101,7 @@ TEST(KvrscanPointMaker, BothPathsGiveEachReturnsRecord) {
         EXPECT_EQ(maker.withoutRange(), withoutRange);
         for (std::size_t p = 0; p < count; ++p) {
           ASSERT_EQ(std::memcmp(&made[p], &expected[p], sizeof(PointRecord)), 0)
-              << "point " << p << " gamma " << gamma << " " << name << (path == PointMaker::Path::kPortable ? " portable" : "");
+              << "point " << p << " gamma " << gamma << " " << name << " path " << static_cast<int>(path);
         }
       }
     }

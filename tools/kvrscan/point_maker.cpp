@@ -7,7 +7,7 @@
 
 #include "double_pair.h"
 
-// Four lanes where the processor has AVX (asked at run time): the same
+// Four lanes where the processor has AVX2 (asked at run time): the same
 // operations in the same order as the pairs, so the same bits.
 #if KVRSCAN_PAIR_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 #define KVRSCAN_AVX 1
@@ -44,9 +44,9 @@ struct PointMaker::Columns {
 PointMaker::PointMaker(std::uint64_t signature, double rangeOffset, const IntensityModel& model,
                        const Palette& palette, Path path)
     : geometry_(signature, rangeOffset), normalize_(model), scale_(model.intensityAt95, model.gamma),
-      columns_(std::make_unique<Columns>()), wide_(path == Path::kFastest && KVRSCAN_PAIR_SSE2) {
+      columns_(std::make_unique<Columns>()), wide_(path != Path::kPortable && KVRSCAN_PAIR_SSE2) {
 #if KVRSCAN_AVX
-  four_ = wide_ && __builtin_cpu_supports("avx");
+  four_ = wide_ && path == Path::kFastest && __builtin_cpu_supports("avx2");
 #endif
   const PointGeometry::Direction aimed = geometry_.direction();
   cosPan_ = aimed.cosPan, sinPan_ = aimed.sinPan;
@@ -59,11 +59,129 @@ PointMaker::PointMaker(std::uint64_t signature, double rangeOffset, const Intens
 PointMaker::~PointMaker() = default;
 
 std::size_t PointMaker::make(std::span<const RawShot> shots, const std::int32_t* lines, PointRecord* out) {
-  const std::size_t points = layOut(shots.first(std::min(shots.size(), kRunShots)), lines);
+  shots = shots.first(std::min(shots.size(), kRunShots));
   auto* records = reinterpret_cast<unsigned char*>(out);
-  if (four_) computeFour(points, records);
-  else compute(points, records);
+  std::size_t points;
+  if (four_) {
+    points = makeFour(shots, lines, records);
+  } else {
+    points = layOut(shots, lines);
+    compute(points, records);
+  }
   shade(points, records);
+  return points;
+}
+
+#if KVRSCAN_AVX
+// A shot's four return slots are the four lanes: its direction is the same in
+// each, so no point needs its shot looked up. Every slot is computed and its
+// record written (tail, then head: the tail reaches one byte into the next
+// record); the shot's returns are a prefix of the slots, so the next shot's
+// records land on those that were not kept.
+__attribute__((target("avx2"))) std::size_t PointMaker::makeFour(std::span<const RawShot> shots,
+                                                                  const std::int32_t* lines, unsigned char* records) {
+  double* const normalized = columns_->normalized;
+  const PointGeometry::PanTrig& panTrig = geometry_.panTrig();
+  const PointGeometry::ScanTrig& scanTrig = geometry_.scanTrig();
+  const __m256d k1 = _mm256_set1_pd(13.020833333333334), k2 = _mm256_set1_pd(1e-12), k3 = _mm256_set1_pd(0.5),
+                k4 = _mm256_set1_pd(299704764.3859407);
+  const __m256d offset = _mm256_set1_pd(geometry_.rangeOffset());
+  const __m256d a3 = _mm256_set1_pd(normalize_.a3()), a4 = _mm256_set1_pd(normalize_.a4()),
+                a5 = _mm256_set1_pd(normalize_.a5());
+  const __m128i stopMask = _mm_set1_epi32(0xFFFFF);
+  const __m128i slotNumbers = _mm_set_epi32(4 << 16, 3 << 16, 2 << 16, 1 << 16);
+  std::uint32_t panCount = panCount_;
+  double cosPan = cosPan_, sinPan = sinPan_;
+  __m256d cosPans = _mm256_set1_pd(cosPan), sinPans = _mm256_set1_pd(sinPan);
+  std::size_t points = 0;
+  for (std::size_t s = 0; s < shots.size(); ++s) {
+    const RawShot& shot = shots[s];
+    const auto pan = static_cast<std::uint32_t>(shot.shotWord & 0xFFFFF);
+    if (pan != panCount) {
+      panTrig(pan, cosPan, sinPan);
+      panCount = pan;
+      cosPans = _mm256_set1_pd(cosPan), sinPans = _mm256_set1_pd(sinPan);
+    }
+    double cosScan, sinScan;
+    scanTrig(shot.scanAngleCounts, cosScan, sinScan);
+    const auto count = static_cast<std::uint32_t>(shot.returns.size());
+    const __m128i words = _mm_loadu_si128(reinterpret_cast<const __m128i*>(shot.returns.begin()));
+    const __m128i t0 = _mm_set1_epi32(static_cast<std::int32_t>(shot.shotWord >> 41 & 0xFFFF));
+    const __m128i counts = _mm_sub_epi32(_mm_and_si128(words, stopMask), t0);
+    unsigned char* at = records + points * sizeof(PointRecord);
+    if ((_mm_movemask_ps(_mm_castsi128_ps(counts)) & ((1 << count) - 1)) != 0) [[unlikely]] {
+      points = makeShotWithoutRanges(shot, lines[s], cosScan, sinScan, cosPan, sinPan, records, points);
+      continue;
+    }
+    const __m256d range = _mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(counts), k1), k2), k3), k4);
+    const __m256d r = _mm256_add_pd(range, offset);
+    const __m256d horizontal = _mm256_mul_pd(r, _mm256_set1_pd(cosScan));
+    const __m128 x = _mm256_cvtpd_ps(_mm256_mul_pd(horizontal, cosPans));
+    const __m128 y = _mm256_cvtpd_ps(_mm256_mul_pd(horizontal, sinPans));
+    const __m128 z = _mm256_cvtpd_ps(_mm256_mul_pd(r, _mm256_set1_pd(sinScan)));
+    const __m128i intensities = _mm_srli_epi32(words, 20);
+    const __m128 tags = _mm_castsi128_ps(_mm_or_si128(
+        intensities, _mm_or_si128(slotNumbers, _mm_set1_epi32(static_cast<std::int32_t>(count << 24)))));
+    // line, time, four zero bytes
+    std::uint64_t time;
+    std::memcpy(&time, &shot.shotTow, 8);
+    const __m128i tail = _mm_set_epi64x(static_cast<long long>(time >> 32),
+                                        static_cast<long long>(static_cast<std::uint32_t>(lines[s]) | time << 32));
+    const __m128 xy01 = _mm_unpacklo_ps(x, y), xy23 = _mm_unpackhi_ps(x, y);
+    const __m128 zt01 = _mm_unpacklo_ps(z, tags), zt23 = _mm_unpackhi_ps(z, tags);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 16), tail);
+    _mm_storeu_ps(reinterpret_cast<float*>(at), _mm_movelh_ps(xy01, zt01));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(at + sizeof(PointRecord) + 16), tail);
+    _mm_storeu_ps(reinterpret_cast<float*>(at + sizeof(PointRecord)), _mm_movehl_ps(zt01, xy01));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 2 * sizeof(PointRecord) + 16), tail);
+    _mm_storeu_ps(reinterpret_cast<float*>(at + 2 * sizeof(PointRecord)), _mm_movelh_ps(xy23, zt23));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 3 * sizeof(PointRecord) + 16), tail);
+    _mm_storeu_ps(reinterpret_cast<float*>(at + 3 * sizeof(PointRecord)), _mm_movehl_ps(zt23, xy23));
+    const __m256d base = _mm256_set_pd(normalize_.base(static_cast<std::uint32_t>(_mm_extract_epi32(intensities, 3))),
+                                       normalize_.base(static_cast<std::uint32_t>(_mm_extract_epi32(intensities, 2))),
+                                       normalize_.base(static_cast<std::uint32_t>(_mm_extract_epi32(intensities, 1))),
+                                       normalize_.base(static_cast<std::uint32_t>(_mm_cvtsi128_si32(intensities))));
+    const __m256d q = _mm256_sub_pd(_mm256_div_pd(range, a5), _mm256_div_pd(a5, range));
+    const __m256d v = _mm256_mul_pd(_mm256_mul_pd(_mm256_add_pd(_mm256_mul_pd(q, q), a4), a3), base);
+    const __m256d ranged = _mm256_cmp_pd(range, _mm256_setzero_pd(), _CMP_GT_OQ);
+    _mm256_storeu_pd(&normalized[points], _mm256_and_pd(ranged, v));
+    points += count;
+  }
+  panCount_ = panCount, cosPan_ = cosPan, sinPan_ = sinPan;
+  return points;
+}
+#else
+std::size_t PointMaker::makeFour(std::span<const RawShot>, const std::int32_t*, unsigned char*) { return 0; }
+#endif
+
+// A shot with a return whose stop count lies before T0 (rare): its returns one
+// by one, the same operations as a lane of makeFour.
+std::size_t PointMaker::makeShotWithoutRanges(const RawShot& shot, std::int32_t line, double cosScan, double sinScan,
+                                              double cosPan, double sinPan, unsigned char* records,
+                                              std::size_t points) {
+  const auto t0 = static_cast<std::int32_t>(shot.shotWord >> 41 & 0xFFFF);
+  const auto count = static_cast<std::uint32_t>(shot.returns.size());
+  for (std::uint32_t k = 0; k < count; ++k) {
+    const std::uint32_t word = shot.returns[k];
+    const std::int32_t counts = static_cast<std::int32_t>(word & 0xFFFFF) - t0;
+    if (counts < 0) {
+      ++withoutRange_;
+      continue;
+    }
+    const double range = static_cast<double>(counts) * 13.020833333333334 * 1e-12 * 0.5 * 299704764.3859407;
+    const double r = range + geometry_.rangeOffset();
+    const double horizontal = r * cosScan;
+    const float head[3] = {static_cast<float>(horizontal * cosPan), static_cast<float>(horizontal * sinPan),
+                           static_cast<float>(r * sinScan)};
+    const std::uint32_t tag = word >> 20 | (k + 1) << 16 | count << 24;
+    unsigned char* at = records + points * sizeof(PointRecord);
+    std::memcpy(at, head, 12);
+    std::memcpy(at + 12, &tag, 4);
+    std::memcpy(at + 16, &line, 4);
+    std::memcpy(at + 20, &shot.shotTow, 8);
+    columns_->normalized[points] = range > 0.0 ? normalize_(range, word >> 20) : 0.0;
+    ++points;
+  }
   return points;
 }
 
@@ -175,53 +293,6 @@ void PointMaker::compute(std::size_t points, unsigned char* records) {
     ((q * q + a4) * a3 * base).whereAboveZero(range).store(&c.normalized[p]);
   }
 }
-
-#if KVRSCAN_AVX
-__attribute__((target("avx"))) void PointMaker::computeFour(std::size_t points, unsigned char* records) {
-  Columns& c = *columns_;
-  const __m256d k1 = _mm256_set1_pd(13.020833333333334), k2 = _mm256_set1_pd(1e-12), k3 = _mm256_set1_pd(0.5),
-                k4 = _mm256_set1_pd(299704764.3859407);
-  const __m256d offset = _mm256_set1_pd(geometry_.rangeOffset());
-  const __m256d a3 = _mm256_set1_pd(normalize_.a3()), a4 = _mm256_set1_pd(normalize_.a4()),
-                a5 = _mm256_set1_pd(normalize_.a5());
-  for (std::size_t p = 0; p < points; p += 4) {
-    const __m256d counts = _mm256_cvtepi32_pd(_mm_load_si128(reinterpret_cast<const __m128i*>(&c.counts[p])));
-    const __m256d range = _mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(counts, k1), k2), k3), k4);
-    const __m256d r = _mm256_add_pd(range, offset);
-    // The four shots' directions, transposed: cosScan, sinScan, cosPan, sinPan across the points.
-    __m256d d[4];
-    for (std::size_t i = 0; i < 4; ++i) d[i] = _mm256_loadu_pd(&c.directions[c.shots[p + i]].cosScan);
-    const __m256d lo01 = _mm256_unpacklo_pd(d[0], d[1]), hi01 = _mm256_unpackhi_pd(d[0], d[1]);
-    const __m256d lo23 = _mm256_unpacklo_pd(d[2], d[3]), hi23 = _mm256_unpackhi_pd(d[2], d[3]);
-    const __m256d cosScan = _mm256_permute2f128_pd(lo01, lo23, 0x20), cosPan = _mm256_permute2f128_pd(lo01, lo23, 0x31);
-    const __m256d sinScan = _mm256_permute2f128_pd(hi01, hi23, 0x20), sinPan = _mm256_permute2f128_pd(hi01, hi23, 0x31);
-    const __m256d horizontal = _mm256_mul_pd(r, cosScan);
-    const __m128 x = _mm256_cvtpd_ps(_mm256_mul_pd(horizontal, cosPan));
-    const __m128 y = _mm256_cvtpd_ps(_mm256_mul_pd(horizontal, sinPan));
-    const __m128 z = _mm256_cvtpd_ps(_mm256_mul_pd(r, sinScan));
-    const __m128 tags = _mm_load_ps(reinterpret_cast<const float*>(&c.tags[p]));
-    const __m128 xy01 = _mm_unpacklo_ps(x, y), xy23 = _mm_unpackhi_ps(x, y);
-    const __m128 zt01 = _mm_unpacklo_ps(z, tags), zt23 = _mm_unpackhi_ps(z, tags);
-    unsigned char* at = records + p * sizeof(PointRecord);
-    for (std::size_t i = 0; i < 4; ++i) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(at + i * sizeof(PointRecord) + 16),
-                       _mm_load_si128(reinterpret_cast<const __m128i*>(c.tails[c.shots[p + i]])));
-    }
-    _mm_storeu_ps(reinterpret_cast<float*>(at), _mm_movelh_ps(xy01, zt01));
-    _mm_storeu_ps(reinterpret_cast<float*>(at + sizeof(PointRecord)), _mm_movehl_ps(zt01, xy01));
-    _mm_storeu_ps(reinterpret_cast<float*>(at + 2 * sizeof(PointRecord)), _mm_movelh_ps(xy23, zt23));
-    _mm_storeu_ps(reinterpret_cast<float*>(at + 3 * sizeof(PointRecord)), _mm_movehl_ps(zt23, xy23));
-    const __m256d base = _mm256_set_pd(normalize_.base(c.tags[p + 3]), normalize_.base(c.tags[p + 2]),
-                                       normalize_.base(c.tags[p + 1]), normalize_.base(c.tags[p]));
-    const __m256d q = _mm256_sub_pd(_mm256_div_pd(range, a5), _mm256_div_pd(a5, range));
-    const __m256d v = _mm256_mul_pd(_mm256_mul_pd(_mm256_add_pd(_mm256_mul_pd(q, q), a4), a3), base);
-    const __m256d ranged = _mm256_cmp_pd(range, _mm256_setzero_pd(), _CMP_GT_OQ);
-    _mm256_store_pd(&c.normalized[p], _mm256_and_pd(ranged, v));
-  }
-}
-#else
-void PointMaker::computeFour(std::size_t points, unsigned char* records) { compute(points, records); }
-#endif
 
 // The colour's three bytes only: the fourth would land on the next record.
 void PointMaker::shade(std::size_t points, unsigned char* records) const {

@@ -28,12 +28,14 @@ class PointMaker {
  public:
   static constexpr std::size_t kRunShots = 256;
   static constexpr std::size_t kRunPoints = kRunShots * ReturnWords::kCapacity;
-  // Records past its points that make() may write (a group of four is written whole).
-  static constexpr std::size_t kSpareRecords = 4;
+  // Records past its points that make() may write (a shot's four slots are written whole).
+  static constexpr std::size_t kSpareRecords = 5;
 
-  // kPortable: plain C++ throughout (what processors without SSE2 run; tests
-  // hold the two to the same bytes).
-  enum class Path { kFastest, kPortable };
+  // kFastest: a shot's four return slots side by side where the processor has
+  // AVX2, else kPairs. kPairs: columns, two points at a time with SSE2.
+  // kPortable: columns in plain C++ (what processors without SSE2 run). Tests
+  // hold the three to the same bytes.
+  enum class Path { kFastest, kPairs, kPortable };
 
   PointMaker(std::uint64_t signature, double rangeOffset, const IntensityModel& model, const Palette& palette,
              Path path = Path::kFastest);
@@ -57,8 +59,10 @@ class PointMaker {
   std::size_t layOutAs(std::span<const RawShot> shots, const std::int32_t* lines);
   std::size_t layOutReturns(const RawShot& shot, std::size_t s, std::size_t points);
   std::size_t layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points);
+  std::size_t makeFour(std::span<const RawShot> shots, const std::int32_t* lines, unsigned char* records);
+  std::size_t makeShotWithoutRanges(const RawShot& shot, std::int32_t line, double cosScan, double sinScan,
+                                    double cosPan, double sinPan, unsigned char* records, std::size_t points);
   void compute(std::size_t points, unsigned char* records);
-  void computeFour(std::size_t points, unsigned char* records);
   void shade(std::size_t points, unsigned char* records) const;
 
   PointGeometry geometry_;
@@ -67,7 +71,7 @@ class PointMaker {
   std::array<std::uint32_t, kTopLevel + 1> colours_{};  // red | green << 8 | blue << 16
   std::unique_ptr<Columns> columns_;
   bool wide_;
-  bool four_ = false;  // computeFour: the processor has AVX
+  bool four_ = false;  // makeFour: the processor has AVX2
   std::uint32_t panCount_ = 0;  // of the last shot laid out, and its sine and cosine
   double cosPan_ = 1.0, sinPan_ = 0.0;
   std::uint64_t withoutRange_ = 0;
