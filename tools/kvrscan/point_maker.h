@@ -60,6 +60,7 @@ class PointMaker {
   std::size_t layOutReturns(const RawShot& shot, std::size_t s, std::size_t points);
   std::size_t layOutReturnsWide(const RawShot& shot, std::size_t s, std::size_t points);
   std::size_t makeFour(std::span<const RawShot> shots, const std::int32_t* lines, unsigned char* records);
+  void normalizeFour(std::size_t points);
   std::size_t makeShotWithoutRanges(const RawShot& shot, std::int32_t line, double cosScan, double sinScan,
                                     double cosPan, double sinPan, unsigned char* records, std::size_t points);
   void compute(std::size_t points, unsigned char* records);
