@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <vector>
 
 #include "kvr_decode/raw_shot.h"
 #include "palette.h"
@@ -70,6 +71,12 @@ class PointMaker {
   IntensityNormalizer normalize_;
   DisplayScale scale_;
   std::array<std::uint32_t, kTopLevel + 1> colours_{};  // red | green << 8 | blue << 16
+  // Per cell of the display scale's table: the colour of its level with the
+  // level in the top byte, and the next level's colour with the split flag.
+  struct ColourCell {
+    std::uint32_t low, high;
+  };
+  std::vector<ColourCell> colourCells_;
   std::unique_ptr<Columns> columns_;
   bool wide_;
   bool four_ = false;  // makeFour: the processor has AVX2

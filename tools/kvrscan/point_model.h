@@ -80,12 +80,12 @@ class IntensityNormalizer {
 // search. A
 // non-positive or non-finite intensityAt95 or gamma (a damaged map) is taken as 1.
 class DisplayScale {
+ public:
   struct Cell {
     std::uint8_t level;  // at the cell's first value
     bool split;          // the next level begins inside the cell
   };
 
- public:
   explicit DisplayScale(double intensityAt95, double gamma);
 
   int level(double v) const { return cell_.empty() ? search(v) : levels()(v); }
@@ -105,6 +105,13 @@ class DisplayScale {
       return cell.level + static_cast<int>(cell.split & (v >= thresholds_[cell.level + 1u]));
     }
 
+    // The parts of the lookup, for tables built on the same cells.
+    const double* thresholds() const { return thresholds_; }
+    double lowest() const { return lowest_; }
+    double at95() const { return at95_; }
+    std::uint64_t firstCell() const { return firstCell_; }
+    int shift() const { return shift_; }
+
    private:
     friend class DisplayScale;
     const Cell* cells_;
@@ -115,6 +122,7 @@ class DisplayScale {
   };
 
   bool hasTable() const { return !cell_.empty(); }
+  std::span<const Cell> cells() const { return cell_; }
   Levels levels() const {
     Levels l;
     l.cells_ = cell_.data();
