@@ -36,6 +36,7 @@ struct PointMaker::Columns {
   alignas(16) std::uint32_t tags[kColumnRoom];
   alignas(16) std::uint16_t shots[kColumnRoom];
   alignas(32) double normalized[kColumnRoom];
+  alignas(16) std::uint32_t cells[kColumnRoom];  // of the level table, for normalized (makeFour)
   // Per shot: its direction, and the record's bytes 16-27 (line, time) with four zero bytes.
   PointGeometry::Direction directions[kRunShots];
   alignas(16) unsigned char tails[kRunShots][16];
@@ -157,6 +158,14 @@ __attribute__((target("avx2"))) void PointMaker::normalizeFour(std::size_t point
                 k4 = _mm256_set1_pd(299704764.3859407);
   const __m256d a3 = _mm256_set1_pd(normalize_.a3()), a4 = _mm256_set1_pd(normalize_.a4()),
                 a5 = _mm256_set1_pd(normalize_.a5());
+  // With a level table: the values clamped into it, and their cells (max and
+  // min take their second operand for NaN, as the scalar clamps do).
+  const bool table = scale_.hasTable();
+  const DisplayScale::Levels levels = table ? scale_.levels() : DisplayScale::Levels{};
+  const __m256d lowest = _mm256_set1_pd(table ? levels.lowest() : 0.0), at95 = _mm256_set1_pd(levels.at95());
+  const __m256i firstCell = _mm256_set1_epi64x(static_cast<long long>(levels.firstCell()));
+  const __m128i shift = _mm_cvtsi32_si128(levels.shift());
+  const __m256i lowHalves = _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6);
   for (std::size_t p = 0; p < points; p += 4) {
     const __m256d counts = _mm256_cvtepi32_pd(_mm_loadu_si128(reinterpret_cast<const __m128i*>(&c.counts[p])));
     const __m256d range = _mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(counts, k1), k2), k3), k4);
@@ -165,7 +174,16 @@ __attribute__((target("avx2"))) void PointMaker::normalizeFour(std::size_t point
     const __m256d q = _mm256_sub_pd(_mm256_div_pd(range, a5), _mm256_div_pd(a5, range));
     const __m256d v = _mm256_mul_pd(_mm256_mul_pd(_mm256_add_pd(_mm256_mul_pd(q, q), a4), a3), base);
     const __m256d ranged = _mm256_cmp_pd(range, _mm256_setzero_pd(), _CMP_GT_OQ);
-    _mm256_store_pd(&c.normalized[p], _mm256_and_pd(ranged, v));
+    const __m256d value = _mm256_and_pd(ranged, v);
+    if (!table) {
+      _mm256_store_pd(&c.normalized[p], value);
+      continue;
+    }
+    const __m256d clamped = _mm256_min_pd(_mm256_max_pd(value, lowest), at95);
+    _mm256_store_pd(&c.normalized[p], clamped);
+    const __m256i cell = _mm256_sub_epi64(_mm256_srl_epi64(_mm256_castpd_si256(clamped), shift), firstCell);
+    _mm_store_si128(reinterpret_cast<__m128i*>(&c.cells[p]),
+                    _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(cell, lowHalves)));
   }
 }
 #else
@@ -329,6 +347,15 @@ void PointMaker::shade(std::size_t points, unsigned char* records) const {
     const DisplayScale::Levels levels = scale_.levels();
     const ColourCell* cells = colourCells_.data();
     const double* thresholds = levels.thresholds();
+    if (four_) {  // normalizeFour has clamped the values and found their cells
+      for (std::size_t p = 0; p < points; ++p) {
+        const double v = c.normalized[p];
+        const ColourCell cell = cells[c.cells[p]];
+        const std::uint32_t up = (cell.high >> 24) & static_cast<std::uint32_t>(v >= thresholds[(cell.low >> 24) + 1]);
+        paint(p, up != 0 ? cell.high : cell.low);
+      }
+      return;
+    }
     const double lowest = levels.lowest(), at95 = levels.at95();
     const std::uint64_t firstCell = levels.firstCell();
     const int shift = levels.shift();
