@@ -100,6 +100,8 @@ __attribute__((target("avx2"))) std::size_t PointMaker::makeFour(std::span<const
   std::size_t points = 0;
   for (std::size_t s = 0; s < shots.size(); ++s) {
     const RawShot& shot = shots[s];
+    // Shots without returns (the sky) come in runs; the branch costs less than their work.
+    if (shot.returns.empty()) continue;
     const auto pan = static_cast<std::uint32_t>(shot.shotWord & 0xFFFFF);
     if (pan != panCount) {
       panTrig(pan, cosPan, sinPan);
