@@ -55,11 +55,10 @@ PointMaker::PointMaker(std::uint64_t signature, double rangeOffset, const Intens
     const Rgb c = palette.colourOfLevel(level);
     colours_[static_cast<std::size_t>(level)] = c.r | c.g << 8 | c.b << 16;
   }
-  for (const DisplayScale::Cell cell : scale_.cells()) {
-    const std::uint32_t next = std::min<std::uint32_t>(cell.level + 1u, kTopLevel);
-    colourCells_.push_back({colours_[cell.level] | std::uint32_t{cell.level} << 24,
-                            colours_[next] | std::uint32_t{cell.split} << 24});
+  for (std::size_t level = 0; level <= kTopLevel; ++level) {
+    colourPairs_[level] = colours_[level] | std::uint64_t{colours_[std::min<std::size_t>(level + 1, kTopLevel)]} << 32;
   }
+  for (const DisplayScale::Cell cell : scale_.cells()) cellLevels_.push_back(cell.level);
 }
 
 PointMaker::~PointMaker() = default;
@@ -344,18 +343,21 @@ void PointMaker::shade(std::size_t points, unsigned char* records) const {
     at[2] = static_cast<unsigned char>(colour >> 16);
   };
   if (scale_.hasTable()) {
-    // DisplayScale::Levels with the colours in the cells: one load fewer in
-    // each point's chain of lookups.
+    // DisplayScale::Levels without its split flags: a value in a cell the next
+    // level does not begin in lies below that level's threshold anyway. The
+    // threshold and the pair of colours both follow from the cell's level, so
+    // they are looked up side by side.
     const DisplayScale::Levels levels = scale_.levels();
-    const ColourCell* cells = colourCells_.data();
-    const double* thresholds = levels.thresholds();
+    const std::uint8_t* cellLevels = cellLevels_.data();
+    const std::uint64_t* pairs = colourPairs_.data();
+    const double* next = levels.thresholds() + 1;
+    const auto colourOf = [cellLevels, pairs, next](double v, std::size_t cell) {
+      const std::uint8_t level = cellLevels[cell];
+      const std::uint64_t pair = pairs[level];
+      return static_cast<std::uint32_t>(v >= next[level] ? pair >> 32 : pair);
+    };
     if (four_) {  // normalizeFour has clamped the values and found their cells
-      for (std::size_t p = 0; p < points; ++p) {
-        const double v = c.normalized[p];
-        const ColourCell cell = cells[c.cells[p]];
-        const std::uint32_t up = (cell.high >> 24) & static_cast<std::uint32_t>(v >= thresholds[(cell.low >> 24) + 1]);
-        paint(p, up != 0 ? cell.high : cell.low);
-      }
+      for (std::size_t p = 0; p < points; ++p) paint(p, colourOf(c.normalized[p], c.cells[p]));
       return;
     }
     const double lowest = levels.lowest(), at95 = levels.at95();
@@ -365,9 +367,7 @@ void PointMaker::shade(std::size_t points, unsigned char* records) const {
       double v = c.normalized[p];
       v = v > lowest ? v : lowest;
       v = v < at95 ? v : at95;
-      const ColourCell cell = cells[(std::bit_cast<std::uint64_t>(v) >> shift) - firstCell];
-      const std::uint32_t up = (cell.high >> 24) & static_cast<std::uint32_t>(v >= thresholds[(cell.low >> 24) + 1]);
-      paint(p, up != 0 ? cell.high : cell.low);
+      paint(p, colourOf(v, (std::bit_cast<std::uint64_t>(v) >> shift) - firstCell));
     }
   } else {
     for (std::size_t p = 0; p < points; ++p) paint(p, colours[scale_.level(c.normalized[p])]);

@@ -71,12 +71,10 @@ class PointMaker {
   IntensityNormalizer normalize_;
   DisplayScale scale_;
   std::array<std::uint32_t, kTopLevel + 1> colours_{};  // red | green << 8 | blue << 16
-  // Per cell of the display scale's table: the colour of its level with the
-  // level in the top byte, and the next level's colour with the split flag.
-  struct ColourCell {
-    std::uint32_t low, high;
-  };
-  std::vector<ColourCell> colourCells_;
+  // Per display level, its colour and the next level's (high half); per cell
+  // of the display scale's table, its level.
+  std::array<std::uint64_t, kTopLevel + 1> colourPairs_{};
+  std::vector<std::uint8_t> cellLevels_;
   std::unique_ptr<Columns> columns_;
   bool wide_;
   bool four_ = false;  // makeFour: the processor has AVX2
