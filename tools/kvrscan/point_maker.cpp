@@ -35,6 +35,7 @@ struct PointMaker::Columns {
   alignas(16) std::int32_t counts[kColumnRoom];
   alignas(16) std::uint32_t tags[kColumnRoom];
   alignas(16) std::uint16_t shots[kColumnRoom];
+  alignas(32) double ranges[kColumnRoom];  // makeFour's, for normalizeFour
   alignas(32) double normalized[kColumnRoom];
   alignas(16) std::uint32_t cells[kColumnRoom];  // of the level table, for normalized (makeFour)
   // Per shot: its direction, and the record's bytes 16-27 (line, time) with four zero bytes.
@@ -142,7 +143,7 @@ __attribute__((target("avx2"))) std::size_t PointMaker::makeFour(std::span<const
     _mm_storeu_ps(reinterpret_cast<float*>(at + 2 * sizeof(PointRecord)), _mm_movelh_ps(xy23, zt23));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(at + 3 * sizeof(PointRecord) + 16), tail);
     _mm_storeu_ps(reinterpret_cast<float*>(at + 3 * sizeof(PointRecord)), _mm_movehl_ps(zt23, xy23));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(&c.counts[points]), counts);
+    _mm256_storeu_pd(&c.ranges[points], range);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(&c.tags[points]), _mm_castps_si128(tags));
     points += count;
   }
@@ -155,8 +156,6 @@ __attribute__((target("avx2"))) std::size_t PointMaker::makeFour(std::span<const
 // divisions make a long chain, and short iterations let more of them overlap.
 __attribute__((target("avx2"))) void PointMaker::normalizeFour(std::size_t points) {
   Columns& c = *columns_;
-  const __m256d k1 = _mm256_set1_pd(13.020833333333334), k2 = _mm256_set1_pd(1e-12), k3 = _mm256_set1_pd(0.5),
-                k4 = _mm256_set1_pd(299704764.3859407);
   const __m256d a3 = _mm256_set1_pd(normalize_.a3()), a4 = _mm256_set1_pd(normalize_.a4()),
                 a5 = _mm256_set1_pd(normalize_.a5());
   // With a level table: the values clamped into it, and their cells (max and
@@ -168,8 +167,7 @@ __attribute__((target("avx2"))) void PointMaker::normalizeFour(std::size_t point
   const __m128i shift = _mm_cvtsi32_si128(levels.shift());
   const __m256i lowHalves = _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6);
   for (std::size_t p = 0; p < points; p += 4) {
-    const __m256d counts = _mm256_cvtepi32_pd(_mm_loadu_si128(reinterpret_cast<const __m128i*>(&c.counts[p])));
-    const __m256d range = _mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(_mm256_mul_pd(counts, k1), k2), k3), k4);
+    const __m256d range = _mm256_load_pd(&c.ranges[p]);
     const __m256d base = _mm256_set_pd(normalize_.base(c.tags[p + 3]), normalize_.base(c.tags[p + 2]),
                                        normalize_.base(c.tags[p + 1]), normalize_.base(c.tags[p]));
     const __m256d q = _mm256_sub_pd(_mm256_div_pd(range, a5), _mm256_div_pd(a5, range));
@@ -217,7 +215,7 @@ std::size_t PointMaker::makeShotWithoutRanges(const RawShot& shot, std::int32_t 
     std::memcpy(at + 12, &tag, 4);
     std::memcpy(at + 16, &line, 4);
     std::memcpy(at + 20, &shot.shotTow, 8);
-    columns_->counts[points] = counts;
+    columns_->ranges[points] = range;
     columns_->tags[points] = tag;
     ++points;
   }
