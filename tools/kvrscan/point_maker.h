@@ -15,12 +15,14 @@ namespace kvrscan {
 
 // Makes the points of a run of shots. The return counts vary from shot to shot
 // at random, so a loop over each shot's returns spends its time in mispredicted
-// branches; instead the returns are first laid out in columns, every return
-// slot written and only those with a range kept, and the points are then made
-// by straight loops over the columns: ranges, positions and normalized
-// intensities four or two at a time, written into the records in place, then
-// display levels and colours. Shots without a return cost little, and so do runs
-// of any length.
+// branches; every return slot is worked on instead, and only those with a range
+// are kept. With AVX2, a shot's four slots are four lanes: the shot's direction
+// is the same in each, and its records are written in place, every slot's, the
+// next shot's landing on those not kept. Without it, the slots are laid out in
+// columns and the points made two at a time. The normalized intensities, then
+// the display colours, follow in loops of their own: their chains of divisions
+// and lookups overlap better in short iterations. Shots without a return cost
+// little, and so do runs of any length.
 //
 // A point is what the per-return formulas give: the range as the library
 // computes it, x, y, z from PointGeometry, the colour of the display level of
