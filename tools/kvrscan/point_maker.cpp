@@ -89,8 +89,8 @@ __attribute__((target("avx2"))) std::size_t PointMaker::makeFour(std::span<const
   Columns& c = *columns_;
   const PointGeometry::PanTrig& panTrig = geometry_.panTrig();
   const PointGeometry::ScanTrig& scanTrig = geometry_.scanTrig();
-  const __m256d k1 = _mm256_set1_pd(13.020833333333334), k2 = _mm256_set1_pd(1e-12), k3 = _mm256_set1_pd(0.5),
-                k4 = _mm256_set1_pd(299704764.3859407);
+  const __m256d k1 = _mm256_set1_pd(kRangeFactors[0]), k2 = _mm256_set1_pd(kRangeFactors[1]),
+                k3 = _mm256_set1_pd(kRangeFactors[2]), k4 = _mm256_set1_pd(kRangeFactors[3]);
   const __m256d offset = _mm256_set1_pd(geometry_.rangeOffset());
   const __m128i stopMask = _mm_set1_epi32(0xFFFFF);
   const __m128i slotNumbers = _mm_set_epi32(4 << 16, 3 << 16, 2 << 16, 1 << 16);
@@ -204,7 +204,7 @@ std::size_t PointMaker::makeShotWithoutRanges(const RawShot& shot, std::int32_t 
       ++withoutRange_;
       continue;
     }
-    const double range = static_cast<double>(counts) * 13.020833333333334 * 1e-12 * 0.5 * 299704764.3859407;
+    const double range = RangeOf(word & 0xFFFFF, static_cast<std::uint32_t>(t0));
     const double r = range + geometry_.rangeOffset();
     const double horizontal = r * cosScan;
     const float head[3] = {static_cast<float>(horizontal * cosPan), static_cast<float>(horizontal * sinPan),
@@ -307,8 +307,8 @@ inline std::size_t PointMaker::layOutReturnsWide(const RawShot& shot, std::size_
 void PointMaker::compute(std::size_t points, unsigned char* records) {
   Columns& c = *columns_;
   // The library's range, constants and products in its order.
-  const DoublePair k1 = DoublePair::all(13.020833333333334), k2 = DoublePair::all(1e-12), k3 = DoublePair::all(0.5),
-                   k4 = DoublePair::all(299704764.3859407);
+  const DoublePair k1 = DoublePair::all(kRangeFactors[0]), k2 = DoublePair::all(kRangeFactors[1]),
+                   k3 = DoublePair::all(kRangeFactors[2]), k4 = DoublePair::all(kRangeFactors[3]);
   const DoublePair offset = DoublePair::all(geometry_.rangeOffset());
   const DoublePair a3 = DoublePair::all(normalize_.a3()), a4 = DoublePair::all(normalize_.a4()),
                    a5 = DoublePair::all(normalize_.a5());
