@@ -20,16 +20,24 @@ constexpr std::string_view kDecodeFileHeaderContext =
 constexpr std::string_view kBufferSignatureWrongMessage = "buffer signature is wrong ";
 
 // The record mirrors the block: its fixed fields lie at the block's offsets.
-static_assert(offsetof(RawFileHeaderBlock, headerLayout) == 8);
-static_assert(offsetof(RawFileHeaderBlock, dataOffset) == 12);
-static_assert(offsetof(RawFileHeaderBlock, idText1) == 28);
-static_assert(offsetof(RawFileHeaderBlock, idValue) == 68);
-static_assert(offsetof(RawFileHeaderBlock, idText4) == 152);
-static_assert(offsetof(RawFileHeaderBlock, scanWord0) == 192);
-static_assert(offsetof(RawFileHeaderBlock, scanStartAngle) == 196);
-static_assert(offsetof(RawFileHeaderBlock, lineRate) == 216);
-static_assert(offsetof(RawFileHeaderBlock, prf) == 220);
-static_assert(offsetof(RawFileHeaderBlock, calibrationTextLength) == kFixedPartSize);
+static_assert(offsetof(RawFileHeaderBlock, headerLayout) == layout::kHeaderLayout.offset);
+static_assert(offsetof(RawFileHeaderBlock, dataOffset) == layout::kDataOffset.offset);
+static_assert(offsetof(RawFileHeaderBlock, headerWords) == layout::kHeaderWords.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText1) == layout::kIdText1.offset);
+static_assert(offsetof(RawFileHeaderBlock, idValue) == layout::kIdValue.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText2) == layout::kIdText2.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText3) == layout::kIdText3.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText4) == layout::kIdText4.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanWord0) == layout::kScanWords.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanStartAngle) == layout::kScanStartAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanEndAngle) == layout::kScanEndAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, angularSpeed) == layout::kAngularSpeed.offset);
+static_assert(offsetof(RawFileHeaderBlock, sweepStartAngle) == layout::kSweepStartAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, sweepEndAngle) == layout::kSweepEndAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, lineRate) == layout::kLineRate.offset);
+static_assert(offsetof(RawFileHeaderBlock, prf) == layout::kPrf.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanTailWords) == layout::kScanTailWords.offset);
+static_assert(offsetof(RawFileHeaderBlock, calibrationTextLength) == layout::kFixedPartSize);
 static_assert(offsetof(RawFileHeaderBlock, parameterText) == 292);  // 4-byte packed pointer
 static_assert(sizeof(RawFileHeaderBlock) == 324);
 

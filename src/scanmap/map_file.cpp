@@ -10,6 +10,7 @@
 #include "platform/little_endian.h"
 #include "platform/stream_reader.h"
 #include "scanmap/header_texts.h"
+#include "scanmap/map_layout.h"
 #include "scanmap/map_record.h"
 
 namespace kvr::scanmap {
@@ -19,11 +20,11 @@ namespace {
 constexpr std::string_view kSaveContext = "int SaveScanFileMap(char *scanFileName, ScanFileMap &scanFileMap)";
 constexpr std::string_view kLoadContext = "int LoadScanFileMap(wchar_t *filename, ScanFileMap &scanFileMap)";
 constexpr std::string_view kOpenFailedMessage = "Error openning file";
-constexpr char kMapSignature[8] = {'#', 'K', 'V', 'R', 'M', 'A', 'P', 'F'};
-constexpr std::size_t kNameField = sizeof(ScanFileMap::scanFileName);
+constexpr std::size_t kNameField = map_layout::kNameFieldSize;
+static_assert(sizeof(ScanFileMap::scanFileName) == kNameField);
 
 bool HasMapSignature(const ScanFileMap& map) {
-  return std::memcmp(map.mapSignature, kMapSignature, sizeof kMapSignature) == 0;
+  return std::memcmp(map.mapSignature, map_layout::kSignature, map_layout::kSignatureSize) == 0;
 }
 
 // Little-endian fields gathered in a buffer and written in large pieces.
@@ -247,7 +248,7 @@ int SaveMapFile(const wchar_t* fileName, ScanFileMap& map) {
     out.u32(map.spareA);
     out.u16(map.maxReturnsPerShot);
     out.u32(map.dataStartOffset);
-    std::memcpy(map.mapSignature, kMapSignature, sizeof kMapSignature);
+    std::memcpy(map.mapSignature, map_layout::kSignature, map_layout::kSignatureSize);
     out.bytes(map.mapSignature, sizeof map.mapSignature);
     out.i32(map.blockCount);
     out.i32(map.maxShotsPerBlock);

@@ -6,6 +6,10 @@
 #include <span>
 #include <type_traits>
 
+#include "devices/camera_layout.h"
+#include "header/header_layout.h"
+#include "nmea/tick_layout.h"
+
 namespace kvr::test {
 
 // A model of reading bytes as a file: reads that go past the end return what is
@@ -58,17 +62,20 @@ class ReadModel {
 // The largest text length ReadFileHeader meets in a scan file (0 when the magic
 // is not a scan magic, as nothing more is read then).
 inline std::uint64_t LargestScanHeaderText(std::span<const std::uint8_t> scan) {
+  namespace layout = header::layout;
   ReadModel in(scan);
-  std::uint8_t magic[8] = {};
+  std::uint8_t magic[layout::kSignature.size] = {};
   in.read(magic, sizeof magic);
   bool known = false;
-  for (const char* m : {"MX700DAT", "#KVRSCAN", "#MX70DAT"}) known = known || std::memcmp(magic, m, 8) == 0;
+  for (const char* m : {layout::kMagicMx700Dat, layout::kMagicKvrScan, layout::kMagicMx70Dat}) {
+    known = known || std::memcmp(magic, m, sizeof magic) == 0;
+  }
   if (!known) return 0;
-  std::uint32_t layout = 0;
-  in.readField(layout);
-  in.skip(276 - 12);
+  std::uint32_t headerLayout = 0;
+  in.readField(headerLayout);
+  in.skip(layout::kFixedPartSize - layout::kDataOffset.offset);
   std::uint64_t largest = 0;
-  for (int text = 0; text < (layout == 0 ? 4 : 3); ++text) {
+  for (int text = 0; text < layout::TextCount(headerLayout); ++text) {
     std::uint32_t length = 0;
     in.readField(length);
     largest = length > largest ? length : largest;
@@ -80,10 +87,11 @@ inline std::uint64_t LargestScanHeaderText(std::span<const std::uint8_t> scan) {
 // The largest text length or image size the camera reader meets in a camera
 // file walked record by record to its end (0 when the magic is wrong).
 inline std::uint64_t LargestCameraFileClaim(std::span<const std::uint8_t> file) {
+  namespace layout = devices::camera_layout;
   ReadModel in(file);
-  std::uint8_t signature[8] = {};
+  std::uint8_t signature[layout::kSignatureSize] = {};
   in.read(signature, sizeof signature);
-  if (std::memcmp(signature, "#KVRCAMR", 8) != 0) return 0;
+  if (std::memcmp(signature, layout::kSignature, sizeof signature) != 0) return 0;
   std::uint32_t timeStamps = 0, textLength = 0, headerValue = 0;
   in.readField(timeStamps);
   in.readField(textLength);
@@ -92,8 +100,8 @@ inline std::uint64_t LargestCameraFileClaim(std::span<const std::uint8_t> file) 
   in.readField(headerValue);
   std::uint32_t imageSize = 0;
   while (!in.ended()) {
-    if (timeStamps != 0) in.skip(8);
-    in.skip(24);
+    if (timeStamps != 0) in.skip(layout::kTimeStampSize);
+    in.skip(layout::kRecordFixedSize - 4);
     in.readField(imageSize);
     largest = imageSize > largest ? imageSize : largest;
     in.skip(imageSize);
@@ -105,10 +113,11 @@ inline std::uint64_t LargestCameraFileClaim(std::span<const std::uint8_t> file) 
 // more, which stops the process by design. Record fields carry over from record
 // to record as the loader keeps them.
 inline bool TickFileReachesOversizedSentence(std::span<const std::uint8_t> file) {
+  namespace layout = nmea::layout;
   ReadModel in(file);
-  std::uint8_t signature[8] = {};
+  std::uint8_t signature[layout::kSignatureSize] = {};
   in.read(signature, sizeof signature);
-  if (std::memcmp(signature, "#KVRSERL", 8) != 0) return false;
+  if (std::memcmp(signature, layout::kSignature, sizeof signature) != 0) return false;
   std::uint32_t version = 0, headerWord = 0;
   in.readField(version);
   if (version == 0) return false;
@@ -119,11 +128,11 @@ inline bool TickFileReachesOversizedSentence(std::span<const std::uint8_t> file)
   do {
     in.readField(ticks);
     in.readField(type);
-    if (type == 1) continue;
+    if (type == layout::kPulseRecordType) continue;
     in.readField(reserved);
     in.readField(reserved);
     in.readField(length);
-    if (length >= 1024) return true;
+    if (length >= layout::kSentenceBufferSize) return true;
     in.skip(length);
   } while (!in.ended());
   return false;

@@ -5,8 +5,10 @@
 namespace kvr::writers {
 
 void PutBlockHeader(std::span<std::uint8_t> block, const BlockHeaderFields& f) {
-  const std::uint32_t packed = static_cast<std::uint32_t>((f.timeStamp >> 32) & 0xFF) |
-                               ((f.castBlockNumber & 0x7FF) << 8) | ((f.shotCount & 0x1FFF) << 19);
+  using namespace fifo::layout;
+  const std::uint32_t packed = static_cast<std::uint32_t>((f.timeStamp >> 32) & kTimeStampHighMask) |
+                               ((f.castBlockNumber << kCastBlockNumberShift) & kCastBlockNumberMask) |
+                               ((f.shotCount & kMaxShotCount) << kShotCountShift);
   const std::uint32_t words[3] = {f.signature, static_cast<std::uint32_t>(f.timeStamp), packed};
   for (int w = 0; w < 3; ++w) {
     for (int b = 0; b < 4; ++b) block[4 * w + b] = static_cast<std::uint8_t>(words[w] >> (8 * b));
@@ -23,9 +25,10 @@ void FifoBlockWriter::putClipped(std::uint64_t word, std::span<const std::uint32
   const auto putByte = [this](std::size_t at, std::uint8_t value) {
     if (at < kFifoBlockSize) block_[at] = value;
   };
-  for (std::size_t i = 0; i < 8; ++i) putByte(offset_ + i, static_cast<std::uint8_t>(word >> (8 * i)));
+  for (std::size_t i = 0; i < kShotWord; ++i) putByte(offset_ + i, static_cast<std::uint8_t>(word >> (8 * i)));
   for (std::size_t k = 0; k < returns.size(); ++k) {
-    for (std::size_t i = 0; i < 4; ++i) putByte(offset_ + 8 + 4 * k + i, static_cast<std::uint8_t>(returns[k] >> (8 * i)));
+    const std::size_t at = offset_ + kShotWord + kReturnWord * k;
+    for (std::size_t i = 0; i < kReturnWord; ++i) putByte(at + i, static_cast<std::uint8_t>(returns[k] >> (8 * i)));
   }
 }
 
