@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fifo/block_layout.h"
+#include "platform/little_endian.h"
 
 // FIFO blocks of a raw scan file: 65536 bytes each, a 12-byte DmaBlockHeader,
 // then shot records packed back to back (a 64-bit shot word and one 32-bit word
@@ -87,9 +88,7 @@ class FifoBlockWriter {
  private:
   static constexpr std::size_t kShotWord = fifo::layout::kShotWordSize;
   static constexpr std::size_t kReturnWord = fifo::layout::kReturnWordSize;
-  void put(std::size_t at, std::uint64_t value, std::size_t width) {
-    for (std::size_t i = 0; i < width; ++i) block_[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
-  }
+  void put(std::size_t at, std::uint64_t value, std::size_t width) { le::StoreLow(block_.data() + at, value, width); }
   void putClipped(std::uint64_t word, std::span<const std::uint32_t> returns);
 
   std::vector<std::uint8_t> block_;
