@@ -53,6 +53,9 @@ INSTANTIATE_TEST_SUITE_P(
                       ReturnCase{"FarEndOfTheField", 1045500, 0, 0.0, SampleKind::kInRange},
                       ReturnCase{"OffsetPushesBeyondTheFarLimit", 1045500, 0, 0.1, SampleKind::kOutOfRange},
                       ReturnCase{"BeyondTheFarLimit", 1048575, 0, 0.0, SampleKind::kOutOfRange},
+                      // 2039.997 m: one count (0.00195 m) stays within the far limit, two do not.
+                      ReturnCase{"OneCountWindow", 501, 500, 2039.997, SampleKind::kInRange},
+                      ReturnCase{"OneCountWindowEndsAtOne", 502, 500, 2039.997, SampleKind::kOutOfRange},
                       ReturnCase{"OffsetBeyondTheFarLimit", 600, 500, 3000.0, SampleKind::kOutOfRange},
                       ReturnCase{"OffsetBelowTheNearLimit", 600, 500, -3000.0, SampleKind::kOutOfRange},
                       ReturnCase{"InfiniteOffset", 600, 500, kInf, SampleKind::kOutOfRange},
