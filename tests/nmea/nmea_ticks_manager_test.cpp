@@ -84,6 +84,8 @@ TEST_F(TickManager, LastBracketIsFoundInSmallTables) {
   EXPECT_EQ(std::make_pair(two->lowIndex, two->highIndex), std::make_pair(0, 1));
   const Manager five = Load(TickFileBuilder().everySecond(kP0, Utc(2020, 1, 28, 14, 30, 7), 5, Zda));
   ASSERT_NE(five, nullptr);
+  ASSERT_EQ(five->FindTickInterval(kP0 + kSecond), 0);  // a bracket holds its low pulse, not its high one
+  EXPECT_EQ(std::make_pair(five->lowIndex, five->highIndex), std::make_pair(1, 2));
   ASSERT_EQ(five->FindTickInterval(kP0 + 3 * kSecond), 0);
   EXPECT_EQ(std::make_pair(five->lowIndex, five->highIndex), std::make_pair(3, 4));
   EXPECT_EQ(five->InterpolateTime(kP0 + 3 * kSecond), 225010.0);

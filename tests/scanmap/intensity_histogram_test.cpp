@@ -22,6 +22,11 @@ TEST(BinIndex, BinsFromZeroAndSendsEverythingElseToTheLastBin) {
   EXPECT_EQ(BinIndex(-1.0, 2.5, 8), 0);  // truncation toward zero
   EXPECT_EQ(BinIndex(5.0, std::numeric_limits<double>::quiet_NaN(), 8), 7);
   EXPECT_EQ(BinIndex(5.0, std::numeric_limits<double>::infinity(), 8), 0);
+  // The 95% point is the upper edge of its bin, but never beyond the last bin's lower edge.
+  EXPECT_EQ(IntensityAt95(5, 8, 2.5), 15.0);
+  EXPECT_EQ(IntensityAt95(6, 8, 2.5), 17.5);
+  EXPECT_EQ(IntensityAt95(7, 8, 2.5), 17.5);
+  EXPECT_EQ(IntensityAt95(8, 8, 2.5), 17.5);
 }
 
 TEST(BinIndex, BinsOfABatchStopAtItsCount) {

@@ -74,6 +74,9 @@ INSTANTIATE_TEST_SUITE_P(
                       // 2039.997 m: one count (0.00195 m) stays within the far limit, two do not.
                       ReturnCase{"OneCountWindow", 501, 500, 2039.997, SampleKind::kInRange},
                       ReturnCase{"OneCountWindowEndsAtOne", 502, 500, 2039.997, SampleKind::kOutOfRange},
+                      // -2045.881 m: only the longest difference (2045.98 m) passes the near limit.
+                      ReturnCase{"OnlyTheLongestDifference", 0xFFFFF, 0, -2045.881, SampleKind::kInRange},
+                      ReturnCase{"OneShortOfTheLongest", 0xFFFFE, 0, -2045.881, SampleKind::kOutOfRange},
                       ReturnCase{"OffsetBeyondTheFarLimit", 600, 500, 3000.0, SampleKind::kOutOfRange},
                       ReturnCase{"OffsetBelowTheNearLimit", 600, 500, -3000.0, SampleKind::kOutOfRange},
                       ReturnCase{"InfiniteOffset", 600, 500, kInf, SampleKind::kOutOfRange},
