@@ -64,12 +64,18 @@ class DumpBuffer {
   std::FILE* stream_ = nullptr;
 };
 
-int RunBlocks(const ParsedArgs& args, Context& context) {
-  ScanSource scan(args.positional()[0]);
+struct BlocksOptions {
+  std::string scan;
+  std::optional<std::int64_t> first, count;
+  bool json = false;
+};
+
+int RunBlocks(const BlocksOptions& args, Context& context) {
+  ScanSource scan(args.scan);
   DumpBuffer dump;
   if (!dump.ok()) throw ToolError("cannot make a memory stream for the dump");
-  const auto first = static_cast<std::uint64_t>(args.integer("first", 0, INT32_MAX).value_or(0));
-  const std::uint64_t limit = static_cast<std::uint64_t>(args.integer("count", 0, INT64_MAX).value_or(INT64_MAX));
+  const auto first = static_cast<std::uint64_t>(args.first.value_or(0));
+  const std::uint64_t limit = static_cast<std::uint64_t>(args.count.value_or(INT64_MAX));
   if (first > 0 && fseeko(*scan.stream(), static_cast<off_t>(scan.header().dataOffset + first * kBlockSize), SEEK_SET) != 0) {
     throw FileError(scan.path(), "cannot seek to block " + std::to_string(first));
   }
@@ -138,27 +144,24 @@ int RunBlocks(const ParsedArgs& args, Context& context) {
   return damage.empty() ? kExitOk : context.damaged(scan.path() + ": " + damage);
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"first", 0, "N", "start at block N (default 0)"},
-    {"count", 0, "N", "show at most N blocks"},
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kBlocksCommand{
+constexpr CommandInfo kInfo{
     "blocks",
     "SCAN [--first N] [--count N] [--json]",
     "the block dump: time stamp, signature, cast block number and shot count of every FIFO block",
     "Each line is the library's Dump of one block, with the block's index, file offset and time\n"
     "(the time stamp in seconds since the scanner's tick counter started). Blocks with a bad\n"
     "signature are marked, and make the exit status 1.",
-    kOptions,
-    kPositional,
-    1,
-    RunBlocks,
 };
+
+}  // namespace
+
+void AddBlocksCommand(CommandSet& commands) {
+  auto options = std::make_shared<BlocksOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunBlocks);
+  AddInput(command, "SCAN", options->scan);
+  AddInteger(command, "--first", "N", options->first, 0, INT32_MAX, "start at block N (default 0)");
+  AddInteger(command, "--count", "N", options->count, 0, INT64_MAX, "show at most N blocks");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

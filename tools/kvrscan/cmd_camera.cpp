@@ -51,11 +51,17 @@ std::uint32_t U32At(std::FILE* in, std::uint64_t offset) {
   return 0;
 }
 
-int RunCamera(const ParsedArgs& args, Context& context) {
-  const std::string& path = args.positional()[0];
+struct CameraOptions {
+  std::string file;
+  std::optional<std::string> extract;
+  bool json = false;
+};
+
+int RunCamera(const CameraOptions& args, Context& context) {
+  const std::string& path = args.file;
   const std::uint64_t size = ReadableFileSize(path);
   const std::wstring wide = WidePath(path);
-  const std::optional<std::string> extractTo = args.value("extract");
+  const std::optional<std::string>& extractTo = args.extract;
   CameraFile file;
   try {
     file.stream = ReadCameraFileHeader(wide.c_str(), file.header);
@@ -163,24 +169,22 @@ int RunCamera(const ParsedArgs& args, Context& context) {
   return damage.empty() ? kExitOk : context.damaged(path + ": " + damage);
 }
 
-constexpr std::string_view kPositional[] = {"FILE"};
-
-constexpr OptionSpec kOptions[] = {
-    {"extract", 'x', "DIR", "write every image to DIR as image_NNNN.<type> (type from its first bytes)"},
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kCameraCommand{
+constexpr CommandInfo kInfo{
     "camera",
     "FILE [-x DIR] [--json]",
     "a camera file (#KVRCAMR): its header and image records; -x writes the images out",
     "",
-    kOptions,
-    kPositional,
-    1,
-    RunCamera,
 };
+
+}  // namespace
+
+void AddCameraCommand(CommandSet& commands) {
+  auto options = std::make_shared<CameraOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunCamera);
+  AddInput(command, "FILE", options->file);
+  AddText(command, "-x,--extract", "DIR", options->extract,
+          "write every image to DIR as image_NNNN.<type> (type from its first bytes)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

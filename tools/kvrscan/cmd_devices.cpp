@@ -207,8 +207,14 @@ void ReportText(TextReport& report, const std::string& path, const AncillaryDevi
   }
 }
 
-int RunDevices(const ParsedArgs& args, Context& context) {
-  const std::string& path = args.positional()[0];
+struct DevicesOptions {
+  std::string file;
+  bool records = false;
+  bool json = false;
+};
+
+int RunDevices(const DevicesOptions& args, Context& context) {
+  const std::string& path = args.file;
   const std::uint64_t size = ReadableFileSize(path);
   const std::wstring wide = WidePath(path);
   AncillaryDevicesData data;
@@ -225,7 +231,7 @@ int RunDevices(const ParsedArgs& args, Context& context) {
   }
   if (result != 0) throw FileError(path, "header cut short: the file holds no readings");
   const Framing framing = CheckFraming(path, size, data.version);
-  const bool listRecords = args.has("records");
+  const bool listRecords = args.records;
   if (context.json) {
     JsonWriter json;
     json.beginObject();
@@ -250,25 +256,22 @@ int RunDevices(const ParsedArgs& args, Context& context) {
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"FILE"};
-
-constexpr OptionSpec kOptions[] = {
-    {"records", 0, "", "list every reading (the JSON then holds them all)"},
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kDevicesCommand{
+constexpr CommandInfo kInfo{
     "devices",
     "FILE [--records] [--json]",
     "a device data file (#KVRDEVC): calibration blocks and readings by type",
     "Tilt angles of the type 1 readings and the type 7 reading nearest each type 2 reading are the\n"
     "library's. The JSON names the fields as the library's AncillaryDevicesData does.",
-    kOptions,
-    kPositional,
-    1,
-    RunDevices,
 };
+
+}  // namespace
+
+void AddDevicesCommand(CommandSet& commands) {
+  auto options = std::make_shared<DevicesOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunDevices);
+  AddInput(command, "FILE", options->file);
+  AddFlag(command, "--records", options->records, "list every reading (the JSON then holds them all)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

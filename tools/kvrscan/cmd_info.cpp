@@ -297,10 +297,17 @@ void StatisticsText(TextReport& report, const ScanStatistics& s, const BlockWalk
   }
 }
 
-int RunInfo(const ParsedArgs& args, Context& context) {
-  ScanSource scan(args.positional()[0]);
+struct InfoOptions {
+  std::string scan;
+  bool stats = false;
+  bool texts = false;
+  bool json = false;
+};
+
+int RunInfo(const InfoOptions& args, Context& context) {
+  ScanSource scan(args.scan);
   const OpticalModel::CalibrationParameters calibration = GetCalibrationParameters(scan.header());
-  const bool withStats = args.has("stats");
+  const bool withStats = args.stats;
   std::unique_ptr<BlockWalk> walk;
   ScanStatistics stats;
   if (withStats) {
@@ -331,7 +338,7 @@ int RunInfo(const ParsedArgs& args, Context& context) {
     HeaderText(report, scan);
     CalibrationText(report, calibration, h.prf);
     if (withStats) StatisticsText(report, stats, *walk);
-    if (args.has("texts")) {
+    if (args.texts) {
       const auto text = [&](std::string_view title, const char* body, std::uint32_t length) {
         report.heading(title);
         report.line(PrintableText(StoredText(body, length)));
@@ -353,27 +360,24 @@ int RunInfo(const ParsedArgs& args, Context& context) {
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"stats", 0, "", "walk every block: shots, returns, points, ranges, bounds"},
-    {"texts", 0, "", "print the header's four texts in full (the JSON always has them)"},
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kInfoCommand{
+constexpr CommandInfo kInfo{
     "info",
     "SCAN [--stats] [--texts] [--json]",
     "the header of a raw scan file: texts, PRF tables, calibration values and parameters, side table",
     "Reads only the header unless --stats is given. The JSON names every header field as the\n"
     "library's RawFileHeader does, under metadata; num_points and bounds (x, y, z as export writes\n"
     "them) come with --stats.",
-    kOptions,
-    kPositional,
-    1,
-    RunInfo,
 };
+
+}  // namespace
+
+void AddInfoCommand(CommandSet& commands) {
+  auto options = std::make_shared<InfoOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunInfo);
+  AddInput(command, "SCAN", options->scan);
+  AddFlag(command, "--stats", options->stats, "walk every block: shots, returns, points, ranges, bounds");
+  AddFlag(command, "--texts", options->texts, "print the header's four texts in full (the JSON always has them)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

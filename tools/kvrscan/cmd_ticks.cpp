@@ -19,12 +19,19 @@ std::string_view RecordKind(const TickRecord& record) {
   return record.type == 1 ? std::string_view("pulse") : SentenceKind(record.text);
 }
 
-int RunTicks(const ParsedArgs& args, Context& context) {
-  const std::string& path = args.positional()[0];
-  const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
+struct TicksOptions {
+  std::string file;
+  bool records = false;
+  std::optional<std::int64_t> timeOffset;
+  bool json = false;
+};
+
+int RunTicks(const TicksOptions& args, Context& context) {
+  const std::string& path = args.file;
+  const auto offset = static_cast<int>(args.timeOffset.value_or(0));
   TicksManager ticks(path, offset);
   const TickFileContents& contents = ticks.contents();
-  const bool listRecords = args.has("records");
+  const bool listRecords = args.records;
 
   std::uint64_t pulses = 0, pulsesWithTime = 0;
   std::map<std::string, std::uint64_t> sentenceKinds;
@@ -116,26 +123,24 @@ int RunTicks(const ParsedArgs& args, Context& context) {
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"FILE"};
-
-constexpr OptionSpec kOptions[] = {
-    {"records", 0, "", "list every record: offset, ticks, kind, and the pulse's time or the sentence"},
-    kTimeOffsetOption,
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kTicksCommand{
+constexpr CommandInfo kInfo{
     "ticks",
     "FILE [--records] [--time-offset SECONDS] [--json]",
     "a tick file (Serial.dat): its pulses and time sentences, and the time of week of each pulse",
     "The times are the library's: the tick manager pairs each pulse with the sentence that names\n"
     "it and interpolates between pairs; 'unknown' (-1 in JSON) where the file does not cover a tick.",
-    kOptions,
-    kPositional,
-    1,
-    RunTicks,
 };
+
+}  // namespace
+
+void AddTicksCommand(CommandSet& commands) {
+  auto options = std::make_shared<TicksOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunTicks);
+  AddInput(command, "FILE", options->file);
+  AddFlag(command, "--records", options->records,
+          "list every record: offset, ticks, kind, and the pulse's time or the sentence");
+  AddTimeOffsetOption(command, options->timeOffset);
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan
