@@ -17,7 +17,7 @@ constexpr std::string_view kDecodeFifoBlockContext =
     "FifoBlock &fifoBlock, double cycleSyncTow)";
 constexpr std::string_view kOffsetPastBlockMessage = "bufferOffset >= SIZEOFFIFOBLOCK";
 
-constexpr std::size_t kBlockSize = optics::SIZEOFFIFOBLOCK;
+constexpr std::size_t kBlockSize = SIZEOFFIFOBLOCK;
 // The longest record: a shot word and four return words. A shot that starts at
 // or before kBlockSize - kLongestShot lies wholly inside the block.
 constexpr std::size_t kLongestShot = 8 + 4 * ReturnWords::kCapacity;

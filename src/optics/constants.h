@@ -28,7 +28,4 @@ inline constexpr std::uint64_t kSignatureKvrScan = MagicValue("#KVRSCAN");
 inline constexpr std::uint64_t kSignatureMx70Dat = MagicValue("#MX70DAT");
 inline constexpr std::uint64_t kSignatureMx700Dat = MagicValue("MX700DAT");
 
-inline constexpr std::uint32_t kFifoBlockSignature = 0xAAAAAAAAu;
-inline constexpr std::size_t SIZEOFFIFOBLOCK = 65536;
-
 }  // namespace kvr::optics

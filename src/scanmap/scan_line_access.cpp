@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "kvr_decode/fifo_block.h"
-#include "optics/constants.h"
+#include "fifo/block_layout.h"
 #include "optics/conversions.h"
 #include "platform/file_system.h"
 #include "scanmap/truncation.h"
@@ -41,7 +41,7 @@ int FillScanLineCachedBlock(int scanLineIndex, std::FILE** fp, ScanFileMap& map,
   cache.shots.clear();
   if (fp == nullptr || *fp == nullptr) return -1;  // no stream: read as a file that ends at once
 
-  platform::SeekAbsolute(*fp, std::uint64_t{block} * optics::SIZEOFFIFOBLOCK + map.dataStartOffset);
+  platform::SeekAbsolute(*fp, std::uint64_t{block} * fifo::SIZEOFFIFOBLOCK + map.dataStartOffset);
   const int result = DecodeNextFifoBlock(fp, map.fileHeader, static_cast<int>(block), cache, ticksManager);
   if (result < 0) return result;
 

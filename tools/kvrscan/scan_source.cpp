@@ -9,14 +9,16 @@
 #include <vector>
 
 #include "errors.h"
+#include "header/header_layout.h"
 #include "kvr_decode/file_header.h"
 
 namespace kvrscan {
 
 namespace {
 
-constexpr std::uint64_t kFixedHeaderSize = 276;  // up to the first text length
-constexpr std::size_t kPrfOffset = 220;
+namespace layout = kvr::header::layout;
+constexpr std::uint64_t kFixedHeaderSize = layout::kFixedPartSize;  // up to the first text length
+constexpr std::size_t kPrfOffset = layout::kPrf.offset;
 
 std::uint32_t LoadU32(const unsigned char* p) {
   return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
@@ -38,12 +40,11 @@ std::vector<unsigned char> ReadPrefix(const std::string& path, std::uint64_t cou
 // file), or 0 when the file ends before the lengths say it should.
 std::uint64_t HeaderBlockSizeIn(const std::vector<unsigned char>& bytes) {
   if (bytes.size() < kFixedHeaderSize) return 0;
-  const std::uint32_t layout = LoadU32(bytes.data() + 8);
-  const int texts = layout == 0 ? 4 : 3;
+  const int texts = layout::TextCount(LoadU32(bytes.data() + layout::kHeaderLayout.offset));
   std::uint64_t at = kFixedHeaderSize;
   for (int i = 0; i < texts; ++i) {
-    if (at + 4 > bytes.size()) return 0;
-    at += 4 + LoadU32(bytes.data() + at);
+    if (at + layout::kTextLengthSize > bytes.size()) return 0;
+    at += layout::kTextLengthSize + LoadU32(bytes.data() + at);
   }
   return at <= bytes.size() ? at : 0;
 }
@@ -116,8 +117,8 @@ std::string PrintableText(std::string_view text) {
 
 ScannerKind KindOf(const RawFileHeaderBlock& header) {
   const std::string_view magic(reinterpret_cast<const char*>(header.signature), sizeof header.signature);
-  if (magic == "#KVRSCAN" || magic == "#MX70DAT") return ScannerKind::kNinetyDegree;
-  if (magic == "MX700DAT") return ScannerKind::kThreeSixtyDegree;
+  if (magic == layout::kMagicKvrScan || magic == layout::kMagicMx70Dat) return ScannerKind::kNinetyDegree;
+  if (magic == layout::kMagicMx700Dat) return ScannerKind::kThreeSixtyDegree;
   return ScannerKind::kUnknown;
 }
 
@@ -170,10 +171,8 @@ std::uint64_t ScanSource::trailingBytes() const {
 }
 
 std::uint64_t ScanSource::headerBlockSize() const {
-  std::uint64_t size = kFixedHeaderSize + 12 + std::uint64_t{header_.calibrationTextLength} +
-                       header_.parameterTextLength + header_.thirdTextLength;
-  if (header_.headerLayout == 0) size += 4 + std::uint64_t{header_.fourthTextLength};
-  return size;
+  return layout::BlockSize(header_.headerLayout, header_.calibrationTextLength, header_.parameterTextLength,
+                           header_.thirdTextLength, header_.fourthTextLength);
 }
 
 void ScanSource::rewindToData() {
@@ -195,11 +194,11 @@ void ScanSource::seekToBlock(std::uint64_t block) {
 void ScanSource::explainRefusal() {
   ReleaseFileHeader(header_);
   const std::vector<unsigned char> bytes = ReadPrefix(path_, kPrfOffset + 4);
-  if (bytes.size() < 8) {
+  if (bytes.size() < layout::kSignature.size) {
     throw FileError(path_, "too short for a scan file header (" + std::to_string(fileSize_) + " bytes)");
   }
-  const std::string_view magic(reinterpret_cast<const char*>(bytes.data()), 8);
-  if (magic != "#KVRSCAN" && magic != "#MX70DAT" && magic != "MX700DAT") {
+  const std::string_view magic(reinterpret_cast<const char*>(bytes.data()), layout::kSignature.size);
+  if (magic != layout::kMagicKvrScan && magic != layout::kMagicMx70Dat && magic != layout::kMagicMx700Dat) {
     throw FileError(path_, "not a raw scan file: its magic is \"" + PrintableBytes(magic) +
                                "\", expected #KVRSCAN, #MX70DAT or MX700DAT");
   }

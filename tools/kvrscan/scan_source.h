@@ -5,11 +5,12 @@
 #include <string>
 #include <string_view>
 
+#include "fifo/block_layout.h"
 #include "kvr_decode/raw_file_header.h"
 
 namespace kvrscan {
 
-inline constexpr std::uint64_t kBlockSize = 65536;
+inline constexpr std::uint64_t kBlockSize = kvr::fifo::SIZEOFFIFOBLOCK;
 
 // The wide name the library's functions take: the UTF-8 path decoded (the library
 // encodes it back to UTF-8 to open the file). ToolError for a name that is not

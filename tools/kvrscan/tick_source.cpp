@@ -10,13 +10,15 @@
 #include "errors.h"
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
+#include "nmea/tick_layout.h"
 #include "scan_source.h"
 
 namespace kvrscan {
 
 namespace {
 
-constexpr std::uint32_t kSentenceLimit = 1024;  // the library's sentence buffer
+namespace layout = kvr::nmea::layout;
+constexpr std::uint32_t kSentenceLimit = layout::kSentenceBufferSize;  // the library's sentence buffer
 
 class ByteReader {
  public:
@@ -54,7 +56,7 @@ TickFileContents ReadTickFile(const std::string& path) {
   ByteReader reader(in);
   char signature[8] = {};
   const bool whole = reader.read(signature, sizeof signature);
-  if (!whole || std::memcmp(signature, "#KVRSERL", 8) != 0) {
+  if (!whole || std::memcmp(signature, layout::kSignature, layout::kSignatureSize) != 0) {
     std::fclose(in);
     throw FileError(path, "not a tick file: its signature is \"" +
                               PrintableBytes(std::string_view(signature, reader.got())) + "\", expected #KVRSERL");
@@ -74,7 +76,7 @@ TickFileContents ReadTickFile(const std::string& path) {
   const auto refuseLength = [&](std::uint64_t offset, std::uint32_t length) {
     std::fclose(in);
     throw FileError(path, "the sentence record at offset " + std::to_string(offset) + " declares " +
-                              std::to_string(length) + " bytes of text (at most 1023)");
+                              std::to_string(length) + " bytes of text (at most " + std::to_string(layout::kLongestSentence) + ")");
   };
   while (reader.offset() < size) {
     TickRecord record;
@@ -82,7 +84,7 @@ TickFileContents ReadTickFile(const std::string& path) {
     std::uint32_t reserved[2] = {};
     std::uint32_t length = 0;
     if (!reader.le(record.ticks) || !reader.le(record.type)) break;
-    if (record.type != 1) {
+    if (record.type != layout::kPulseRecordType) {
       if (!reader.le(reserved[0]) || !reader.le(reserved[1])) break;
       unsigned char lengthBytes[4] = {};
       if (!reader.read(lengthBytes, sizeof lengthBytes)) {
@@ -100,10 +102,12 @@ TickFileContents ReadTickFile(const std::string& path) {
     }
     contents.records.push_back(std::move(record));
   }
-  if (!contents.records.empty() || reader.offset() > 16) {
+  if (!contents.records.empty() || reader.offset() > layout::kHeaderSize) {
+    const TickRecord* last = contents.records.empty() ? nullptr : &contents.records.back();
     const std::uint64_t parsedEnd =
-        contents.records.empty() ? 16 : contents.records.back().offset + 12 +
-                                             (contents.records.back().type == 1 ? 0 : 12 + contents.records.back().text.size());
+        last == nullptr                          ? layout::kHeaderSize
+        : last->type == layout::kPulseRecordType ? last->offset + layout::kPulseRecordSize
+                                                 : last->offset + layout::kSentenceRecordFixedSize + last->text.size();
     contents.cutShortBytes = size > parsedEnd ? size - parsedEnd : 0;
   }
   std::fclose(in);
