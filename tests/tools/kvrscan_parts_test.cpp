@@ -8,6 +8,7 @@
 #include <limits>
 #include <optional>
 
+#include <nlohmann/json.hpp>
 #include <png.h>
 
 #include "errors.h"
@@ -66,6 +67,8 @@ TEST(KvrscanJson, AnyByteStringBecomesValidJson) {
   std::string out;
   AppendJsonString(out, std::string("q\"b\\s\n\x01\t", 8) + "\xC3\xA9" + "\xFF" + "\xC3");
   EXPECT_EQ(out, "\"q\\\"b\\\\s\\n\\u0001\\t\xC3\xA9\\u00ff\\u00c3\"");
+  // A strict parser takes it, and reads the stray bytes back as the code points they were escaped as.
+  EXPECT_EQ(nlohmann::json::parse(out).get<std::string>(), "q\"b\\s\n\x01\t\xC3\xA9\xC3\xBF\xC3\x83");
 }
 
 TEST(KvrscanDisplayScale, LevelIsRoundedPowerOfTheClampedRatio) {

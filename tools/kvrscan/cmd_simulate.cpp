@@ -34,6 +34,31 @@ struct SimulateArguments {
   bool json = false;
 };
 
+std::string SimulateJson(const std::string& directory, const kvr::sim::SimulationOptions& options,
+                         const kvr::sim::ScanSetSummary& summary) {
+  JsonWriter json;
+  json.beginObject().field("directory", directory);
+  json.key("files").beginObject();
+  json.field("scan", summary.files.scan.string()).field("side_table", summary.files.sideTable.string());
+  json.field("normalization_params", summary.files.normalizationParams.string());
+  json.field("ticks", summary.files.ticks.string()).field("devices", summary.files.devices.string());
+  json.field("camera", summary.files.camera.string());
+  json.endObject();
+  json.field("seed", options.seed).field("kind", options.kind == kvr::sim::ScannerKind::kThreeSixty ? 360 : 90);
+  json.field("signature", summary.signature).field("prf", summary.prf);
+  json.field("num_blocks", summary.counts.blocks).field("num_lines", summary.counts.lines);
+  json.field("num_shots", summary.counts.shots).field("num_returns", summary.counts.returns);
+  json.field("shots_per_line", summary.shotsPerLine).field("scan_bytes", summary.scanFileBytes);
+  json.field("seconds", summary.seconds).field("range_offset", summary.rangeOffset);
+  json.key("room").beginObject();
+  json.field("length", summary.scene.room.length).field("width", summary.scene.room.width);
+  json.field("height", summary.scene.room.height);
+  json.endObject();
+  json.numbers("scanner_position", std::array{summary.scene.scanner.x, summary.scene.scanner.y, summary.scene.scanner.z});
+  json.endObject();
+  return json.text();
+}
+
 int RunSimulate(const SimulateArguments& args, Context& context) {
   kvr::sim::SimulationOptions options;
   options.seed = args.seed.value_or(options.seed);
@@ -61,31 +86,7 @@ int RunSimulate(const SimulateArguments& args, Context& context) {
       throw ToolError(error.what());
     }
   }
-  if (context.json) {
-    JsonWriter json;
-    json.beginObject().field("directory", directory);
-    json.key("files").beginObject();
-    json.field("scan", summary.files.scan.string()).field("side_table", summary.files.sideTable.string());
-    json.field("normalization_params", summary.files.normalizationParams.string());
-    json.field("ticks", summary.files.ticks.string()).field("devices", summary.files.devices.string());
-    json.field("camera", summary.files.camera.string());
-    json.endObject();
-    json.field("seed", options.seed).field("kind", options.kind == kvr::sim::ScannerKind::kThreeSixty ? 360 : 90);
-    json.field("signature", summary.signature).field("prf", summary.prf);
-    json.field("num_blocks", summary.counts.blocks).field("num_lines", summary.counts.lines);
-    json.field("num_shots", summary.counts.shots).field("num_returns", summary.counts.returns);
-    json.field("shots_per_line", summary.shotsPerLine).field("scan_bytes", summary.scanFileBytes);
-    json.field("seconds", summary.seconds).field("range_offset", summary.rangeOffset);
-    json.key("room").beginObject();
-    json.field("length", summary.scene.room.length).field("width", summary.scene.room.width);
-    json.field("height", summary.scene.room.height);
-    json.endObject();
-    json.numbers("scanner_position", std::array{summary.scene.scanner.x, summary.scene.scanner.y, summary.scene.scanner.z});
-    json.endObject();
-    Console::write(json.text());
-  } else {
-    Console::write(kvr::sim::DescribeScanSet(summary));
-  }
+  Console::write(context.json ? SimulateJson(directory, options, summary) : kvr::sim::DescribeScanSet(summary));
   return kExitOk;
 }
 
