@@ -40,11 +40,11 @@ void AppendReading(const std::uint8_t* p, std::uint64_t time, std::uint32_t type
     case 3: {
       DeviceRecord3 r;
       r.time = time;
-      r.w[0] = U32At(p, 0);
-      r.w[4] = U32At(p, 1);
-      r.w[1] = U32At(p, 2);
-      r.w[2] = U32At(p, 3);
-      r.w[3] = U32At(p, 4);
+      r.w0 = U32At(p, 0);
+      r.w4 = U32At(p, 1);
+      r.w1 = U32At(p, 2);
+      r.w2 = U32At(p, 3);
+      r.w3 = U32At(p, 4);
       data.type3Records.push_back(r);
       break;
     }
@@ -66,9 +66,14 @@ void AppendReading(const std::uint8_t* p, std::uint64_t time, std::uint32_t type
     case 7: {
       DeviceRecord7 r;
       r.time = time;
-      r.e[0] = U32At(p, 0);
+      r.e0 = U32At(p, 0);
       r.d = le::LoadU64(p + 4);
-      for (int i = 1; i < 7; ++i) r.e[i] = U32At(p, i + 2);
+      r.e1 = U32At(p, 3);
+      r.e2 = U32At(p, 4);
+      r.e3 = U32At(p, 5);
+      r.e4 = U32At(p, 6);
+      r.e5 = U32At(p, 7);
+      r.e6 = U32At(p, 8);
       data.type7Records.push_back(r);
       break;
     }

@@ -7,7 +7,8 @@
 #include <string_view>
 
 #include "diag/error_manager.h"
-#include "kvr_decode/file_header.h"
+#include "header/header_block.h"
+#include "header/scan_file.h"
 #include "fifo/block_layout.h"
 #include "optics/constants.h"
 #include "platform/file_system.h"
@@ -316,8 +317,8 @@ int BuildScanFileMap(const wchar_t* scanFileName, ScanFileMap& map) {
   const std::optional<std::int32_t> binCount = ApplyNormalizationParameters(scanFileName, map);
 
   // The record owns one header copy at a time.
-  ReleaseFileHeader(map.fileHeader);
-  std::FILE* stream = ReadFileHeader(scanFileName, map.fileHeader);
+  header::ReleaseFileHeader(map.fileHeader);
+  std::FILE* stream = header::ReadFileHeader(scanFileName, map.fileHeader);
   if (stream == nullptr) {
     Log(kGetScanFileMapContext, std::string(kHeaderFailedMessage), {platform::NarrowStorageBytes(scanFileName)});
     return -1;
