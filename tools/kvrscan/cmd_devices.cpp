@@ -71,6 +71,10 @@ Framing CheckFraming(const std::string& path, std::uint64_t size, std::int32_t v
   return framing;
 }
 
+// The word fields of the type 3 and type 7 readings, in file order.
+std::array<std::uint32_t, 5> WordsOf(const DeviceRecord3& r) { return {r.w0, r.w1, r.w2, r.w3, r.w4}; }
+std::array<std::uint32_t, 7> WordsOf(const DeviceRecord7& r) { return {r.e0, r.e1, r.e2, r.e3, r.e4, r.e5, r.e6}; }
+
 template <typename Record>
 std::string TickSpan(const std::vector<Record>& records) {
   if (records.empty()) return "";
@@ -109,7 +113,7 @@ void RecordsJson(JsonWriter& json, const AncillaryDevicesData& d) {
   }
   json.endArray();
   json.key("type3Records").beginArray();
-  for (const DeviceRecord3 r : d.type3Records) json.beginObject().field("time", std::uint64_t{r.time}).numbers("w", std::array<std::uint32_t, 5>{r.w0, r.w1, r.w2, r.w3, r.w4}).endObject();
+  for (const DeviceRecord3 r : d.type3Records) json.beginObject().field("time", std::uint64_t{r.time}).numbers("w", WordsOf(r)).endObject();
   json.endArray();
   json.key("type4Records").beginArray();
   for (const DeviceRecord4 r : d.type4Records) {
@@ -127,7 +131,7 @@ void RecordsJson(JsonWriter& json, const AncillaryDevicesData& d) {
   sixValues("type6Records", d.type6Records);
   json.key("type7Records").beginArray();
   for (const DeviceRecord7 r : d.type7Records) {
-    json.beginObject().field("time", std::uint64_t{r.time}).field("d", std::uint64_t{r.d}).numbers("e", std::array<std::uint32_t, 7>{r.e0, r.e1, r.e2, r.e3, r.e4, r.e5, r.e6}).endObject();
+    json.beginObject().field("time", std::uint64_t{r.time}).field("d", std::uint64_t{r.d}).numbers("e", WordsOf(r)).endObject();
   }
   json.endArray();
   json.key("type8Records").beginArray();
@@ -196,7 +200,7 @@ void ReportText(TextReport& report, const std::string& path, const AncillaryDevi
                        static_cast<unsigned long long>(r.c), r.nearestType7));
   }
   report.heading("type 3: time, w0 .. w4");
-  for (const DeviceRecord3 r : d.type3Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(std::array<std::uint32_t, 5>{r.w0, r.w1, r.w2, r.w3, r.w4}));
+  for (const DeviceRecord3 r : d.type3Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(WordsOf(r)));
   report.heading("type 4: time, values");
   for (const DeviceRecord4 r : d.type4Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.values));
   report.heading("type 5: time, values");
@@ -205,7 +209,7 @@ void ReportText(TextReport& report, const std::string& path, const AncillaryDevi
   for (const DeviceRecord6 r : d.type6Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.values));
   report.heading("type 7: time, d, e0 .. e6");
   for (const DeviceRecord7 r : d.type7Records) {
-    report.line("  " + std::to_string(std::uint64_t{r.time}) + " " + std::to_string(std::uint64_t{r.d}) + words(std::array<std::uint32_t, 7>{r.e0, r.e1, r.e2, r.e3, r.e4, r.e5, r.e6}));
+    report.line("  " + std::to_string(std::uint64_t{r.time}) + " " + std::to_string(std::uint64_t{r.d}) + words(WordsOf(r)));
   }
   report.heading("type 8: time, value");
   for (const DeviceRecord8 r : d.type8Records) {
