@@ -21,35 +21,42 @@ namespace kvrscan {
 
 namespace {
 
-const Palette& ChosenPalette(const ParsedArgs& args) {
-  const std::string name = args.value("palette").value_or("grey");
+struct ExportOptions {
+  std::string scan;
+  std::optional<std::string> output, map, ticks, palette;
+  std::optional<std::int64_t> timeOffset, threads;
+  bool json = false;
+};
+
+const Palette& ChosenPalette(const ExportOptions& args) {
+  const std::string name = args.palette.value_or("grey");
   const Palette* palette = FindPalette(name);
   if (palette == nullptr) throw UsageError("no palette named '" + name + "' (grey, viridis)");
   return *palette;
 }
 
-int RunExport(const ParsedArgs& args, Context& context) {
-  const std::string output = *args.value("output");
+int RunExport(const ExportOptions& args, Context& context) {
+  const std::string output = *args.output;
   const std::optional<PointFormat> format = PointFormatOf(output);
   if (!format) throw UsageError("the output must end in .ply or .csv, not '" + output + "'");
   const Palette& palette = ChosenPalette(args);
   // Past a few workers the file's reading and writing set the pace, and each
   // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
-      args.integer("threads", 1, 256).value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
-  ScanSource scan(args.positional()[0]);
-  const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
+      args.threads.value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
+  ScanSource scan(args.scan);
+  const auto offset = static_cast<int>(args.timeOffset.value_or(0));
   // One tick manager for each thread: a manager is not shared.
   std::vector<std::unique_ptr<TicksManager>> ticks;
   std::vector<NmeaTicksManager*> managers;
-  if (const auto tickFile = args.value("ticks")) {
+  if (const auto& tickFile = args.ticks) {
     for (unsigned i = 0; i < threads; ++i) {
       ticks.push_back(std::make_unique<TicksManager>(*tickFile, offset));
       managers.push_back(ticks.back()->get());
     }
   }
   const double rangeOffset = GetCalibrationParameters(scan.header()).rangeOffset;
-  MapSource source(scan, args.value("map"), context.showProgress);
+  MapSource source(scan, args.map, context.showProgress);
 
   const std::vector<std::string> comments = {
       "kvrscan export of " + std::filesystem::path(scan.path()).filename().string(),
@@ -91,26 +98,12 @@ int RunExport(const ParsedArgs& args, Context& context) {
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"output", 'o', "OUT", "the point file: OUT.ply (binary little-endian) or OUT.csv"},
-    kMapOption,
-    kTicksOption,
-    kTimeOffsetOption,
-    kPaletteOption,
-    {"threads", 0, "N", "threads decoding blocks and making points (default: one per processor, at most 8)"},
-    kJsonOption,
-};
-
-int RunExportChecked(const ParsedArgs& args, Context& context) {
-  if (!args.has("output")) throw UsageError("missing -o OUT.ply or -o OUT.csv");
+int RunExportChecked(const ExportOptions& args, Context& context) {
+  if (!args.output) throw UsageError("missing -o OUT.ply or -o OUT.csv");
   return RunExport(args, context);
 }
 
-}  // namespace
-
-const Command kExportCommand{
+constexpr CommandInfo kInfo{
     "export",
     "SCAN -o OUT.ply|OUT.csv [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--threads N] [--json]",
     "every return as a point: x, y, z, intensity, return number and count, line, time and colour",
@@ -122,10 +115,22 @@ const Command kExportCommand{
     "--map loads one. The points are written as they are decoded: memory does not grow with the scan.\n"
     "Workers decode blocks and make their points side by side; the points are written in file order,\n"
     "so the file is the same on any number of threads.",
-    kOptions,
-    kPositional,
-    1,
-    RunExportChecked,
 };
+
+}  // namespace
+
+void AddExportCommand(CommandSet& commands) {
+  auto options = std::make_shared<ExportOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunExportChecked);
+  AddInput(command, "SCAN", options->scan);
+  AddText(command, "-o,--output", "OUT", options->output, "the point file: OUT.ply (binary little-endian) or OUT.csv");
+  AddMapOption(command, options->map);
+  AddTicksOption(command, options->ticks);
+  AddTimeOffsetOption(command, options->timeOffset);
+  AddPaletteOption(command, options->palette);
+  AddInteger(command, "--threads", "N", options->threads, 1, 256,
+             "threads decoding blocks and making points (default: one per processor, at most 8)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

@@ -93,22 +93,29 @@ void ChooseRows(AngleAxis& axis, std::uint64_t signature, bool shotRows) {
   axis.rows = static_cast<std::uint32_t>(std::floor((axis.maxCount - axis.minCount) / axis.step)) + 1;
 }
 
-int RunRender(const ParsedArgs& args, Context& context) {
-  if (!args.has("output")) throw UsageError("missing -o OUT.png");
-  const std::string output = *args.value("output");
-  const std::string paletteName = args.value("palette").value_or("grey");
+struct RenderOptions {
+  std::string scan;
+  std::optional<std::string> output, map, palette;
+  bool shotRows = false;
+  bool json = false;
+};
+
+int RunRender(const RenderOptions& args, Context& context) {
+  if (!args.output) throw UsageError("missing -o OUT.png");
+  const std::string output = *args.output;
+  const std::string paletteName = args.palette.value_or("grey");
   const Palette* palette = FindPalette(paletteName);
   if (palette == nullptr) throw UsageError("no palette named '" + paletteName + "' (grey, viridis)");
 
-  ScanSource scan(args.positional()[0]);
-  MapSource source(scan, args.value("map"), context.showProgress);
+  ScanSource scan(args.scan);
+  MapSource source(scan, args.map, context.showProgress);
   const std::int32_t width = source.map().numberOfScanLines;
   if (width <= 0) throw FileError(scan.path(), "has no scan lines: nothing to draw");
 
   Progress progress("render " + scan.path(), context.showProgress);
   const std::uint64_t signature = ScanSignature(scan.header());
   AngleAxis axis = MeasureAngles(scan, source.lineIndexer(), width, progress);
-  ChooseRows(axis, signature, args.has("shot-rows"));
+  ChooseRows(axis, signature, args.shotRows);
   if (static_cast<std::uint64_t>(width) * axis.rows > kMaxPixels) {
     throw FileError(scan.path(), Format("the panorama would be %d x %u pixels, more than this tool draws%s", width,
                                         axis.rows, ""));
@@ -167,7 +174,7 @@ int RunRender(const ParsedArgs& args, Context& context) {
     JsonWriter json;
     json.beginObject().field("filename", scan.path()).field("output", output).field("palette", palette->name());
     json.field("width", width).field("height", axis.rows).field("scan_count_min", axis.minCount);
-    json.field("scan_count_max", axis.maxCount).field("scan_count_step", axis.step).field("shot_rows", args.has("shot-rows"));
+    json.field("scan_count_max", axis.maxCount).field("scan_count_step", axis.step).field("shot_rows", args.shotRows);
     json.field("scan_angle_top", top).field("scan_angle_bottom", bottom);
     json.field("shots_drawn", drawn).field("pixels_filled", filled);
     json.field("intensityAt95", scale.intensityAt95()).field("gamma", scale.gamma());
@@ -185,19 +192,7 @@ int RunRender(const ParsedArgs& args, Context& context) {
   return damage.empty() ? kExitOk : context.damaged(scan.path() + ": " + damage);
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"output", 'o', "OUT.png", "the image to write"},
-    {"shot-rows", 0, "", "one row per shot step, however far apart the lines are (a taller image)"},
-    kMapOption,
-    kPaletteOption,
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kRenderCommand{
+constexpr CommandInfo kInfo{
     "render",
     "SCAN -o OUT.png [--palette NAME] [--shot-rows] [--map MAPFILE] [--json]",
     "the intensity panorama: one column per scan line, one row per scan-angle step",
@@ -209,10 +204,20 @@ const Command kRenderCommand{
     "and the image has the scene's proportions; a pixel averages the shots of its line that fall\n"
     "on it. --shot-rows takes the shot step alone. Pixels without a first return in range (0.1 m\n"
     "to 2040 m) stay black. The map is built unless --map loads one.",
-    kOptions,
-    kPositional,
-    1,
-    RunRender,
 };
+
+}  // namespace
+
+void AddRenderCommand(CommandSet& commands) {
+  auto options = std::make_shared<RenderOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunRender);
+  AddInput(command, "SCAN", options->scan);
+  AddText(command, "-o,--output", "OUT.png", options->output, "the image to write");
+  AddFlag(command, "--shot-rows", options->shotRows,
+          "one row per shot step, however far apart the lines are (a taller image)");
+  AddMapOption(command, options->map);
+  AddPaletteOption(command, options->palette);
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan
