@@ -17,7 +17,7 @@ setup:
 $(BUILD_DIR)/CMakeCache.txt: | setup
 	cmake -S . -B $(BUILD_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
 
-build: $(BUILD_DIR)/CMakeCache.txt
+build: setup $(BUILD_DIR)/CMakeCache.txt
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 demo: build
@@ -30,7 +30,7 @@ $(ASAN_DIR)/CMakeCache.txt: | setup
 	cmake -S . -B $(ASAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DKVR_SANITIZE=ON -DKVR_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer; any report fails it.
-test-asan: $(ASAN_DIR)/CMakeCache.txt
+test-asan: setup $(ASAN_DIR)/CMakeCache.txt
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
