@@ -1,15 +1,38 @@
 #pragma once
 
-#include <dlfcn.h>
-
 #include <cstdio>
 #include <cstdlib>
 
-#if !defined(__GLIBC__)
-#error "LeftOpenStreams walks glibc's list of open streams"
+#if defined(_WIN32)
+#  include "support/open_descriptors.h"
+#elif defined(__GLIBC__)
+#  include <dlfcn.h>
+#else
+#  error "LeftOpenStreams walks glibc's list of open streams"
 #endif
 
 namespace kvr::test {
+
+#if defined(_WIN32)
+// Windows' C library has no list of streams to walk, but it can close every
+// stream but the standard three at once. That is exact while no other stream is
+// open when the object is made, which the constructor checks.
+class LeftOpenStreams {
+ public:
+  LeftOpenStreams() {
+    if (OpenDescriptorCount() != 3) {
+      std::fprintf(stderr, "LeftOpenStreams: a stream other than the standard ones is open\n");
+      std::abort();
+    }
+  }
+  LeftOpenStreams(const LeftOpenStreams&) = delete;
+  LeftOpenStreams& operator=(const LeftOpenStreams&) = delete;
+  ~LeftOpenStreams() { Close(); }
+
+  // The number of streams closed.
+  int Close() { return _fcloseall(); }
+};
+#else
 
 // The head of glibc's list of open streams, newest first. Looked up in the C
 // library itself: a program that declared the variable would get a copy of it
@@ -64,5 +87,7 @@ class LeftOpenStreams {
 
   std::FILE* newestBefore_;
 };
+
+#endif
 
 }  // namespace kvr::test

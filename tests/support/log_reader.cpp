@@ -1,5 +1,7 @@
 #include "support/log_reader.h"
 
+#include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "support/temp_dir.h"
@@ -14,7 +16,9 @@ const std::string kIndent(30, ' ');
 std::string ReadLogText(const std::filesystem::path& dir) {
   const auto path = dir / kLogName;
   if (!std::filesystem::exists(path)) return "";
-  return ReadFileText(path);
+  // Read as the text file it is, so Windows line ends read as "\n".
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void ClearLog(const std::filesystem::path& dir) {
