@@ -1,7 +1,5 @@
 #include "support/log_reader.h"
 
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 #include "support/temp_dir.h"
@@ -16,9 +14,7 @@ const std::string kIndent(30, ' ');
 std::string ReadLogText(const std::filesystem::path& dir) {
   const auto path = dir / kLogName;
   if (!std::filesystem::exists(path)) return "";
-  // Read as the text file it is, so Windows line ends read as "\n".
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return ReadTextModeFile(path);
 }
 
 void ClearLog(const std::filesystem::path& dir) {

@@ -63,6 +63,11 @@ std::string ReadFileText(const std::filesystem::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+std::string ReadTextModeFile(const std::filesystem::path& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 std::vector<std::uint8_t> ReadFileBytes(const std::filesystem::path& path) {
   const std::string text = ReadFileText(path);
   return std::vector<std::uint8_t>(text.begin(), text.end());
