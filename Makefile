@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_FLAGS ?=
 
-.PHONY: all setup build demo test test-asan bench fuzz fuzz-seeds clean
+.PHONY: all setup build demo test test-asan test-windows windows-packages bench fuzz fuzz-seeds clean
 
 all: build
 
@@ -35,6 +35,27 @@ test-asan: setup $(ASAN_DIR)/CMakeCache.txt
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
 
+WINDOWS_DIR ?= build-windows
+WINDOWS_CMAKE_FLAGS ?=
+WINE ?= /usr/lib/wine/wine64
+# The tests' Wine prefix lives in the build folder (the toolchain file runs every
+# program with it); WINEDEBUG=-all keeps Wine's own messages out.
+WINE_ENV = WINEPREFIX=$(abspath $(WINDOWS_DIR))/wine-prefix WINEDEBUG=-all
+
+windows-packages:
+	tools/setup/install_packages.sh tools/setup/windows_packages.txt
+
+$(WINDOWS_DIR)/CMakeCache.txt: | windows-packages
+	cmake -S . -B $(WINDOWS_DIR) $(GENERATOR) -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/x86_64-w64-mingw32.cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVR_WINE=$(WINE) -DKVR_GTEST_SOURCE_DIR=/usr/src/googletest \
+	  -DKVR_BUILD_KVRSCAN=OFF -DKVR_BUILD_BENCH=OFF $(WINDOWS_CMAKE_FLAGS)
+
+# Cross-builds kvr_decode.dll and the tests with MinGW-w64 and runs them under Wine.
+test-windows: windows-packages $(WINDOWS_DIR)/CMakeCache.txt
+	cmake --build $(WINDOWS_DIR) -j $(JOBS)
+	$(WINE_ENV) $(WINE) wineboot --init
+	ctest --test-dir $(WINDOWS_DIR) --output-on-failure -j $(JOBS)
+
 bench: build
 	cmake --build $(BUILD_DIR) --target bench
 
@@ -53,4 +74,4 @@ fuzz-seeds: build
 	$(BUILD_DIR)/tests/kvr_fuzz_seeds fuzz/corpus
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(FUZZ_DIR) $(WINDOWS_DIR)

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "devices/discard_bytes.h"
+#include "platform/number_text.h"
 #include "platform/stream_reader.h"
 
 namespace kvr::devices {
@@ -51,7 +52,7 @@ std::map<std::string, double> ParseCalibrationText(std::string_view text) {
       tokens[count++] = line.substr(at, end - at);
       at = end;
     }
-    if (count == 2) table[std::string(tokens[0])] = std::atof(std::string(tokens[1]).c_str());
+    if (count == 2) table[std::string(tokens[0])] = platform::Atof(std::string(tokens[1]).c_str());
   }
   return table;
 }

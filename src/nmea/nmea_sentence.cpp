@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "nmea/checked_access.h"
+#include "platform/number_text.h"
 
 namespace kvr::nmea {
 
@@ -76,7 +77,7 @@ bool IsUtcName(std::string_view token) {
   return Matches(token, pattern);
 }
 
-double Atof(std::string_view field) { return std::atof(std::string(field).c_str()); }
+double Atof(std::string_view field) { return platform::Atof(std::string(field).c_str()); }
 int Atoi(std::string_view field) { return std::atoi(std::string(field).c_str()); }
 
 // hhmmss.fff. The fraction is always taken as milliseconds: ".45" is 45 ms.

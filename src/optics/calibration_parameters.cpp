@@ -8,6 +8,8 @@
 #include <iostream>
 #include <string_view>
 
+#include "platform/number_text.h"
+
 namespace kvr::optics {
 namespace {
 
@@ -86,7 +88,7 @@ class TagValues {
       // atof stops at the closing tag's '<', so reading from the value's start
       // reads exactly the value; a closing tag placed before the opening one
       // leaves the rest of the text as the value.
-      values_[tag] = std::atof(stripped.c_str() + open_[tag]);
+      values_[tag] = platform::Atof(stripped.c_str() + open_[tag]);
     }
   }
 

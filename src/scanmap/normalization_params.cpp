@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/file_system.h"
+#include "platform/number_text.h"
 #include "scanmap/truncation.h"
 
 namespace kvr::scanmap {
@@ -39,7 +40,7 @@ std::map<std::string, double> ReadKeyValues(std::FILE* in) {
     if (std::fgets(line, kLineBufferSize, in) == nullptr && std::ferror(in)) break;  // e.g. a directory
     line[std::strcspn(line, "\r\n")] = 0;
     const std::vector<std::string> tokens = Tokens(line);
-    if (tokens.size() >= 2) values[tokens[0]] = std::atof(tokens[1].c_str());
+    if (tokens.size() >= 2) values[tokens[0]] = platform::Atof(tokens[1].c_str());
   } while (!std::feof(in));
   return values;
 }

@@ -1,8 +1,11 @@
 #include "kvr_decode/camera_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
+
+#if defined(__linux__)
+#  include <sys/resource.h>
+#  include <unistd.h>
+#endif
 
 #include <cstring>
 #include <fstream>
@@ -25,14 +28,6 @@ using namespace std::string_literals;
 std::string Image(const CameraFileRecord& r, std::size_t n) { return {reinterpret_cast<const char*>(r.imageData), n}; }
 std::vector<std::uint32_t> Values(const CameraFileRecord& r) {
   return {std::begin(r.recordValues), std::end(r.recordValues)};
-}
-
-// /proc/self/statm field 0 is the address space, field 1 the resident set, in pages.
-long StatmBytes(int field) {
-  std::ifstream statm("/proc/self/statm");
-  long value = 0;
-  for (int i = 0; i <= field; ++i) statm >> value;
-  return value * sysconf(_SC_PAGESIZE);
 }
 
 class CameraFile : public test::InTempDir {
@@ -135,30 +130,6 @@ TEST_F(CameraFile, RecordCutShortKeepsThePreviousBytesOfWhatDidNotArrive) {
   EXPECT_EQ(GetNextCameraFileRecord(nullptr, header_, records_.back()), -1);
 }
 
-TEST_F(CameraFile, LengthsBeyondTheFileGetBuffersOfTheStatedLengthThatCostNoMemory) {
-  const long residentBefore = StatmBytes(1);
-  ASSERT_NE(Open(CameraFileBuilder({.text = "short", .statedTextLength = 0xFFFFFFFF, .headerValue = 0xCAFE}).bytes()),
-            nullptr);
-  EXPECT_EQ(header_.textLength, 0xFFFFFFFFu);
-  // The text takes in the header value's bytes; the value itself finds nothing.
-  EXPECT_EQ(std::string(header_.text, 9), "short\xFE\xCA\0\0"s);
-  EXPECT_EQ(header_.text[0xFFFFFFFFu], 0);
-  EXPECT_EQ(header_.headerValue, 0u);
-  std::fclose(stream_);
-  ReleaseCameraFileHeader(header_);
-
-  CameraFileBuilder images({.timeStampFlag = 0});
-  images.record({.values = {1}, .image = ImageBytes("0123456789"), .statedImageSize = 0xFFFFFFFF});
-  ASSERT_NE(Open(images.bytes()), nullptr);
-  const CameraFileRecord huge = Next();
-  EXPECT_EQ(huge.imageSize, 0xFFFFFFFFu);
-  EXPECT_EQ(Image(huge, 11), "0123456789"s + '\0');
-  EXPECT_EQ(huge.imageData[0xFFFFFFFFu], 0);
-  EXPECT_TRUE(std::feof(stream_));
-  // Two buffers of 4 GiB, of which only the pages read or probed are touched.
-  EXPECT_LT(StatmBytes(1) - residentBefore, 64l << 20);
-}
-
 struct OpenFailureCase {
   const char* name;
   std::vector<std::uint8_t> bytes;  // written to "camera.dat"
@@ -211,6 +182,41 @@ INSTANTIATE_TEST_SUITE_P(Files, CameraFileOpenFailure,
                                              "#KVRCA.."}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// Memory is measured through /proc and limited with setrlimit in a forked
+// child: Linux only. The reader's allocations are the same code everywhere.
+#if defined(__linux__)
+// /proc/self/statm field 0 is the address space, field 1 the resident set, in pages.
+long StatmBytes(int field) {
+  std::ifstream statm("/proc/self/statm");
+  long value = 0;
+  for (int i = 0; i <= field; ++i) statm >> value;
+  return value * sysconf(_SC_PAGESIZE);
+}
+
+TEST_F(CameraFile, LengthsBeyondTheFileGetBuffersOfTheStatedLengthThatCostNoMemory) {
+  const long residentBefore = StatmBytes(1);
+  ASSERT_NE(Open(CameraFileBuilder({.text = "short", .statedTextLength = 0xFFFFFFFF, .headerValue = 0xCAFE}).bytes()),
+            nullptr);
+  EXPECT_EQ(header_.textLength, 0xFFFFFFFFu);
+  // The text takes in the header value's bytes; the value itself finds nothing.
+  EXPECT_EQ(std::string(header_.text, 9), "short\xFE\xCA\0\0"s);
+  EXPECT_EQ(header_.text[0xFFFFFFFFu], 0);
+  EXPECT_EQ(header_.headerValue, 0u);
+  std::fclose(stream_);
+  ReleaseCameraFileHeader(header_);
+
+  CameraFileBuilder images({.timeStampFlag = 0});
+  images.record({.values = {1}, .image = ImageBytes("0123456789"), .statedImageSize = 0xFFFFFFFF});
+  ASSERT_NE(Open(images.bytes()), nullptr);
+  const CameraFileRecord huge = Next();
+  EXPECT_EQ(huge.imageSize, 0xFFFFFFFFu);
+  EXPECT_EQ(Image(huge, 11), "0123456789"s + '\0');
+  EXPECT_EQ(huge.imageData[0xFFFFFFFFu], 0);
+  EXPECT_TRUE(std::feof(stream_));
+  // Two buffers of 4 GiB, of which only the pages read or probed are touched.
+  EXPECT_LT(StatmBytes(1) - residentBefore, 64l << 20);
+}
+
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kAddressSanitizer = true;
 #elif defined(__has_feature)
@@ -257,6 +263,8 @@ TEST_F(CameraFile, ImageThatCannotBeAllocatedIsSkippedWithMinusThree) {
   EXPECT_EQ(entries[0].message, "Error Allocating 4294967295 bytes to store image data");
   EXPECT_TRUE(entries[0].details.empty());
 }
+
+#endif  // __linux__
 
 }  // namespace
 }  // namespace kvr

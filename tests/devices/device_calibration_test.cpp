@@ -12,6 +12,15 @@ namespace {
 
 using namespace std::string_literals;
 
+// A stream holding the text (a temporary file: memory streams are POSIX only).
+std::FILE* StreamOf(const std::string& text) {
+  std::FILE* stream = std::tmpfile();
+  if (stream == nullptr) return nullptr;
+  std::fwrite(text.data(), 1, text.size(), stream);
+  std::rewind(stream);
+  return stream;
+}
+
 struct AlphaCase {
   const char* name;
   std::string text;
@@ -24,7 +33,7 @@ class CalibrationTextLine : public ::testing::TestWithParam<AlphaCase> {};
 
 TEST_P(CalibrationTextLine, SetsAlphaRoundedHalfUp) {
   std::string text = GetParam().text;
-  std::FILE* in = fmemopen(text.data(), text.size(), "rb");
+  std::FILE* in = StreamOf(text);
   InclinometerCalibration c;
   EXPECT_EQ(DecodeInclinometerCalibration(in, c, static_cast<std::uint32_t>(text.size())), 0);
   std::fclose(in);
@@ -49,7 +58,7 @@ TEST(CalibrationBlock, KeepsTheFirst1024BytesAndConsumesTheRest) {
   std::string text = "sxx=1\n";
   text.resize(1024, ' ');
   text += "\nsyy=2\nnext";  // syy lies beyond the kept bytes; "next" beyond the block
-  std::FILE* in = fmemopen(text.data(), text.size(), "rb");
+  std::FILE* in = StreamOf(text);
   InclinometerCalibration c;
   c.syy = 5.0f;
   DecodeInclinometerCalibration(in, c, static_cast<std::uint32_t>(text.size() - 4));

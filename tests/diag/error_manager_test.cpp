@@ -19,10 +19,10 @@ const std::string kIndent(30, ' ');
 
 TEST_F(ErrorManagerLog, EntryWithoutDetailsIsContextMessageAndEmptyLine) {
   ErrorManager manager("entry.log");
-  const std::string startMarker = test::ReadFileText(path("entry.log"));
+  const std::string startMarker = test::ReadTextModeFile(path("entry.log"));
   LogEntry entry{"buffer signature is wrong ", "int F(int x)", {}};
   EXPECT_EQ(manager.Log(entry), 0);
-  const std::string text = test::ReadFileText(path("entry.log")).substr(startMarker.size());
+  const std::string text = test::ReadTextModeFile(path("entry.log")).substr(startMarker.size());
   ASSERT_EQ(text.size(), 26 + 4 + 12 + 1 + 30 + 26 + 1 + 1);
   EXPECT_TRUE(std::regex_match(text.substr(0, 26), kTimeStamp)) << text;
   EXPECT_EQ(text.substr(26), "  : int F(int x)\n" + kIndent + "buffer signature is wrong \n\n");
@@ -30,17 +30,17 @@ TEST_F(ErrorManagerLog, EntryWithoutDetailsIsContextMessageAndEmptyLine) {
 
 TEST_F(ErrorManagerLog, DetailsFollowTheMessageInOrderUnderTheContext) {
   ErrorManager manager("entry.log");
-  const std::size_t before = test::ReadFileText(path("entry.log")).size();
+  const std::size_t before = test::ReadTextModeFile(path("entry.log")).size();
   LogEntry entry{"m", "ctx", {"a = 1", "", "b = -2"}};
   manager.Log(entry);
-  const std::string text = test::ReadFileText(path("entry.log")).substr(before + 26);
+  const std::string text = test::ReadTextModeFile(path("entry.log")).substr(before + 26);
   EXPECT_EQ(text, "  : ctx\n" + kIndent + "m\n" + kIndent + "a = 1\n" + kIndent + "\n" + kIndent + "b = -2\n\n");
 }
 
 TEST_F(ErrorManagerLog, StartMarkerIsTwoEmptyLinesStampedLineAndEmptyLine) {
   ErrorManager first("marker.log");
   ErrorManager second("marker.log");
-  const std::string text = test::ReadFileText(path("marker.log"));
+  const std::string text = test::ReadTextModeFile(path("marker.log"));
   const std::regex marker(R"(\n\n\d\d:\d\d:\d\d\.\d\d\d   \d{4}-\d\d-\d\d   : API started\n\n)");
   ASSERT_EQ(text.size(), 2 * (2 + 26 + 4 + 11 + 1 + 1));
   EXPECT_TRUE(std::regex_match(text.substr(0, text.size() / 2), marker)) << text;

@@ -21,8 +21,8 @@ TEST_F(DumpTest, WritesOneLinePerBlockMarksBadSignaturesAndReportsTheEnd) {
   // Packed word 0xFFFFFFFF: only its low byte adds to the time stamp.
   const auto fullPacked = FifoBlockBuilder().timeStamp(0xFF00000001).castBlockNumber(2047).shotCount(8191).build();
   test::WriteFile(path("scan.bin"), writers::FifoFile({good, bad, fullPacked}, 100));
-  std::FILE* in = std::fopen(path("scan.bin").c_str(), "rb");
-  std::FILE* out = std::fopen(path("dump.txt").c_str(), "w");
+  std::FILE* in = std::fopen(path("scan.bin").string().c_str(), "rb");
+  std::FILE* out = std::fopen(path("dump.txt").string().c_str(), "w");
   ASSERT_TRUE(in != nullptr && out != nullptr);
 
   test::StdoutCapture console;
@@ -35,7 +35,7 @@ TEST_F(DumpTest, WritesOneLinePerBlockMarksBadSignaturesAndReportsTheEnd) {
   EXPECT_EQ(console.text(), "EOF detected : BytesRead = 100\nEOF detected : BytesRead = 0\n");
   std::fclose(in);
   std::fclose(out);
-  EXPECT_EQ(test::ReadFileText(path("dump.txt")),
+  EXPECT_EQ(test::ReadTextModeFile(path("dump.txt")),
             "123456789 2863311530 17 905 \n"
             "!!!!!!!!!!!!!!!! 123456789 4294967295 17 905 \n"
             "1095216660481 2863311530 2047 8191 \n");

@@ -26,7 +26,7 @@ class DecodeNextFifoBlockTest : public test::InTempDir {
   void Open(const std::vector<std::uint8_t>& bytes) {
     header_.prf = 200;
     test::WriteFile(path("scan.bin"), bytes);
-    stream_ = std::fopen(path("scan.bin").c_str(), "rb");
+    stream_ = std::fopen(path("scan.bin").string().c_str(), "rb");
     ASSERT_NE(stream_, nullptr);
   }
   int Next(int blockNumber, NmeaTicksManager* manager = nullptr) {

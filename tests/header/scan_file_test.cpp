@@ -111,11 +111,17 @@ TEST_F(ReadHeader, OversizedLengthReadsTheRestOfTheFileIntoAZeroFilledText) {
 }
 
 TEST_F(ReadHeader, SideTableThatCannotBeUsedIsLoggedAndTheScanStillRead) {
-  std::filesystem::create_directory(path("scan.raw.tbl"));  // opens, but cannot be read
+  // POSIX opens a directory as a file that cannot be read; Windows does not open
+  // it, and a table that is not there is no error.
+  std::filesystem::create_directory(path("scan.raw.tbl"));
   FILE* stream = Read(writers::BuildScanFile(HeaderBlockFields{}));
   ASSERT_NE(stream, nullptr);
   std::fclose(stream);
-  ExpectLog("The side table is unreadable or too large and was not loaded", {"scan.raw.tbl"});
+  if (test::kDirectoriesOpen) {
+    ExpectLog("The side table is unreadable or too large and was not loaded", {"scan.raw.tbl"});
+  } else {
+    EXPECT_TRUE(logEntries().empty());
+  }
   std::filesystem::remove(path("scan.raw.tbl"));
   Reset();
   test::WriteFile(path("scan.raw.tbl"), std::string("row 0 65535\n1 2 3\n"));  // 65536 columns of 2 rows: fine

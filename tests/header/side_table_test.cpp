@@ -80,7 +80,8 @@ TEST_F(LoadSideTableFile, UnreadableOrOversizedTableAttachesNothing) {
   record.sideTableGrid = &kept;
   EXPECT_EQ(LoadSideTable(L"missing.raw", record), -1);
   std::filesystem::create_directory(path("folder.raw.tbl"));
-  EXPECT_EQ(LoadSideTable(L"folder.raw", record), kSideTableNotLoaded);
+  // POSIX opens a directory as a file that cannot be read; Windows does not open it.
+  EXPECT_EQ(LoadSideTable(L"folder.raw", record), test::kDirectoriesOpen ? kSideTableNotLoaded : -1);
   for (const char* text : {"row 0 2000000000\n1 2 3\n", "row -2147483648 2147483647\n1 2 3\n"}) {
     test::WriteFile(path("wide.raw.tbl"), std::string(text));
     EXPECT_EQ(LoadSideTable(L"wide.raw", record), kSideTableNotLoaded) << text;

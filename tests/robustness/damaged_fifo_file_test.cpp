@@ -47,7 +47,7 @@ class DamagedFifoFile : public test::InTempDir {
   // Walks the file from its start until a short read; the result of every call.
   std::vector<int> Walk(const FileBytes& file) {
     test::WriteFile(path("scan.raw"), file);
-    std::FILE* stream = std::fopen(path("scan.raw").c_str(), "rb");
+    std::FILE* stream = std::fopen(path("scan.raw").string().c_str(), "rb");
     std::vector<int> results;
     for (int blockNumber = 0; results.empty() || results.back() != -1; ++blockNumber) {
       results.push_back(DecodeNextFifoBlock(&stream, header, blockNumber, block, nullptr));
@@ -172,7 +172,7 @@ TEST_F(DamagedFifoFile, RandomDamageEndsInADocumentedResult) {
     }
     if (i % 3 == 0) file.resize(kBlock + 100);
     test::WriteFile(path("scan.raw"), file);
-    std::FILE* stream = std::fopen(path("scan.raw").c_str(), "rb");
+    std::FILE* stream = std::fopen(path("scan.raw").string().c_str(), "rb");
     block = FifoBlock{};
     for (int n = 0;; ++n) {
       ASSERT_LE(n, 2) << "mutation " << i;

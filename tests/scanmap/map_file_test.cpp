@@ -165,7 +165,8 @@ TEST_F(MapFile, SaveReportsAPathThatCannotBeCreated) {
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].context, "int SaveScanFileMap(char *scanFileName, ScanFileMap &scanFileMap)");
   EXPECT_EQ(entries[0].message, "Error openning file");
-  EXPECT_EQ(entries[0].details, std::vector<std::string>{"/"});  // the storage up to its first zero byte
+  // The storage up to its first zero byte: the path's first character ("/" or a drive letter).
+  EXPECT_EQ(entries[0].details, std::vector<std::string>{std::string(1, static_cast<char>(name[0]))});
   EXPECT_EQ(m.numberOfBins, 4096);
   EXPECT_EQ(std::string(m.mapSignature, 8), std::string(8, '\0'));
 }

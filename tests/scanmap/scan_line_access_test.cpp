@@ -56,7 +56,7 @@ class MappedScan : public test::InTempDir {
  protected:
   void Map(const std::vector<FifoBlockBuilder>& blocks, std::size_t tail = 0) {
     ASSERT_EQ(GetScanFileMap(test::WriteScan(path("scan.raw"), {}, blocks, tail).c_str(), owned_.map), 0);
-    file_.stream = std::fopen(path("scan.raw").c_str(), "rb");
+    file_.stream = std::fopen(path("scan.raw").string().c_str(), "rb");
     ASSERT_NE(file_.stream, nullptr);
   }
 
@@ -115,7 +115,7 @@ TEST_F(ScanLineAccess, BadBlockSignatureIsLoggedAndYieldsNothing) {
   test::WriteFile(path("bad.raw"),
                   writers::BuildScanFile({}, FifoBlockBuilder().signature(0x55555555).shot(MapShot(0, 0, kT0)).build()));
   OpenFile bad;
-  bad.stream = std::fopen(path("bad.raw").c_str(), "rb");
+  bad.stream = std::fopen(path("bad.raw").string().c_str(), "rb");
   std::vector<RawShot> shots(2);
   EXPECT_EQ(GetShotsFromScanLineIndex(0, &bad.stream, m, shots, nullptr), 0);
   EXPECT_TRUE(shots.empty());
@@ -227,7 +227,7 @@ TEST_F(ScanParameters, UnreadableLinesLeaveTheHeader) {
   Build(7, [](int i) { return static_cast<std::uint32_t>(i); });
   test::WriteFile(path("short.raw"), std::vector<std::uint8_t>(100, 0));
   OpenFile other;
-  other.stream = std::fopen(path("short.raw").c_str(), "rb");
+  other.stream = std::fopen(path("short.raw").string().c_str(), "rb");
   const RawFileHeader& h = owned_.map.fileHeader;
   for (std::FILE* stream : {other.stream, static_cast<std::FILE*>(nullptr)}) {
     EXPECT_EQ(UpdateScanParameters(stream, owned_.map), 1);

@@ -14,7 +14,7 @@ const std::string kIndent(30, ' ');
 std::string ReadLogText(const std::filesystem::path& dir) {
   const auto path = dir / kLogName;
   if (!std::filesystem::exists(path)) return "";
-  return ReadFileText(path);
+  return ReadTextModeFile(path);
 }
 
 void ClearLog(const std::filesystem::path& dir) {

@@ -6,7 +6,13 @@
 #include <random>
 #include <stdexcept>
 
-#include <unistd.h>
+#if defined(_WIN32)
+#  include <process.h>
+#  define KVR_PROCESS_ID _getpid
+#else
+#  include <unistd.h>
+#  define KVR_PROCESS_ID getpid
+#endif
 
 namespace kvr::test {
 
@@ -15,7 +21,7 @@ TempDir::TempDir() {
   std::random_device rd;
   const auto base = std::filesystem::temp_directory_path();
   for (int attempt = 0; attempt < 100; ++attempt) {
-    auto candidate = base / ("kvr_test_" + std::to_string(::getpid()) + "_" + std::to_string(counter++) + "_" +
+    auto candidate = base / ("kvr_test_" + std::to_string(KVR_PROCESS_ID()) + "_" + std::to_string(counter++) + "_" +
                              std::to_string(rd() % 1000000));
     if (std::filesystem::create_directory(candidate)) {
       path_ = candidate;
@@ -54,6 +60,11 @@ void WriteFile(const std::filesystem::path& path, std::string_view text) {
 
 std::string ReadFileText(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string ReadTextModeFile(const std::filesystem::path& path) {
+  std::ifstream in(path);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 

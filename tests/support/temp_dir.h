@@ -39,7 +39,17 @@ class ScopedCurrentDir {
 void WriteFile(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes);
 void WriteFile(const std::filesystem::path& path, std::string_view text);
 std::string ReadFileText(const std::filesystem::path& path);
+// The file as a reader of text sees it: Windows line ends read as "\n".
+std::string ReadTextModeFile(const std::filesystem::path& path);
 std::vector<std::uint8_t> ReadFileBytes(const std::filesystem::path& path);
+
+// Whether the C library opens a directory as a file that then cannot be read:
+// POSIX does, Windows refuses to open it.
+#if defined(_WIN32)
+inline constexpr bool kDirectoriesOpen = false;
+#else
+inline constexpr bool kDirectoriesOpen = true;
+#endif
 
 // The wide name the library's functions take.
 std::wstring WideName(const std::filesystem::path& path);

@@ -1,10 +1,12 @@
 // Decoding a simulated scan set with the library gives back what was simulated.
 #include <gtest/gtest.h>
 
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <numbers>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -136,7 +138,7 @@ TEST_P(SimulatedSet, EveryReturnDecodesToTheSimulatedRay) {
       mismatches.Check(shot.returns.size() == t.returnCount, where.str() + " return count");
       // The decoded angles lie within one encoder count of the continuous readings.
       const double panTruth = t.panCounts * kPanCount;
-      const double elevation = t.elevationRadians < 0 && !ninety ? t.elevationRadians + 2 * M_PI : t.elevationRadians;
+      const double elevation = t.elevationRadians < 0 && !ninety ? t.elevationRadians + 2 * std::numbers::pi : t.elevationRadians;
       const double scanStep = ninety ? kScanCount90 : kScanCount360;
       mismatches.Check(std::abs(CalculatePanAngle(shot.shotWord & 0xFFFFF) - panTruth) <= kPanCount,
                        where.str() + " pan angle");

@@ -26,7 +26,11 @@ void WriteTextFile(const std::filesystem::path& path, std::string_view text) {
 }
 
 StreamingFile::StreamingFile(const std::filesystem::path& path) : path_(path), buffer_(1 << 20) {
+#if defined(_WIN32)
+  file_ = _wfopen(path.c_str(), L"wb");  // Windows names are wide
+#else
   file_ = std::fopen(path.c_str(), "wb");
+#endif
   if (file_ == nullptr) Fail("cannot create", path);
   std::setvbuf(file_, buffer_.data(), _IOFBF, buffer_.size());
 }
