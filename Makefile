@@ -43,7 +43,7 @@ WINE ?= /usr/lib/wine/wine64
 WINE_ENV = WINEPREFIX=$(abspath $(WINDOWS_DIR))/wine-prefix WINEDEBUG=-all
 
 windows-packages:
-	tools/setup/install_packages.sh tools/setup/windows_packages.txt
+	@tools/setup/ensure_packages.sh --windows
 
 $(WINDOWS_DIR)/CMakeCache.txt: | windows-packages
 	cmake -S . -B $(WINDOWS_DIR) $(GENERATOR) -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/x86_64-w64-mingw32.cmake \

@@ -5,13 +5,17 @@
 #
 #   ensure_packages.sh            checks the packages listed below
 #   ensure_packages.sh PKG...     checks these instead
+#   ensure_packages.sh --windows  checks those of the Windows cross build
 #   APT_GET=echo ensure_packages.sh ...   shows what would be installed
 set -eu
 
 # One variable per purpose; a new need is a new line here and a word in `packages`.
 cli_packages="libcli11-dev"         # kvrscan's and kvr_simulate's command lines
 test_packages="nlohmann-json3-dev"  # the tests read the tool's JSON back
+# make test-windows only: the cross compiler and Wine to run its tests.
+windows_packages="g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64"
 packages="$cli_packages $test_packages"
+[ "${1:-}" = "--windows" ] && { shift; packages="$windows_packages"; }
 
 [ "$#" -gt 0 ] && packages="$*"
 apt_get="${APT_GET:-apt-get}"
