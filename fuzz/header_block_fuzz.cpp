@@ -54,7 +54,7 @@ bool TextIsTerminated(const char* text, std::uint32_t length) { return text != n
 void CheckDecoded(const ClaimedBlock& block, const RawFileHeader& header) {
   // The fixed part is carried through byte for byte.
   const RawFileHeaderBlock& fixed = header;
-  if (std::memcmp(&fixed, block.bytes.get(), kFixedPart) != 0) Finding("fixed part differs from the block");
+  if (std::memcmp(&fixed, block.bytes.get(), layout::kFixedPartSize) != 0) Finding("fixed part differs from the block");
   if (!TextIsTerminated(header.calibrationText, header.calibrationTextLength) ||
       !TextIsTerminated(header.parameterText, header.parameterTextLength) ||
       !TextIsTerminated(header.thirdText, header.thirdTextLength)) {
