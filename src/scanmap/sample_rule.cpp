@@ -4,19 +4,6 @@
 
 namespace kvr::scanmap {
 
-namespace {
-constexpr std::int32_t kLargestDifference = 0xFFFFF;  // a stop count has 20 bits
-constexpr double kNearLimit = 0.1;
-constexpr double kFarLimit = 2040.0;
-}  // namespace
-
-IntensityModel::IntensityModel(const ScanFileMap& map) : a3_(map.a3), a4_(map.a4), a5_(map.a5) {
-  for (std::uint32_t i = 0; i < base_.size(); ++i) {
-    // The two branches meet with a step (999 -> 999, 1000 -> 625 with the defaults); that is the model.
-    base_[i] = i < 1000 ? static_cast<double>(i) : std::pow(static_cast<double>(i) / map.a1, map.a2);
-  }
-}
-
 void IntensityModel::Normalize(SampleBatch& batch) const {
   const std::uint32_t* samples = batch.sample.get();
   double* v = batch.value.get();
@@ -50,38 +37,6 @@ void IntensityModel::Normalize(SampleBatch& batch) const {
 #endif
   for (; i < n; ++i) {
     v[i] = Normalized(RangeWindow::Range(static_cast<std::int32_t>(samples[i] & 0xFFFFF)), base_[samples[i] >> 20]);
-  }
-}
-
-RangeWindow::RangeWindow(double rangeOffset) : rangeOffset_(rangeOffset) {
-  // Written as the rule reads, so that a NaN offset keeps every return in range.
-  auto nearEnough = [&](std::int32_t d) { return !(Range(d) + rangeOffset <= kNearLimit); };
-  auto farEnough = [&](std::int32_t d) { return !(Range(d) + rangeOffset > kFarLimit); };
-  // The first difference past the near limit, and the last one within the far limit.
-  std::int32_t low = 1, high = kLargestDifference + 1;
-  while (low < high) {
-    const std::int32_t mid = low + (high - low) / 2;
-    if (nearEnough(mid)) {
-      high = mid;
-    } else {
-      low = mid + 1;
-    }
-  }
-  const std::int32_t first = low;
-  low = 0;
-  high = kLargestDifference;
-  while (low < high) {
-    const std::int32_t mid = low + (high - low + 1) / 2;
-    if (farEnough(mid)) {
-      low = mid;
-    } else {
-      high = mid - 1;
-    }
-  }
-  const std::int32_t last = farEnough(low) && low >= 1 ? low : 0;
-  if (first <= kLargestDifference && first <= last) {
-    first_ = first;
-    last_ = last;
   }
 }
 

@@ -37,7 +37,13 @@ struct SampleBatch {
 // tabulated once: the table holds exactly what pow would return per sample.
 class IntensityModel {
  public:
-  explicit IntensityModel(const ScanFileMap& map);
+  explicit IntensityModel(const ScanFileMap& map) : IntensityModel(map.a1, map.a2, map.a3, map.a4, map.a5) {}
+  IntensityModel(double a1, double a2, double a3, double a4, double a5) : a3_(a3), a4_(a4), a5_(a5) {
+    for (std::uint32_t i = 0; i < base_.size(); ++i) {
+      // The two branches meet with a step (999 -> 999, 1000 -> 625 with the defaults); that is the model.
+      base_[i] = i < 1000 ? static_cast<double>(i) : std::pow(static_cast<double>(i) / a1, a2);
+    }
+  }
 
   double Base(std::uint32_t rawIntensity) const { return base_[rawIntensity & 0xFFF]; }
 
@@ -68,7 +74,44 @@ enum class SampleKind { kInvalid, kOutOfRange, kInRange };
 // CalculateRange.
 class RangeWindow {
  public:
-  explicit RangeWindow(double rangeOffset);
+  // The sample rule's limits on range plus offset, metres: (kNearLimit, kFarLimit].
+  static constexpr double kNearLimit = 0.1;
+  static constexpr double kFarLimit = 2040.0;
+  static constexpr std::int32_t kLargestDifference = 0xFFFFF;  // a stop count has 20 bits
+
+  explicit RangeWindow(double rangeOffset) : RangeWindow(rangeOffset, kNearLimit, kFarLimit) {}
+  // The differences whose range plus the offset lies in (nearLimit, farLimit].
+  RangeWindow(double rangeOffset, double nearLimit, double farLimit) : rangeOffset_(rangeOffset) {
+    // Written as the rule reads, so that a NaN offset keeps every return in range.
+    auto nearEnough = [&](std::int32_t d) { return !(Range(d) + rangeOffset <= nearLimit); };
+    auto farEnough = [&](std::int32_t d) { return !(Range(d) + rangeOffset > farLimit); };
+    // The first difference past the near limit, and the last one within the far limit.
+    std::int32_t low = 1, high = kLargestDifference + 1;
+    while (low < high) {
+      const std::int32_t mid = low + (high - low) / 2;
+      if (nearEnough(mid)) {
+        high = mid;
+      } else {
+        low = mid + 1;
+      }
+    }
+    const std::int32_t first = low;
+    low = 0;
+    high = kLargestDifference;
+    while (low < high) {
+      const std::int32_t mid = low + (high - low + 1) / 2;
+      if (farEnough(mid)) {
+        low = mid;
+      } else {
+        high = mid - 1;
+      }
+    }
+    const std::int32_t last = farEnough(low) && low >= 1 ? low : 0;
+    if (first <= kLargestDifference && first <= last) {
+      first_ = first;
+      last_ = last;
+    }
+  }
 
   double rangeOffset() const { return rangeOffset_; }
 

@@ -19,12 +19,16 @@ namespace {
 constexpr double kDegreesPerRadian = 57.29577951308232;
 
 int RunLine(const ParsedArgs& args, Context& context) {
-  ScanSource scan(args.positional()[0]);
+  kvr::cloud::ScanOptions options;
+  if (const auto map = args.value("map")) options.map = *map;
+  ScanSource scan(args.positional()[0], options);
   const auto lineIndex = static_cast<int>(ParseInteger(args.positional()[1], "N", 0, INT32_MAX));
   const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
   std::unique_ptr<TicksManager> ticks;
-  if (const auto tickFile = args.value("ticks")) ticks = std::make_unique<TicksManager>(*tickFile, offset);
-  MapSource source(scan, args.value("map"), context.showProgress);
+  if (const auto tickFile = args.value("ticks")) {
+    ticks = Checked([&] { return std::make_unique<TicksManager>(*tickFile, offset); });
+  }
+  MapSource source(scan, context.showProgress);
   ScanFileMap& map = source.map();
   const int lines = map.numberOfScanLines < 0 ? 0 : map.numberOfScanLines;
   if (lineIndex >= lines) {

@@ -83,8 +83,10 @@ int RunMap(const ParsedArgs& args, Context& context) {
   const std::optional<std::string> save = args.value("output");
   const std::optional<std::string> load = args.value("load");
   if (save && load) throw UsageError("-o and --load exclude each other");
-  ScanSource scan(args.positional()[0]);
-  MapSource source(scan, load, context.showProgress);
+  kvr::cloud::ScanOptions options;
+  if (load) options.map = *load;
+  ScanSource scan(args.positional()[0], options);
+  MapSource source(scan, context.showProgress);
   ScanFileMap& map = source.map();
 
   // The report shows the map as built or loaded: saving clears numberOfBins in the record.
