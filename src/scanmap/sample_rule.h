@@ -223,16 +223,12 @@ inline void IntensityModel::Normalize(SampleBatch& batch) const {
   const Lanes a3 = {a3_, a3_, a3_, a3_};
   const Lanes a4 = {a4_, a4_, a4_, a4_};
   const Lanes a5 = {a5_, a5_, a5_, a5_};
-  constexpr double kTof = optics::kTofCountPicoseconds, kPico = optics::kPico, kLight = optics::kSpeedOfLightInAir;
-  const Lanes tof = {kTof, kTof, kTof, kTof};
-  const Lanes pico = {kPico, kPico, kPico, kPico};
-  const Lanes half = {0.5, 0.5, 0.5, 0.5};
-  const Lanes light = {kLight, kLight, kLight, kLight};
   for (; i + 4 <= n; i += 4) {
     const Counts words = {static_cast<std::int32_t>(samples[i]), static_cast<std::int32_t>(samples[i + 1]),
                           static_cast<std::int32_t>(samples[i + 2]), static_cast<std::int32_t>(samples[i + 3])};
     const Counts counts = words & 0xFFFFF;
-    const Lanes range = __builtin_convertvector(counts, Lanes) * tof * pico * half * light;
+    Lanes range = __builtin_convertvector(counts, Lanes);
+    optics::CountsToMetres(range);
     const Lanes base = {base_[samples[i] >> 20], base_[samples[i + 1] >> 20], base_[samples[i + 2] >> 20],
                         base_[samples[i + 3] >> 20]};
     const Lanes x = range / a5 - a5 / range;
