@@ -113,7 +113,9 @@ void PointReader::moveTo(std::uint64_t first, std::uint64_t last) {
     s.first = std::max<std::uint64_t>(s.first, line < s.lines.size() ? s.lines[line].block : s.last);
   }
   if (selection.lastLine && *selection.lastLine >= 0 && static_cast<std::size_t>(*selection.lastLine) < s.lines.size()) {
-    s.last = std::min<std::uint64_t>(s.last, std::uint64_t{s.lines[static_cast<std::size_t>(*selection.lastLine)].block} + 1);
+    // The first line past the range begins in this block: its earlier shots are still in range.
+    const scanmap::LineStarts::Start end = s.lines[static_cast<std::size_t>(*selection.lastLine)];
+    s.last = std::min<std::uint64_t>(s.last, std::uint64_t{end.block} + (end.shot > 0 ? 1 : 0));
   }
   if (s.first > s.last) s.first = s.last;
   if (!SeekTo(s.stream.get(), s.scan.header().dataOffset + s.first * BlockSize())) {
