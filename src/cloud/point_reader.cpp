@@ -213,7 +213,7 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
     for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
       const std::uint32_t word = shot.returns[(k0 + k) & (ReturnWords::kCapacity - 1)];
       flights[k] = static_cast<std::int32_t>(fifo::StopCounts(word)) - static_cast<std::int32_t>(start);
-      sample[n + k] = (word & 0xFFF00000u) | (static_cast<std::uint32_t>(flights[k]) & 0xFFFFFu);
+      sample[n + k] = scanmap::SampleOf(word, flights[k]);
       shotOf[n + k] = static_cast<std::uint16_t>(i);
       numbers[n + k] = static_cast<std::uint8_t>(k0 + k + 1);
       if constexpr (kWindow) {
@@ -309,7 +309,7 @@ void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot>
     model->Normalize(samples);
     // A zero range has no normalized intensity: 0.
     const double* values = samples.value.get();
-    for (std::size_t p = 0; p < n; ++p) batch.normalized_[p] = (sample[p] & 0xFFFFFu) != 0 ? values[p] : 0.0;
+    for (std::size_t p = 0; p < n; ++p) batch.normalized_[p] = scanmap::SampleDifference(sample[p]) != 0 ? values[p] : 0.0;
   }
   if (columns & kIntensityColumn) {
     for (std::size_t p = 0; p < n; ++p) batch.intensity_[p] = static_cast<std::uint16_t>(fifo::RawIntensity(sample[p]));
@@ -335,7 +335,7 @@ void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot>
       const RawShot& shot = shots[shotOf[p]];
       batch.panCounts_[p] = fifo::PanCounts(shot.shotWord);
       batch.scanCounts_[p] = shot.scanAngleCounts;
-      batch.flightCounts_[p] = sample[p] & 0xFFFFFu;
+      batch.flightCounts_[p] = static_cast<std::uint32_t>(scanmap::SampleDifference(sample[p]));
     }
   }
 }
