@@ -48,7 +48,7 @@ windows-packages:
 $(WINDOWS_DIR)/CMakeCache.txt: | windows-packages
 	cmake -S . -B $(WINDOWS_DIR) $(GENERATOR) -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/x86_64-w64-mingw32.cmake \
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVR_WINE=$(WINE) -DKVR_GTEST_SOURCE_DIR=/usr/src/googletest \
-	  -DKVR_BUILD_KVRSCAN=OFF -DKVR_BUILD_BENCH=OFF $(WINDOWS_CMAKE_FLAGS)
+	  -DKVR_BUILD_KVRSCAN=OFF -DKVR_BUILD_CLOUD=OFF -DKVR_BUILD_BENCH=OFF $(WINDOWS_CMAKE_FLAGS)
 
 # Cross-builds kvr_decode.dll and the tests with MinGW-w64 and runs them under Wine.
 test-windows: windows-packages $(WINDOWS_DIR)/CMakeCache.txt

@@ -37,6 +37,10 @@ inline DmaBlockHeader ReadDmaBlockHeader(BlockBytes block) {
 
 // Shot word fields. Bits 61-63 are kept in the stored word, not decoded here.
 inline constexpr std::uint64_t kShotFlagBits = std::uint64_t{0xF} << 57;
+inline std::uint32_t PanCounts(std::uint64_t shotWord) { return static_cast<std::uint32_t>(shotWord) & 0xFFFFFu; }
+// The start (T0) count the return words' stop counts are measured against.
+inline std::uint32_t StartCounts(std::uint64_t shotWord) { return static_cast<std::uint32_t>(shotWord >> 41) & 0xFFFFu; }
+inline std::uint32_t ShotFlags(std::uint64_t shotWord) { return static_cast<std::uint32_t>(shotWord >> 57) & 0xFu; }
 inline std::uint32_t ScanAngleCounts(std::uint64_t shotWord) {
   return static_cast<std::uint32_t>(shotWord >> 20) & 0x3FFFFu;
 }
@@ -46,5 +50,9 @@ inline std::uint32_t StoredReturnCount(std::uint64_t shotWord) {
   const std::uint32_t count = ReturnCount(shotWord);
   return count < 4 ? count : 4;
 }
+
+// Return word fields: the stop count (20 bits) and the raw intensity (12 bits).
+inline std::uint32_t StopCounts(std::uint32_t returnWord) { return returnWord & 0xFFFFFu; }
+inline std::uint32_t RawIntensity(std::uint32_t returnWord) { return returnWord >> 20; }
 
 }  // namespace kvr::fifo

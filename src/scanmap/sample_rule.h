@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "kvr_decode/scan_file_map.h"
@@ -32,12 +33,25 @@ struct SampleBatch {
   std::unique_ptr<std::int32_t[]> bin{new std::int32_t[kCapacity]};
 };
 
+// A sample as SampleBatch holds it: the return word with its 20-bit stop count
+// replaced by the difference d (its low 20 bits), and that difference back.
+inline std::uint32_t SampleOf(std::uint32_t returnWord, std::int32_t d) {
+  return (returnWord & 0xFFF00000u) | (static_cast<std::uint32_t>(d) & 0xFFFFFu);
+}
+inline std::int32_t SampleDifference(std::uint32_t sample) { return static_cast<std::int32_t>(sample & 0xFFFFFu); }
+
 // The five-parameter intensity model. The base intensity depends only on the
 // 12-bit raw value and on a1, a2, which are fixed for one build, so it is
 // tabulated once: the table holds exactly what pow would return per sample.
 class IntensityModel {
  public:
-  explicit IntensityModel(const ScanFileMap& map);
+  explicit IntensityModel(const ScanFileMap& map) : IntensityModel(map.a1, map.a2, map.a3, map.a4, map.a5) {}
+  IntensityModel(double a1, double a2, double a3, double a4, double a5) : a3_(a3), a4_(a4), a5_(a5) {
+    for (std::uint32_t i = 0; i < base_.size(); ++i) {
+      // The two branches meet with a step (999 -> 999, 1000 -> 625 with the defaults); that is the model.
+      base_[i] = i < 1000 ? static_cast<double>(i) : std::pow(static_cast<double>(i) / a1, a2);
+    }
+  }
 
   double Base(std::uint32_t rawIntensity) const { return base_[rawIntensity & 0xFFF]; }
 
@@ -68,7 +82,44 @@ enum class SampleKind { kInvalid, kOutOfRange, kInRange };
 // CalculateRange.
 class RangeWindow {
  public:
-  explicit RangeWindow(double rangeOffset);
+  // The sample rule's limits on range plus offset, metres: (kNearLimit, kFarLimit].
+  static constexpr double kNearLimit = 0.1;
+  static constexpr double kFarLimit = 2040.0;
+  static constexpr std::int32_t kLargestDifference = 0xFFFFF;  // a stop count has 20 bits
+
+  explicit RangeWindow(double rangeOffset) : RangeWindow(rangeOffset, kNearLimit, kFarLimit) {}
+  // The differences whose range plus the offset lies in (nearLimit, farLimit].
+  RangeWindow(double rangeOffset, double nearLimit, double farLimit) : rangeOffset_(rangeOffset) {
+    // Written as the rule reads, so that a NaN offset keeps every return in range.
+    auto nearEnough = [&](std::int32_t d) { return !(Range(d) + rangeOffset <= nearLimit); };
+    auto farEnough = [&](std::int32_t d) { return !(Range(d) + rangeOffset > farLimit); };
+    // The first difference past the near limit, and the last one within the far limit.
+    std::int32_t low = 1, high = kLargestDifference + 1;
+    while (low < high) {
+      const std::int32_t mid = low + (high - low) / 2;
+      if (nearEnough(mid)) {
+        high = mid;
+      } else {
+        low = mid + 1;
+      }
+    }
+    const std::int32_t first = low;
+    low = 0;
+    high = kLargestDifference;
+    while (low < high) {
+      const std::int32_t mid = low + (high - low + 1) / 2;
+      if (farEnough(mid)) {
+        low = mid;
+      } else {
+        high = mid - 1;
+      }
+    }
+    const std::int32_t last = farEnough(low) && low >= 1 ? low : 0;
+    if (first <= kLargestDifference && first <= last) {
+      first_ = first;
+      last_ = last;
+    }
+  }
 
   double rangeOffset() const { return rangeOffset_; }
 
@@ -162,6 +213,39 @@ inline bool GatherReturns(const std::uint8_t* words, std::uint32_t count, std::u
   if constexpr (kTallyPositions) ++tally->shotsWithMask[mask];
   batch.count = n;
   return !invalid;
+}
+
+// Inline: the point layer normalizes every point of a block with it.
+inline void IntensityModel::Normalize(SampleBatch& batch) const {
+  const std::uint32_t* samples = batch.sample.get();
+  double* v = batch.value.get();
+  const std::size_t n = batch.count;
+  std::size_t i = 0;
+#if defined(__GNUC__)
+  // Four samples at a time: the same operations in the same order on each
+  // lane, so every value is bit for bit the scalar one; the divisions, which
+  // dominate, overlap.
+  using Lanes = double __attribute__((vector_size(32)));
+  using Counts = std::int32_t __attribute__((vector_size(16)));
+  const Lanes a3 = {a3_, a3_, a3_, a3_};
+  const Lanes a4 = {a4_, a4_, a4_, a4_};
+  const Lanes a5 = {a5_, a5_, a5_, a5_};
+  for (; i + 4 <= n; i += 4) {
+    const Counts words = {static_cast<std::int32_t>(samples[i]), static_cast<std::int32_t>(samples[i + 1]),
+                          static_cast<std::int32_t>(samples[i + 2]), static_cast<std::int32_t>(samples[i + 3])};
+    const Counts counts = words & 0xFFFFF;
+    Lanes range = __builtin_convertvector(counts, Lanes);
+    optics::CountsToMetres(range);
+    const Lanes base = {base_[samples[i] >> 20], base_[samples[i + 1] >> 20], base_[samples[i + 2] >> 20],
+                        base_[samples[i + 3] >> 20]};
+    const Lanes x = range / a5 - a5 / range;
+    const Lanes value = a3 * (x * x + a4) * base;
+    std::memcpy(v + i, &value, sizeof value);
+  }
+#endif
+  for (; i < n; ++i) {
+    v[i] = Normalized(RangeWindow::Range(static_cast<std::int32_t>(samples[i] & 0xFFFFF)), base_[samples[i] >> 20]);
+  }
 }
 
 // Folds the values of a batch, in order, into a running minimum and maximum.

@@ -10,12 +10,10 @@
 #include "console.h"
 #include "errors.h"
 #include "json_writer.h"
-#include "kvr_decode/conversions.h"
-#include "kvr_decode/optical_model.h"
+#include "kvr_decode/cloud/palette.h"
 #include "map_source.h"
 #include "point_export.h"
-#include "point_writer.h"
-#include "tick_source.h"
+#include "scan_source.h"
 
 namespace kvrscan {
 
@@ -28,73 +26,98 @@ struct ExportOptions {
   bool json = false;
 };
 
-const Palette& ChosenPalette(const ExportOptions& args) {
+const kvr::cloud::Palette& ChosenPalette(const ExportOptions& args) {
   const std::string name = args.palette.value_or("grey");
-  const Palette* palette = FindPalette(name);
+  const kvr::cloud::Palette* palette = kvr::cloud::FindPalette(name);
   if (palette == nullptr) throw UsageError("no palette named '" + name + "' (grey, viridis)");
   return *palette;
 }
 
-int RunExport(const ExportOptions& args, Context& context) {
-  const std::string output = *args.output;
-  const std::optional<PointFormat> format = PointFormatOf(output);
-  if (!format) throw UsageError("the output must end in .ply or .csv, not '" + output + "'");
-  const Palette& palette = ChosenPalette(args);
+struct ExportRun {
+  std::string output;
+  PointFormat format = PointFormat::kPly;
+  const kvr::cloud::Palette* palette = nullptr;
+  double rangeOffset = 0.0;
+  bool loadedMap = false;
+  bool ticks = false;
+  std::uint64_t bytes = 0;
+  ExportSummary summary;
+};
+
+// Opens the scan, makes its map and writes its points.
+ExportRun CollectExport(const ExportOptions& args, Context& context) {
+  ExportRun run;
+  run.output = *args.output;
+  const std::optional<PointFormat> format = PointFormatOf(run.output);
+  if (!format) throw UsageError("the output must end in .ply or .csv, not '" + run.output + "'");
+  run.format = *format;
+  run.palette = &ChosenPalette(args);
   // Past a few workers the file's reading and writing set the pace, and each
   // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
       args.threads.value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
-  ScanSource scan(args.scan);
-  const auto offset = static_cast<int>(args.timeOffset.value_or(0));
-  // One tick manager for each thread: a manager is not shared.
-  std::vector<std::unique_ptr<TicksManager>> ticks;
-  std::vector<NmeaTicksManager*> managers;
-  if (const auto& tickFile = args.ticks) {
-    for (unsigned i = 0; i < threads; ++i) {
-      ticks.push_back(std::make_unique<TicksManager>(*tickFile, offset));
-      managers.push_back(ticks.back()->get());
-    }
-  }
-  const double rangeOffset = GetCalibrationParameters(scan.header()).rangeOffset;
-  MapSource source(scan, args.map, context.showProgress);
+  kvr::cloud::ScanOptions options;
+  if (args.map) options.map = *args.map;
+  if (args.ticks) options.ticks = *args.ticks;
+  options.timeOffset = static_cast<int>(args.timeOffset.value_or(0));
+  run.ticks = options.ticks.has_value();
+  ScanSource source(args.scan, options);
+  const kvr::cloud::Scan& scan = source.scan();
+  run.rangeOffset = scan.rangeOffset();
+  const MapSource map(source, context.showProgress);
+  run.loadedMap = map.loaded();
 
   const std::vector<std::string> comments = {
-      "kvrscan export of " + std::filesystem::path(scan.path()).filename().string(),
+      "kvrscan export of " + std::filesystem::path(source.path()).filename().string(),
       "axes: scanner frame, metres: x = r cos(scan) cos(pan), y = r cos(scan) sin(pan), z = r sin(scan)",
-      "r = range + rangeOffset " + FormatDouble(rangeOffset) +
+      "r = range + rangeOffset " + FormatDouble(run.rangeOffset) +
           " m; pan and scan are the angles of the shot's encoder counts",
-      std::string("time: seconds, ") + (!ticks.empty() ? "GNSS time of week" : "since the scanner's tick counter started") +
+      std::string("time: seconds, ") + (run.ticks ? "GNSS time of week" : "since the scanner's tick counter started") +
           "; -1 when unknown",
       "line: scan line of the map (-1 before the first); intensity: raw 12-bit",
-      "colour: palette " + std::string(palette.name()) + " over the normalized intensity (intensityAt95 " +
-          FormatDouble(source.map().intensityAt95) + ", gamma " + FormatDouble(source.map().gamma) + ")",
+      "colour: palette " + std::string(run.palette->name()) + " over the normalized intensity (intensityAt95 " +
+          FormatDouble(map.map().intensityAt95) + ", gamma " + FormatDouble(map.map().gamma) + ")",
   };
-  std::unique_ptr<PointWriter> writer = PointWriter::Open(output, *format, comments);
-  Progress progress("export " + scan.path(), context.showProgress);
-  const ExportSummary summary = ExportPoints(
-      scan, source, {&palette, rangeOffset, managers, &context.log, threads}, *writer, &progress);
-  writer->finish();
+  Checked([&] {
+    const auto writer = OpenPointWriter(run.output, run.format, comments,
+                                        {run.palette, map.map().intensityAt95, map.map().gamma});
+    Progress progress("export " + source.path(), context.showProgress);
+    run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress);
+    writer->finish();
+  });
   std::error_code ec;
-  std::uintmax_t bytes = std::filesystem::file_size(output, ec);
-  if (ec) bytes = 0;  // not a regular file (a device, a pipe): nothing to measure
+  const std::uintmax_t bytes = std::filesystem::file_size(run.output, ec);
+  run.bytes = ec ? 0 : bytes;  // not a regular file (a device, a pipe): nothing to measure
+  return run;
+}
 
+void PrintExportJson(const ExportRun& run, const std::string& scanPath) {
+  JsonWriter json;
+  json.beginObject().field("filename", scanPath).field("output", run.output);
+  json.field("format", run.format == PointFormat::kPly ? "ply" : "csv").field("palette", run.palette->name());
+  json.field("num_points", run.summary.points).field("returns_without_range", run.summary.withoutRange);
+  json.field("num_shots", run.summary.shots).field("blocks_read", run.summary.blocks);
+  json.field("range_offset", run.rangeOffset).field("output_bytes", run.bytes);
+  json.field("map", run.loadedMap ? "loaded" : "built").field("seconds", run.summary.seconds);
+  json.endObject();
+  Console::write(json.text());
+}
+
+void PrintExportText(const ExportRun& run) {
+  Console::write(run.output + ": " + GroupedCount(run.summary.points) + " points from " +
+                 GroupedCount(run.summary.shots) + " shots (" + GroupedCount(run.summary.withoutRange) +
+                 " returns without a range), " + ByteSize(run.bytes) + Format(", %.2f s\n", run.summary.seconds));
+}
+
+int RunExport(const ExportOptions& args, Context& context) {
+  const ExportRun run = CollectExport(args, context);
   if (context.json) {
-    JsonWriter json;
-    json.beginObject().field("filename", scan.path()).field("output", output);
-    json.field("format", *format == PointFormat::kPly ? "ply" : "csv").field("palette", palette.name());
-    json.field("num_points", summary.points).field("returns_without_range", summary.withoutRange);
-    json.field("num_shots", summary.shots).field("blocks_read", summary.blocks);
-    json.field("range_offset", rangeOffset).field("output_bytes", static_cast<std::uint64_t>(bytes));
-    json.field("map", source.loaded() ? "loaded" : "built").field("seconds", summary.seconds);
-    json.endObject();
-    Console::write(json.text());
+    PrintExportJson(run, args.scan);
   } else {
-    Console::write(output + ": " + GroupedCount(summary.points) + " points from " + GroupedCount(summary.shots) +
-                   " shots (" + GroupedCount(summary.withoutRange) + " returns without a range), " +
-                   ByteSize(bytes) + Format(", %.2f s\n", summary.seconds));
+    PrintExportText(run);
   }
   // The points of every readable block are written; the damage still fails the run.
-  if (!summary.damage.empty()) return context.damaged(scan.path() + ": " + summary.damage);
+  if (!run.summary.damage.empty()) return context.damaged(args.scan + ": " + run.summary.damage);
   return kExitOk;
 }
 

@@ -27,12 +27,14 @@ struct LineOptions {
 };
 
 int RunLine(const LineOptions& args, Context& context) {
-  ScanSource scan(args.scan);
+  kvr::cloud::ScanOptions options;
+  if (args.map) options.map = *args.map;
+  ScanSource scan(args.scan, options);
   const auto lineIndex = static_cast<int>(args.line);
   const auto offset = static_cast<int>(args.timeOffset.value_or(0));
   std::unique_ptr<TicksManager> ticks;
   if (const auto& tickFile = args.ticks) ticks = std::make_unique<TicksManager>(*tickFile, offset);
-  MapSource source(scan, args.map, context.showProgress);
+  MapSource source(scan, context.showProgress);
   ScanFileMap& map = source.map();
   const int lines = map.numberOfScanLines < 0 ? 0 : map.numberOfScanLines;
   if (lineIndex >= lines) {

@@ -90,8 +90,10 @@ int RunMap(const MapOptions& args, Context& context) {
   const std::optional<std::string>& save = args.output;
   const std::optional<std::string>& load = args.load;
   if (save && load) throw UsageError("-o and --load exclude each other");
-  ScanSource scan(args.scan);
-  MapSource source(scan, load, context.showProgress);
+  kvr::cloud::ScanOptions options;
+  if (load) options.map = *load;
+  ScanSource scan(args.scan, options);
+  MapSource source(scan, context.showProgress);
   ScanFileMap& map = source.map();
 
   // The report shows the map as built or loaded: saving clears numberOfBins in the record.

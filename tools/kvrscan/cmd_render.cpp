@@ -5,93 +5,35 @@
 #include <cmath>
 #include <filesystem>
 
-#include "block_walk.h"
 #include "commands.h"
 #include "console.h"
 #include "errors.h"
 #include "json_writer.h"
 #include "kvr_decode/conversions.h"
+#include "kvr_decode/cloud/panorama.h"
+#include "kvr_decode/cloud/point_reader.h"
 #include "map_source.h"
-#include "png_image.h"
 
 namespace kvrscan {
 
 namespace {
 
+using kvr::cloud::Palette;
+using kvr::cloud::PanoramaAxis;
+
 constexpr double kDegreesPerRadian = 57.29577951308232;
-constexpr std::uint64_t kMaxPixels = std::uint64_t{1} << 25;  // 192 MiB of pixel sums and counts
-constexpr std::uint32_t kPanCounts = 640000;                   // per revolution
 
-// The scan-angle axis of the image: the scan counts the lines cover and the
-// step of one row, in scan counts.
-struct AngleAxis {
-  std::uint32_t minCount = 0;
-  std::uint32_t maxCount = 0;
-  double shotStep = 1.0;  // mean scan-count step between neighbouring shots of a line
-  double lineStep = 0.0;  // mean pan step between neighbouring lines, radians
-  double step = 1.0;      // the rows' step
-  std::uint32_t rows = 1;
-
-  std::uint32_t rowOf(std::uint32_t count) const {
-    // The highest scan angle on top.
-    const auto row = static_cast<std::uint32_t>(std::lround((maxCount - count) / step));
-    return std::min(row, rows - 1);
-  }
+struct RenderRun {
+  std::string output;
+  const Palette* palette = nullptr;
+  std::int32_t width = 0;
+  PanoramaAxis axis;
+  bool shotRows = false;
+  double top = 0.0, bottom = 0.0;  // scan angles of the top and bottom rows, degrees
+  std::uint64_t drawn = 0, filled = 0, pixels = 0, bytes = 0;
+  double intensityAt95 = 0.0, gamma = 0.0;
+  std::string damage;
 };
-
-// A first pass over the lines' shots: the scan counts they cover, the step
-// between neighbouring shots of a line, and the pan step from line to line.
-AngleAxis MeasureAngles(ScanSource& scan, LineIndexer lines, std::int32_t lineCount, Progress& progress) {
-  AngleAxis axis{UINT32_MAX, 0};
-  double stepSum = 0.0, panSum = 0.0;
-  std::uint64_t steps = 0, panSteps = 0;
-  std::int32_t lastLine = -1;
-  std::uint32_t lastCount = 0, lastLinePan = 0;
-  BlockWalk walk(scan, nullptr, &progress);
-  while (walk.next()) {
-    const FifoBlock& block = walk.block();
-    for (std::size_t i = 0; i < block.shots.size(); ++i) {
-      const std::int32_t line = lines.lineOf(walk.blockNumber(), static_cast<std::uint32_t>(i));
-      if (line < 0 || line >= lineCount) continue;
-      const std::uint32_t count = block.shots[i].scanAngleCounts;
-      axis.minCount = std::min(axis.minCount, count);
-      axis.maxCount = std::max(axis.maxCount, count);
-      if (line == lastLine) {
-        if (count != lastCount) {
-          stepSum += std::abs(static_cast<double>(count) - static_cast<double>(lastCount));
-          ++steps;
-        }
-      } else {
-        const auto pan = static_cast<std::uint32_t>(block.shots[i].shotWord & 0xFFFFF);
-        if (lastLine >= 0) {
-          const std::uint32_t forward = (pan + kPanCounts - lastLinePan % kPanCounts) % kPanCounts;
-          panSum += std::min(forward, kPanCounts - forward);
-          ++panSteps;
-        }
-        lastLinePan = pan;
-      }
-      lastLine = line;
-      lastCount = count;
-    }
-  }
-  if (axis.minCount > axis.maxCount) axis.minCount = axis.maxCount = 0;
-  axis.shotStep = steps > 0 ? std::max(1.0, stepSum / static_cast<double>(steps)) : 1.0;
-  axis.lineStep = panSteps > 0 ? CalculatePanAngle(1) * panSum / static_cast<double>(panSteps) : 0.0;
-  return axis;
-}
-
-// The row step: the scan's angular resolution, whichever is coarser of the step
-// between the shots of a line and the pan step between lines, so that pixels
-// are square and the image keeps the scene's proportions; or, asked for, the
-// shot step alone.
-void ChooseRows(AngleAxis& axis, std::uint64_t signature, bool shotRows) {
-  axis.step = axis.shotStep;
-  if (!shotRows && axis.lineStep > 0.0) {
-    const double radiansPerCount = std::abs(CalculateScanAngle(1, signature) - CalculateScanAngle(0, signature));
-    if (radiansPerCount > 0.0) axis.step = std::max(axis.shotStep, axis.lineStep / radiansPerCount);
-  }
-  axis.rows = static_cast<std::uint32_t>(std::floor((axis.maxCount - axis.minCount) / axis.step)) + 1;
-}
 
 struct RenderOptions {
   std::string scan;
@@ -100,96 +42,92 @@ struct RenderOptions {
   bool json = false;
 };
 
-int RunRender(const RenderOptions& args, Context& context) {
+// Measures the axis, draws every first return in range and writes the image.
+RenderRun CollectRender(const RenderOptions& args, Context& context) {
   if (!args.output) throw UsageError("missing -o OUT.png");
-  const std::string output = *args.output;
+  RenderRun run;
+  run.output = *args.output;
   const std::string paletteName = args.palette.value_or("grey");
-  const Palette* palette = FindPalette(paletteName);
-  if (palette == nullptr) throw UsageError("no palette named '" + paletteName + "' (grey, viridis)");
+  run.palette = kvr::cloud::FindPalette(paletteName);
+  if (run.palette == nullptr) throw UsageError("no palette named '" + paletteName + "' (grey, viridis)");
+  run.shotRows = args.shotRows;
 
-  ScanSource scan(args.scan);
-  MapSource source(scan, args.map, context.showProgress);
-  const std::int32_t width = source.map().numberOfScanLines;
-  if (width <= 0) throw FileError(scan.path(), "has no scan lines: nothing to draw");
+  kvr::cloud::ScanOptions options;
+  if (args.map) options.map = *args.map;
+  ScanSource source(args.scan, options);
+  const kvr::cloud::Scan& scan = source.scan();
+  const MapSource map(source, context.showProgress);
+  run.width = map.map().numberOfScanLines;
+  if (run.width <= 0) throw FileError(source.path(), "has no scan lines: nothing to draw");
 
-  Progress progress("render " + scan.path(), context.showProgress);
-  const std::uint64_t signature = ScanSignature(scan.header());
-  AngleAxis axis = MeasureAngles(scan, source.lineIndexer(), width, progress);
-  ChooseRows(axis, signature, args.shotRows);
-  if (static_cast<std::uint64_t>(width) * axis.rows > kMaxPixels) {
-    throw FileError(scan.path(), Format("the panorama would be %d x %u pixels, more than this tool draws%s", width,
-                                        axis.rows, ""));
+  Progress progress("render " + source.path(), context.showProgress);
+  const auto update = [&progress](std::uint64_t done, std::uint64_t total) { progress.update(done, total); };
+  kvr::cloud::ReadTally measured;
+  run.axis = Checked([&] { return kvr::cloud::MeasurePanorama(scan, run.shotRows, measured, update); });
+  if (static_cast<std::uint64_t>(run.width) * run.axis.rows > kvr::cloud::kMaxPanoramaPixels) {
+    throw FileError(source.path(), Format("the panorama would be %d x %u pixels, more than this tool draws%s",
+                                          run.width, run.axis.rows, ""));
   }
-
-  // Each pixel averages the display levels of the shots that fall on it: the
-  // shots of a line that share a row.
-  const std::size_t pixelCount = static_cast<std::size_t>(width) * axis.rows;
-  std::vector<std::uint32_t> levelSum(pixelCount, 0);
-  std::vector<std::uint16_t> shotCount(pixelCount, 0);
-  const IntensityModel model = source.intensityModel();
-  const IntensityNormalizer normalize(model);
-  const DisplayScale scale(model.intensityAt95, model.gamma);
-  const double r0 = SampleRangeOffset(scan.header());
-  LineIndexer lines = source.lineIndexer();
-  scan.rewindToData();
-  BlockWalk walk(scan, nullptr, &progress);
-  std::uint64_t drawn = 0;
-  while (walk.next()) {
-    const FifoBlock& block = walk.block();
-    for (std::size_t i = 0; i < block.shots.size(); ++i) {
-      const RawShot& shot = block.shots[i];
-      const std::int32_t line = lines.lineOf(walk.blockNumber(), static_cast<std::uint32_t>(i));
-      if (line < 0 || line >= width || shot.returns.empty()) continue;
-      const std::uint32_t stop = shot.returns[0] & 0xFFFFF;
-      const auto t0 = static_cast<std::uint32_t>(shot.shotWord >> 41 & 0xFFFF);
-      const double range = CalculateRange(stop, t0);
-      if (ClassifyReturn(stop, t0, range, r0) != ReturnClass::kInRange) continue;
-      const std::size_t pixel = static_cast<std::size_t>(axis.rowOf(shot.scanAngleCounts)) * width + line;
-      if (shotCount[pixel] == UINT16_MAX) continue;
-      levelSum[pixel] += static_cast<std::uint32_t>(scale.level(normalize(range, shot.returns[0] >> 20)));
-      ++shotCount[pixel];
-      ++drawn;
+  run.intensityAt95 = map.map().intensityAt95;
+  run.gamma = map.map().gamma;
+  Checked([&] {
+    kvr::cloud::PanoramaWriter writer(run.output, run.width, run.axis, *run.palette, run.intensityAt95, run.gamma);
+    kvr::cloud::Selection selection = kvr::cloud::Selection::SampleRule();
+    selection.returns = kvr::cloud::Returns::kFirst;
+    selection.firstLine = 0;
+    selection.lastLine = run.width;
+    selection.columns = kvr::cloud::PanoramaWriter::kColumns;
+    kvr::cloud::PointReader reader(scan, 0, scan.blockCount(), selection);
+    kvr::cloud::PointBatch batch;
+    while (reader.next(batch)) {
+      writer.write(batch);
+      progress.update(reader.tally().blocks, scan.blockCount());
     }
-  }
-  progress.finish();
-
-  // Colour-map indices: 0 where no shot has a first return in range, else 1 + the level.
-  std::vector<std::uint8_t> pixels(pixelCount, 0);
-  std::uint64_t filled = 0;
-  for (std::size_t p = 0; p < pixelCount; ++p) {
-    if (shotCount[p] == 0) continue;
-    pixels[p] = static_cast<std::uint8_t>(1 + (levelSum[p] + shotCount[p] / 2) / shotCount[p]);
-    ++filled;
-  }
-  std::vector<Rgb> colourMap(kTopLevel + 2);
-  colourMap[0] = Rgb{0, 0, 0};
-  for (int level = 0; level <= kTopLevel; ++level) colourMap[1 + level] = palette->colourOfLevel(level);
-  WriteIndexedPng(output, static_cast<std::uint32_t>(width), axis.rows, pixels, colourMap);
+    progress.finish();
+    writer.finish();
+    run.drawn = writer.drawn(), run.filled = writer.filled(), run.pixels = writer.pixels();
+    run.intensityAt95 = writer.scale().intensityAt95(), run.gamma = writer.scale().gamma();
+  });
   std::error_code ec;
-  const std::uintmax_t bytes = std::filesystem::file_size(output, ec);
+  run.bytes = std::filesystem::file_size(run.output, ec);
+  if (ec) run.bytes = 0;
+  run.top = CalculateScanAngle(run.axis.maxCount, scan.signature()) * kDegreesPerRadian;
+  run.bottom = CalculateScanAngle(run.axis.minCount, scan.signature()) * kDegreesPerRadian;
+  // Both passes walk every block: the damage is the first pass's.
+  run.damage = kvr::cloud::DescribeScanDamage(scan, measured, context.log.grew());
+  return run;
+}
 
-  const double top = CalculateScanAngle(axis.maxCount, signature) * kDegreesPerRadian;
-  const double bottom = CalculateScanAngle(axis.minCount, signature) * kDegreesPerRadian;
+void PrintRenderJson(const RenderRun& run, const std::string& scanPath) {
+  JsonWriter json;
+  json.beginObject().field("filename", scanPath).field("output", run.output).field("palette", run.palette->name());
+  json.field("width", run.width).field("height", run.axis.rows).field("scan_count_min", run.axis.minCount);
+  json.field("scan_count_max", run.axis.maxCount).field("scan_count_step", run.axis.step).field("shot_rows", run.shotRows);
+  json.field("scan_angle_top", run.top).field("scan_angle_bottom", run.bottom);
+  json.field("shots_drawn", run.drawn).field("pixels_filled", run.filled);
+  json.field("intensityAt95", run.intensityAt95).field("gamma", run.gamma);
+  json.field("output_bytes", run.bytes);
+  json.endObject();
+  Console::write(json.text());
+}
+
+void PrintRenderText(const RenderRun& run) {
+  Console::write(run.output + Format(": %d x %u panorama (%s), scan angle %.3f deg at the top to %.3f at the bottom, ",
+                                     run.width, run.axis.rows, std::string(run.palette->name()).c_str(), run.top,
+                                     run.bottom) +
+                 Format("%.1f%% of the pixels filled, ",
+                        100.0 * static_cast<double>(run.filled) / static_cast<double>(run.pixels)) +
+                 ByteSize(run.bytes) + "\n");
+}
+
+int RunRender(const RenderOptions& args, Context& context) {
+  const RenderRun run = CollectRender(args, context);
   if (context.json) {
-    JsonWriter json;
-    json.beginObject().field("filename", scan.path()).field("output", output).field("palette", palette->name());
-    json.field("width", width).field("height", axis.rows).field("scan_count_min", axis.minCount);
-    json.field("scan_count_max", axis.maxCount).field("scan_count_step", axis.step).field("shot_rows", args.shotRows);
-    json.field("scan_angle_top", top).field("scan_angle_bottom", bottom);
-    json.field("shots_drawn", drawn).field("pixels_filled", filled);
-    json.field("intensityAt95", scale.intensityAt95()).field("gamma", scale.gamma());
-    json.field("output_bytes", static_cast<std::uint64_t>(bytes));
-    json.endObject();
-    Console::write(json.text());
+    PrintRenderJson(run, args.scan);
   } else {
-    Console::write(output + Format(": %d x %u panorama (%s), scan angle %.3f deg at the top to %.3f at the bottom, ",
-                                   width, axis.rows, std::string(palette->name()).c_str(), top, bottom) +
-                   Format("%.1f%% of the pixels filled, ", 100.0 * static_cast<double>(filled) /
-                                                             static_cast<double>(pixels.size())) +
-                   ByteSize(bytes) + "\n");
+    PrintRenderText(run);
   }
-  const std::string damage = walk.damage(context.log.grew());
-  return damage.empty() ? kExitOk : context.damaged(scan.path() + ": " + damage);
+  return run.damage.empty() ? kExitOk : context.damaged(args.scan + ": " + run.damage);
 }
 
 constexpr CommandInfo kInfo{

@@ -1,106 +1,83 @@
 #include "point_export.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
-#include <limits>
-#include <memory>
+#include <filesystem>
 #include <mutex>
-#include <span>
 #include <thread>
-#include <vector>
 
-#include "block_walk.h"
-#include "kvr_decode/fifo_block.h"
-#include "point_maker.h"
-#include "point_model.h"
+#include "kvr_decode/cloud/point_reader.h"
 
 namespace kvrscan {
 
 namespace {
 
-// Makes the points of a decoded block, appending them to `points` after its
-// first `count` records; returns the new count. `lines` is scratch.
-std::size_t MakeBlock(PointMaker& maker, const LineIndexer& indexer, std::uint32_t blockNumber, const FifoBlock& block,
-                      std::vector<std::int32_t>& lines, std::vector<PointRecord>& points, std::size_t count) {
-  const std::span<const RawShot> shots(block.shots);
-  lines.resize(shots.size());
-  indexer.linesOf(blockNumber, lines);
-  // Grown to the fullest blocks seen, then reused; the maker may write a few records past its points.
-  const std::size_t room = count + shots.size() * ReturnWords::kCapacity + PointMaker::kSpareRecords;
-  if (points.size() < room) points.resize(room);
-  for (std::size_t first = 0; first < shots.size(); first += PointMaker::kRunShots) {
-    const std::size_t run = std::min(PointMaker::kRunShots, shots.size() - first);
-    count += maker.make(shots.subspan(first, run), lines.data() + first, points.data() + count);
-  }
-  return count;
+using kvr::cloud::PointBatch;
+using kvr::cloud::PointReader;
+using kvr::cloud::ReadTally;
+
+std::string Lowercase(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
 }
 
-// The export on several threads. Each worker opens the scan for itself and
-// takes runs of consecutive blocks in turn: it decodes them on its own stream
-// (the library's calls on different streams are independent), makes their
-// points and leaves them in a slot of a ring; whichever worker finds the oldest
-// slot ready writes the ready ones, in file order. A worker waits while the
-// ring is full, so memory stays the same whatever the scan's size.
+void Add(ReadTally& sum, const ReadTally& part) {
+  if (part.badBlocks > 0 && (sum.badBlocks == 0 || part.firstBadBlock < sum.firstBadBlock)) {
+    sum.firstBadBlock = part.firstBadBlock;
+  }
+  sum.blocks += part.blocks, sum.shots += part.shots, sum.badBlocks += part.badBlocks;
+  sum.withoutRange += part.withoutRange;
+  sum.cutShort = sum.cutShort || part.cutShort;
+}
+
+// Every point, with the columns the point files hold.
+kvr::cloud::Selection ExportSelection() {
+  kvr::cloud::Selection selection;
+  selection.columns = kvr::cloud::PointWriter::kColumns;
+  return selection;
+}
+
+// The export on several threads. Workers take runs of consecutive blocks in
+// turn, read their points into a slot of a ring, and whichever worker finds the
+// oldest slot ready writes the ready ones, in file order. A worker waits while
+// the ring is full.
 class ParallelExport {
  public:
-  // Blocks a worker takes at a time: one, so that its points (about 250 KiB) are
-  // still in the processor's cache when they are written. The kernel's
-  // read-ahead follows the workers' streams together (measured from a cold cache).
+  // One block a run: its points are still in the processor's cache when written.
   static constexpr std::uint64_t kRunBlocks = 1;
 
-  ParallelExport(ScanSource& scan, const MapSource& map, const ExportSettings& settings, unsigned threads,
-                 PointWriter& writer, Progress* progress)
-      : scan_(scan), settings_(settings), threads_(threads), writer_(writer), progress_(progress),
-        lines_(map.lineIndexer()), model_(map.intensityModel()), slots_(2 * threads + 1),
-        runs_((scan.wholeBlocks() + kRunBlocks - 1) / kRunBlocks) {}
+  ParallelExport(const kvr::cloud::Scan& scan, unsigned threads, kvr::cloud::PointWriter& writer, Progress* progress)
+      : scan_(scan), threads_(threads), writer_(writer), progress_(progress), slots_(2 * threads + 1),
+        runs_((scan.blockCount() + kRunBlocks - 1) / kRunBlocks) {}
 
-  void run(ExportSummary& summary) {
+  ReadTally run() {
     std::vector<std::thread> threads;
-    std::vector<WorkerTally> tallies(threads_);
-    for (unsigned i = 0; i < threads_; ++i) {
-      NmeaTicksManager* ticks = settings_.ticks.empty() ? nullptr : settings_.ticks[i];
-      threads.emplace_back([this, ticks, &tally = tallies[i]] { work(ticks, tally); });
-    }
+    std::vector<ReadTally> tallies(threads_);
+    for (unsigned i = 0; i < threads_; ++i) threads.emplace_back([this, &tally = tallies[i]] { work(tally); });
     for (std::thread& thread : threads) thread.join();
     if (error_) std::rethrow_exception(error_);
-    std::uint64_t firstBad = std::numeric_limits<std::uint64_t>::max();
-    for (const WorkerTally& tally : tallies) {
-      summary.withoutRange += tally.withoutRange;
-      badBlocks_ += tally.badBlocks;
-      firstBad = std::min(firstBad, tally.firstBadBlock);
-    }
-    firstBadBlock_ = badBlocks_ > 0 ? firstBad : 0;
-    summary.shots = shots_;
-    summary.blocks = blocksRead_;
+    ReadTally sum;
+    for (const ReadTally& tally : tallies) Add(sum, tally);
+    sum.blocks = blocksWritten_;
+    sum.shots = shotsWritten_;
+    return sum;
   }
-
-  std::uint64_t badBlocks() const { return badBlocks_; }
-  std::uint64_t firstBadBlock() const { return firstBadBlock_; }
 
  private:
   struct Slot {
-    std::vector<PointRecord> points;
-    std::size_t count = 0;
-    std::uint64_t shots = 0;
-    std::uint64_t blocks = 0;  // read, the bad ones too
+    PointBatch points;
+    std::uint64_t shots = 0, blocks = 0;
     bool made = false;
   };
 
-  struct WorkerTally {
-    std::uint64_t withoutRange = 0;
-    std::uint64_t badBlocks = 0;
-    std::uint64_t firstBadBlock = std::numeric_limits<std::uint64_t>::max();
-  };
-
-  void work(NmeaTicksManager* ticks, WorkerTally& tally) {
+  void work(ReadTally& tally) {
     try {
-      ScanSource scan(scan_.path());
-      PointMaker maker(ScanSignature(scan.header()), settings_.rangeOffset, model_, *settings_.palette);
-      FifoBlock block;
-      block.shots.reserve(8192);
-      std::vector<std::int32_t> lines;
+      PointReader reader(scan_, 0, 0, selection_);
+      ReadTally before;
       for (;;) {
         std::uint64_t run;
         {
@@ -110,30 +87,16 @@ class ParallelExport {
           run = next_++;
         }
         Slot& slot = slots_[run % slots_.size()];
-        slot.count = 0, slot.shots = 0, slot.blocks = 0;
         const std::uint64_t first = run * kRunBlocks;
-        const std::uint64_t last = std::min(first + kRunBlocks, scan_.wholeBlocks());
-        scan.seekToBlock(first);
-        for (std::uint64_t b = first; b < last; ++b) {
-          const auto number = static_cast<std::uint32_t>(b);
-          const int result = DecodeNextFifoBlock(scan.stream(), scan.header(), static_cast<int>(number), block, ticks);
-          block.flaggedShots.clear();  // appended to from block to block; nothing here reads them
-          if (result == -1) {
-            endAt(b);  // the file is shorter than it was: the walk ends here
-            break;
-          }
-          ++slot.blocks;
-          if (result == -2) {
-            ++tally.badBlocks;
-            tally.firstBadBlock = std::min(tally.firstBadBlock, b);
-            continue;
-          }
-          slot.shots += block.shots.size();
-          slot.count = MakeBlock(maker, lines_, number, block, lines, slot.points, slot.count);
-        }
+        reader.moveTo(first, first + kRunBlocks);
+        reader.next(slot.points);  // an empty batch when the block is bad or missing
+        const ReadTally& now = reader.tally();
+        slot.shots = now.shots - before.shots, slot.blocks = now.blocks - before.blocks;
+        if (now.cutShort) endAt(run);
+        before = now;
         writeReady(run);
       }
-      tally.withoutRange = maker.withoutRange();
+      tally = reader.tally();
     } catch (...) {
       fail(std::current_exception());
     }
@@ -150,27 +113,27 @@ class ParallelExport {
       Slot& slot = slots_[written_ % slots_.size()];
       lock.unlock();
       try {
-        writer_.write(std::span<const PointRecord>(slot.points.data(), slot.count));
+        writer_.write(slot.points);
       } catch (...) {
         lock.lock();
         writing_ = false;
         throw;
       }
       lock.lock();
-      shots_ += slot.shots;
-      blocksRead_ += slot.blocks;
+      shotsWritten_ += slot.shots;
+      blocksWritten_ += slot.blocks;
       slot.made = false;
       ++written_;
-      if (progress_ != nullptr) progress_->update(blocksRead_, scan_.wholeBlocks());
+      if (progress_ != nullptr) progress_->update(blocksWritten_, scan_.blockCount());
       slotFree_.notify_all();
     }
     writing_ = false;
   }
 
-  // A short read at block b: no run after it is taken or written.
-  void endAt(std::uint64_t b) {
+  // A short read in run r: no run after it is taken or written.
+  void endAt(std::uint64_t run) {
     std::lock_guard lock(mutex_);
-    runs_ = std::min(runs_, b / kRunBlocks + 1);
+    runs_ = std::min(runs_, run + 1);
     slotFree_.notify_all();
   }
 
@@ -182,56 +145,62 @@ class ParallelExport {
     slotFree_.notify_all();
   }
 
-  ScanSource& scan_;
-  const ExportSettings& settings_;
+  const kvr::cloud::Scan& scan_;
+  const kvr::cloud::Selection selection_ = ExportSelection();
   unsigned threads_;
-  PointWriter& writer_;
+  kvr::cloud::PointWriter& writer_;
   Progress* progress_;
-  const LineIndexer lines_;
-  const IntensityModel model_;
 
   std::mutex mutex_;
   std::condition_variable slotFree_;  // a run was written, or the export failed
   std::vector<Slot> slots_;
-  std::uint64_t runs_;         // runs of blocks in the scan
+  std::uint64_t runs_;
   std::uint64_t next_ = 0;     // the next run a worker takes
   std::uint64_t written_ = 0;  // runs written; their slots may be filled again
   bool writing_ = false;
   std::exception_ptr error_;
-  std::uint64_t shots_ = 0, blocksRead_ = 0;
-  std::uint64_t badBlocks_ = 0, firstBadBlock_ = 0;
+  std::uint64_t shotsWritten_ = 0, blocksWritten_ = 0;
 };
 
 }  // namespace
 
-ExportSummary ExportPoints(ScanSource& scan, const MapSource& map, const ExportSettings& settings,
-                           PointWriter& writer, Progress* progress) {
+std::optional<PointFormat> PointFormatOf(std::string_view path) {
+  const std::string extension = Lowercase(std::filesystem::path(path).extension().string());
+  if (extension == ".ply") return PointFormat::kPly;
+  if (extension == ".csv") return PointFormat::kCsv;
+  return std::nullopt;
+}
+
+std::unique_ptr<kvr::cloud::PointWriter> OpenPointWriter(const std::string& path, PointFormat format,
+                                                         const std::vector<std::string>& comments,
+                                                         const kvr::cloud::Colouring& colouring) {
+  if (format == PointFormat::kPly) return std::make_unique<kvr::cloud::PlyWriter>(path, comments, colouring);
+  return std::make_unique<kvr::cloud::CsvWriter>(path, comments, colouring);
+}
+
+ExportSummary ExportPoints(const kvr::cloud::Scan& scan, unsigned threads, const LibraryLog* log,
+                           kvr::cloud::PointWriter& writer, Progress* progress) {
   const auto start = std::chrono::steady_clock::now();
   ExportSummary summary;
-  unsigned threads = std::max(1u, settings.threads);
-  if (!settings.ticks.empty()) threads = std::min(threads, static_cast<unsigned>(settings.ticks.size()));
-  if (threads > 1) {
-    ParallelExport parallel(scan, map, settings, threads, writer, progress);
-    parallel.run(summary);
-    summary.damage = DescribeScanDamage(scan, parallel.badBlocks(), parallel.firstBadBlock(),
-                                        settings.log != nullptr && settings.log->grew());
+  ReadTally tally;
+  if (std::max(1u, threads) > 1) {
+    ParallelExport parallel(scan, threads, writer, progress);
+    tally = parallel.run();
   } else {
-    PointMaker maker(ScanSignature(scan.header()), settings.rangeOffset, map.intensityModel(), *settings.palette);
-    const LineIndexer lines = map.lineIndexer();
-    BlockWalk walk(scan, settings.ticks.empty() ? nullptr : settings.ticks.front(), progress);
-    std::vector<std::int32_t> lineScratch;
-    std::vector<PointRecord> points;
-    while (walk.next()) {
-      const std::size_t count = MakeBlock(maker, lines, walk.blockNumber(), walk.block(), lineScratch, points, 0);
-      writer.write(std::span<const PointRecord>(points.data(), count));
-      summary.shots += walk.block().shots.size();
+    PointReader reader(scan, ExportSelection());
+    PointBatch batch;
+    while (reader.next(batch)) {
+      writer.write(batch);
+      if (progress != nullptr) progress->update(reader.tally().blocks, scan.blockCount());
     }
-    summary.withoutRange = maker.withoutRange();
-    summary.blocks = walk.blocksRead();
-    summary.damage = walk.damage(settings.log != nullptr && settings.log->grew());
+    tally = reader.tally();
   }
   if (progress != nullptr) progress->finish();
   summary.points = writer.count();
+  summary.withoutRange = tally.withoutRange;
+  summary.shots = tally.shots;
+  summary.blocks = tally.blocks;
+  summary.damage = kvr::cloud::DescribeScanDamage(scan, tally, log != nullptr && log->grew());
   summary.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return summary;
 }

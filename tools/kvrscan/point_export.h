@@ -1,32 +1,28 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "kvr_decode/cloud/point_writer.h"
+#include "kvr_decode/cloud/scan.h"
 #include "library_log.h"
-#include "map_source.h"
-#include "palette.h"
-#include "point_writer.h"
 #include "progress.h"
-#include "scan_source.h"
-
-class NmeaTicksManager;
 
 namespace kvrscan {
 
-struct ExportSettings {
-  const Palette* palette = nullptr;
-  double rangeOffset = 0.0;            // added to every range (the calibration's "rangeOffset")
-  // Times of week when given: a tick manager for each thread (a manager keeps
-  // the pulse pair it found last, so threads cannot share one); with fewer
-  // managers than threads, only as many threads run.
-  std::vector<NmeaTicksManager*> ticks;
-  const LibraryLog* log = nullptr;    // growth means the library found damaged blocks
-  // Threads decoding blocks and making their points; 1 (or 0): the calling
-  // thread does it all. The file is the same whatever the number.
-  unsigned threads = 1;
-};
+enum class PointFormat { kPly, kCsv };
+
+// The format an output name asks for by its extension (.ply, .csv; any case).
+std::optional<PointFormat> PointFormatOf(std::string_view path);
+
+// The point layer's writer of that format.
+std::unique_ptr<kvr::cloud::PointWriter> OpenPointWriter(const std::string& path, PointFormat format,
+                                                         const std::vector<std::string>& comments,
+                                                         const kvr::cloud::Colouring& colouring);
 
 struct ExportSummary {
   std::uint64_t points = 0;
@@ -37,12 +33,12 @@ struct ExportSummary {
   std::string damage;  // what the walk found wrong with the scan, "" when nothing
 };
 
-// Streams every return of the scan, from its first block on, into the writer:
-// one walk, points made and written a block at a time, a few blocks in flight
-// at most, so that memory stays the same whatever the scan's size. A return with a range becomes a
-// point; lines come from the map's line starts, colours from the map's
-// intensity model through the palette.
-ExportSummary ExportPoints(ScanSource& scan, const MapSource& map, const ExportSettings& settings,
-                           PointWriter& writer, Progress* progress);
+// Streams every point of the scan into the writer, in file order. With several
+// threads, each reads runs of blocks through a PointReader of its own and the
+// batches are written in file order; a few batches are in flight at most, so
+// memory stays the same whatever the scan's size. The file is the same on any
+// number of threads.
+ExportSummary ExportPoints(const kvr::cloud::Scan& scan, unsigned threads, const LibraryLog* log,
+                           kvr::cloud::PointWriter& writer, Progress* progress);
 
 }  // namespace kvrscan

@@ -2,19 +2,22 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 
+#include "errors.h"
 #include "fifo/block_layout.h"
+#include "kvr_decode/cloud/error.h"
+#include "kvr_decode/cloud/scan.h"
 #include "kvr_decode/raw_file_header.h"
 
 namespace kvrscan {
 
 inline constexpr std::uint64_t kBlockSize = kvr::fifo::SIZEOFFIFOBLOCK;
 
-// The wide name the library's functions take: the UTF-8 path decoded (the library
-// encodes it back to UTF-8 to open the file). ToolError for a name that is not
-// valid UTF-8.
+// The wide name the library's functions take: the UTF-8 path decoded. ToolError
+// for a name that is not valid UTF-8.
 std::wstring WidePath(const std::string& path);
 
 // The size of a regular file that can be read; otherwise a ToolError naming the
@@ -32,33 +35,39 @@ ScannerKind KindOf(const RawFileHeaderBlock& header);
 std::string_view KindName(ScannerKind kind);  // "90-degree", "360-degree", "unknown"
 std::string SignatureString(const RawFileHeaderBlock& header);  // the 8 magic bytes, printable
 
-// A raw scan file opened through ReadFileHeader: the decoded header and the
-// stream at the first FIFO block. When the library refuses the file, the
-// constructor reads what it needs of the header itself to say why (missing file,
-// wrong magic, undefined PRF, header cut short, malformed calibration text or
-// side table) and throws a ToolError with that reason.
+// Runs f, turning the point layer's refusals into the tool's file errors (the
+// same "FILE: what" message).
+template <typename F>
+decltype(auto) Checked(F&& f) {
+  try {
+    return f();
+  } catch (const kvr::cloud::Error& error) {
+    throw ToolError(error.what());
+  }
+}
+
+// A raw scan file opened through the point layer (which explains a refusal),
+// with a stream of its own at the first FIFO block for the library's block
+// functions.
 class ScanSource {
  public:
-  explicit ScanSource(std::string path);
+  explicit ScanSource(std::string path, const kvr::cloud::ScanOptions& options = {});
   ~ScanSource();
   ScanSource(const ScanSource&) = delete;
   ScanSource& operator=(const ScanSource&) = delete;
 
   const std::string& path() const { return path_; }
-  const std::wstring& widePath() const { return wide_; }
-  RawFileHeader& header() { return header_; }
-  const RawFileHeader& header() const { return header_; }
-  // The library's block functions take the stream's address.
+  kvr::cloud::Scan& scan() { return *scan_; }
+  const kvr::cloud::Scan& scan() const { return *scan_; }
+  // The library's functions take the header by reference; they only read it.
+  RawFileHeader& header() { return const_cast<RawFileHeader&>(scan_->header()); }
+  const RawFileHeader& header() const { return scan_->header(); }
   std::FILE** stream() { return &stream_; }
 
-  std::uint64_t fileSize() const { return fileSize_; }
-  // Whole 65536-byte blocks after the data offset, and the bytes of a cut-off
-  // block after them.
-  std::uint64_t wholeBlocks() const;
-  std::uint64_t trailingBytes() const;
-  // The header block's length from its text lengths (288 + the texts, plus the
-  // fourth text's length word and text when the layout has one).
-  std::uint64_t headerBlockSize() const;
+  std::uint64_t fileSize() const { return scan_->fileSize(); }
+  std::uint64_t wholeBlocks() const { return scan_->blockCount(); }
+  std::uint64_t trailingBytes() const { return scan_->trailingBytes(); }
+  std::uint64_t headerBlockSize() const { return scan_->headerBlockSize(); }
 
   // Seeks back to the first block for another pass; ToolError when it cannot.
   void rewindToData();
@@ -66,13 +75,8 @@ class ScanSource {
   void seekToBlock(std::uint64_t block);
 
  private:
-  [[noreturn]] void explainRefusal();
-  [[noreturn]] void explainMalformedTable(const std::exception& error);
-
   std::string path_;
-  std::wstring wide_;
-  std::uint64_t fileSize_ = 0;
-  RawFileHeader header_;
+  std::unique_ptr<kvr::cloud::Scan> scan_;
   std::FILE* stream_ = nullptr;
 };
 

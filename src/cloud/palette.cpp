@@ -1,6 +1,6 @@
-#include "palette.h"
+#include "kvr_decode/cloud/palette.h"
 
-namespace kvrscan {
+namespace kvr::cloud {
 
 namespace {
 
@@ -70,4 +70,4 @@ const Palette* FindPalette(std::string_view name) {
   return nullptr;
 }
 
-}  // namespace kvrscan
+}  // namespace kvr::cloud

@@ -5,7 +5,9 @@
 #include <span>
 #include <string_view>
 
-namespace kvrscan {
+#include "kvr_decode/cloud/export.h"
+
+namespace kvr::cloud {
 
 struct Rgb {
   std::uint8_t r = 0;
@@ -38,8 +40,8 @@ class Palette {
 };
 
 // Every palette, the default ("grey") first.
-std::span<const Palette> Palettes();
+KVR_CLOUD_API std::span<const Palette> Palettes();
 // The palette of that name ("gray" is taken for "grey"); null when there is none.
-const Palette* FindPalette(std::string_view name);
+KVR_CLOUD_API const Palette* FindPalette(std::string_view name);
 
-}  // namespace kvrscan
+}  // namespace kvr::cloud
