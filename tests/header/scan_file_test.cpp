@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "header/header_expectations.h"
+#include "kvr_decode/fifo_block.h"
 #include "kvr_decode/file_header.h"
+#include "kvr_writers/fifo_block_writer.h"
 #include "platform/file_system.h"
 #include "support/open_descriptors.h"
 #include "support/temp_dir_test_base.h"
@@ -50,6 +52,27 @@ INSTANTIATE_TEST_SUITE_P(Models, ReadHeader,
                          ::testing::Values(Model{"#KVRSCAN", 1, 200, 5000, 2.5, -0.000005},
                                            Model{"#MX70DAT", 0, 50, 70000, 0.5, -0.00002},
                                            Model{"MX700DAT", 0, 500, 16, 5.5, -0.000002}));
+
+// Callers name files in wide characters on every system: a name outside ASCII
+// and outside the Basic Multilingual Plane (a surrogate pair in UTF-16) opens the
+// scan, finds its side table under the same name and walks its blocks.
+TEST_F(ReadHeader, WideNameOutsideTheBasicPlaneOpensTheScanAndItsBlocks) {
+  const std::filesystem::path name(u8"sc\u00E4n \u20AC \U0001F63A.raw");
+  const auto blocks = writers::FifoFile({writers::FifoBlockBuilder().shotCount(3).build(),
+                                         writers::FifoBlockBuilder().shotCount(1).build()});
+  const Model model{"#KVRSCAN", 1, 200, 5000, 2.5, -0.000005};
+  test::WriteFile(dir() / name, writers::BuildScanFile(test::DistinctFields(model), blocks));
+  test::WriteFile(dir() / (name.u8string() + u8".tbl"), writers::BuildSideTable({10, 12}, {{5.0, 1, 3}}));
+  FILE* stream = ReadFileHeader(L"sc\u00E4n \u20AC \U0001F63A.raw", header);
+  ASSERT_NE(stream, nullptr);
+  EXPECT_NE(header.sideTableGrid, nullptr);
+  FifoBlock block;
+  EXPECT_EQ(DecodeNextFifoBlock(&stream, header, 0, block, nullptr), 3);
+  EXPECT_EQ(DecodeNextFifoBlock(&stream, header, 1, block, nullptr), 1);
+  EXPECT_EQ(DecodeNextFifoBlock(&stream, header, 2, block, nullptr), -1);
+  std::fclose(stream);
+  EXPECT_TRUE(logEntries().empty());
+}
 
 TEST_F(ReadHeader, FailuresLogOnceAndLeaveAnOpenedStreamOpen) {
   header.dataOffset = 77;
