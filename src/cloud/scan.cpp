@@ -66,6 +66,23 @@ Error::Error(const std::filesystem::path& path, const std::string& reason)
 
 std::uint64_t BlockSize() { return fifo::SIZEOFFIFOBLOCK; }
 
+// The block count a build of a scan with `blocks` whole blocks records: the
+// builder raises it only past a block number, so a count of two or more is
+// rounded down to an even number.
+std::uint64_t BuiltBlockCount(std::uint64_t blocks) { return blocks < 2 ? 0 : blocks - blocks % 2; }
+
+// A map file names no scan it can be checked against, so the header's
+// identifying fields stand in for it (the scan words are left out: a caller may
+// have rewritten them in the map's copy).
+bool SameInstrumentAndScan(const RawFileHeader& a, const RawFileHeader& b) {
+  return a.dataOffset == b.dataOffset && a.prf == b.prf && ScanSignature(a) == ScanSignature(b) &&
+         a.idValue == b.idValue && std::memcmp(a.idText1, b.idText1, sizeof a.idText1) == 0 &&
+         std::memcmp(a.idText2, b.idText2, sizeof a.idText2) == 0 &&
+         std::memcmp(a.idText3, b.idText3, sizeof a.idText3) == 0 &&
+         std::memcmp(a.idText4, b.idText4, sizeof a.idText4) == 0 &&
+         std::memcmp(a.headerWords, b.headerWords, sizeof a.headerWords) == 0;
+}
+
 std::wstring WideName(const std::filesystem::path& path) {
 #if defined(_WIN32)
   return path.wstring();
@@ -143,6 +160,9 @@ struct Scan::State {
   [[noreturn]] void ExplainMalformedTable(const std::exception& error);
   void FillMap() const;
   void FillShotTable() const;
+  std::uint64_t WholeBlocks() const {
+    return fileSize > header.dataOffset ? (fileSize - header.dataOffset) / BlockSize() : 0;
+  }
 };
 
 Scan::Scan(const std::filesystem::path& path, const ScanOptions& options) : state_(std::make_unique<State>()) {
@@ -223,10 +243,7 @@ const RawFileHeader& Scan::header() const { return state_->header; }
 std::uint64_t Scan::signature() const { return ScanSignature(state_->header); }
 std::uint64_t Scan::fileSize() const { return state_->fileSize; }
 
-std::uint64_t Scan::blockCount() const {
-  const std::uint64_t offset = state_->header.dataOffset;
-  return state_->fileSize > offset ? (state_->fileSize - offset) / BlockSize() : 0;
-}
+std::uint64_t Scan::blockCount() const { return state_->WholeBlocks(); }
 
 std::uint64_t Scan::trailingBytes() const {
   const std::uint64_t offset = state_->header.dataOffset;
@@ -286,9 +303,14 @@ void Scan::State::FillMap() const {
     if (std::string_view(made->mapSignature, 8) != "#KVRMAPF") {
       throw InputError(file, "not a map file: no \"#KVRMAPF\" at offset 26");
     }
-    if (made->dataStartOffset != header.dataOffset || made->fileHeader.prf != header.prf ||
-        ScanSignature(made->fileHeader) != ScanSignature(header)) {
+    if (made->dataStartOffset != header.dataOffset || !SameInstrumentAndScan(made->fileHeader, header)) {
       throw InputError(file, "not the map of " + path.string() + " (its header or data offset differ)");
+    }
+    // Scans of one instrument share their headers; their lengths tell them apart.
+    const std::uint64_t expected = BuiltBlockCount(WholeBlocks());
+    if (made->blockCount < 0 || static_cast<std::uint64_t>(made->blockCount) != expected) {
+      throw InputError(file, "not the map of " + path.string() + " (it covers " + std::to_string(made->blockCount) +
+                                 " blocks, a map of the scan " + std::to_string(expected) + ")");
     }
     mapLoaded = true;
   } else {

@@ -182,6 +182,27 @@ TEST(ScanRefusals, MapOfAnotherScanIsRefused) {
               (dir / "small.map").string() + ": not the map of " + (dir / "other.raw").string() +
                   " (its header or data offset differ)");
   }
+  // The same instrument's header: a scan two blocks longer, and one with another id value.
+  std::vector<std::uint8_t> longer = test::ReadFileBytes(small);
+  longer.resize(longer.size() + 2 * 65536, 0);
+  test::WriteFile(dir / "longer.raw", longer);
+  std::vector<std::uint8_t> renamed = test::ReadFileBytes(small);
+  renamed[68] ^= 1;  // idValue
+  test::WriteFile(dir / "renamed.raw", renamed);
+  const struct {
+    const char* name;
+    std::string reason;
+  } foreign[] = {{"longer.raw", " (it covers 2 blocks, a map of the scan 4)"},
+                 {"renamed.raw", " (its header or data offset differ)"}};
+  for (const auto& c : foreign) {
+    try {
+      Scan(dir / c.name, options).map();
+      ADD_FAILURE() << c.name << ": a foreign map was taken";
+    } catch (const InputError& error) {
+      EXPECT_EQ(std::string(error.what()),
+                (dir / "small.map").string() + ": not the map of " + (dir / c.name).string() + c.reason);
+    }
+  }
 }
 
 // A simulated room read as one range, as ranges of every length and from two
