@@ -20,17 +20,29 @@ std::uintmax_t LogSize() {
 // kvr_decode.Error, made once when the module loads and kept for the process.
 PyObject* errorType = nullptr;
 
+// Library texts may quote bytes of a damaged file: undecodable ones are shown escaped.
+py::str Text(const std::string& text) {
+  PyObject* decoded = PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "backslashreplace");
+  if (decoded == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::str>(decoded);
+}
+
+// A path as Python spells it (os.fsdecode: undecodable bytes as surrogate escapes).
+py::object PathText(const std::string& path) {
+  return py::module_::import("os").attr("fsdecode")(py::bytes(path));
+}
+
 void RaiseError(const BindingError& error) {
-  py::object exception = py::reinterpret_borrow<py::object>(errorType)(error.message);
-  exception.attr("path") = error.path;
-  exception.attr("reason") = error.reason;
-  exception.attr("log") = error.log;
+  py::object exception = py::reinterpret_borrow<py::object>(errorType)(Text(error.message));
+  exception.attr("path") = PathText(error.path);
+  exception.attr("reason") = Text(error.reason);
+  exception.attr("log") = Text(error.log);
   PyErr_SetObject(errorType, exception.ptr());
 }
 
 void RaiseMissing(const MissingFile& missing) {
   py::object exception =
-      py::reinterpret_borrow<py::object>(PyExc_FileNotFoundError)(ENOENT, missing.message, missing.path);
+      py::reinterpret_borrow<py::object>(PyExc_FileNotFoundError)(ENOENT, Text(missing.message), PathText(missing.path));
   PyErr_SetObject(PyExc_FileNotFoundError, exception.ptr());
 }
 

@@ -18,9 +18,7 @@ def scan_set(tmp_path_factory):
     directory = tmp_path_factory.mktemp("set")
     subprocess.run([_tool("KVR_SIMULATE"), str(directory), "--seed", "7", "--lines", "40", "--camera-images", "3"],
                    check=True, stdout=subprocess.DEVNULL)
-    scans = [p for p in directory.iterdir() if p.suffix not in (".dat", ".txt")]
-    assert len(scans) == 1, sorted(p.name for p in directory.iterdir())
-    return {"scan": scans[0], "ticks": directory / "Serial.dat", "devices": directory / "Devices.dat",
+    return {"scan": directory / "scan.raw", "ticks": directory / "Serial.dat", "devices": directory / "Devices.dat",
             "camera": directory / "Camera.dat", "dir": directory}
 
 

@@ -34,7 +34,8 @@ def test_points_equal_the_csv_export(scan_set, kvrscan, tmp_path, ticks):
     extra = ["--ticks", str(scan_set["ticks"])] if ticks else []
     subprocess.run([kvrscan, "export", str(scan_set["scan"]), "-o", str(out), *extra], check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    csv = np.genfromtxt(out, delimiter=",", comments="#", names=True)
+    with open(out) as text:
+        csv = np.genfromtxt([line for line in text if not line.startswith("#")], delimiter=",", names=True)
     points = kvr_decode.open(scan_set["scan"], ticks=scan_set["ticks"] if ticks else None).read_points()
     assert len(points) == len(csv)
     for ours, theirs in [("X", "x"), ("Y", "y"), ("Z", "z")]:
@@ -95,8 +96,6 @@ def test_arrays_own_cpp_memory_through_a_capsule(scan, points):
     for name in ("X", "Intensity", "Line", "ShotIndex"):
         assert type(columns[name].base).__name__ == "PyCapsule" and not columns[name].flags.owndata
         np.testing.assert_array_equal(columns[name], block[name])
-    histogram = scan.histogram
-    assert type(histogram.base).__name__ == "PyCapsule" and histogram.sum() > 0
     shots = next(scan.blocks())["shots"]
     assert type(shots.base).__name__ == "PyCapsule" and not shots.flags.owndata
 
@@ -123,21 +122,18 @@ def _resident_kib():
 
 
 def test_repeated_open_and_read_does_not_grow_memory(scan_set):
-    def cycle():
-        s = kvr_decode.open(scan_set["scan"])
-        s.read_points()
-        for _ in s.points(batch_blocks=3):
-            pass
-        s.header, s.histogram, list(s.blocks(0, 2))
+    def cycles(n):
+        for _ in range(n):
+            s = kvr_decode.open(scan_set["scan"])
+            s.read_points()
+            for _ in s.points(batch_blocks=3):
+                pass
+            s.header, s.map_statistics, list(s.blocks(0, 2)), list(s.point_columns(blocks=(0, 2)))
+        gc.collect()
+        return _resident_kib()
 
-    for _ in range(3):
-        cycle()
-    gc.collect()
-    before = _resident_kib()
-    for _ in range(15):
-        cycle()
-    gc.collect()
-    assert _resident_kib() - before < 8 * 1024
+    settled = cycles(8)  # the allocator keeps what the first cycles freed
+    assert cycles(25) - settled < 1024
 
 
 def test_blocks_hold_the_shots_the_points_come_from(scan, points):
