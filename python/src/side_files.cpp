@@ -108,8 +108,10 @@ py::dict ReadDevices(const py::object& path) {
                                      offsetof(DeviceRecord2, c), offsetof(DeviceRecord2, value), offsetof(DeviceRecord2, nearestType7)},
                                     sizeof(DeviceRecord2)));
   d["type3"] = RecordsOf(data, data->type3Records,
-                         RecordType({{"time", "<u8"}, {"w", "(5,)<u4"}},
-                                    {offsetof(DeviceRecord3, time), offsetof(DeviceRecord3, w)}, sizeof(DeviceRecord3)));
+                         RecordType({{"time", "<u8"}, {"w0", "<u4"}, {"w1", "<u4"}, {"w2", "<u4"}, {"w3", "<u4"}, {"w4", "<u4"}},
+                                    {offsetof(DeviceRecord3, time), offsetof(DeviceRecord3, w0), offsetof(DeviceRecord3, w1),
+                                     offsetof(DeviceRecord3, w2), offsetof(DeviceRecord3, w3), offsetof(DeviceRecord3, w4)},
+                                    sizeof(DeviceRecord3)));
   d["type4"] = RecordsOf(data, data->type4Records,
                          RecordType({{"time", "<u8"}, {"values", "(2,)<u4"}},
                                     {offsetof(DeviceRecord4, time), offsetof(DeviceRecord4, values)}, sizeof(DeviceRecord4)));
@@ -118,8 +120,11 @@ py::dict ReadDevices(const py::object& path) {
   d["type5"] = RecordsOf(data, data->type5Records, type5);
   d["type6"] = RecordsOf(data, data->type6Records, type5);
   d["type7"] = RecordsOf(data, data->type7Records,
-                         RecordType({{"time", "<u8"}, {"d", "<u8"}, {"e", "(7,)<u4"}},
-                                    {offsetof(DeviceRecord7, time), offsetof(DeviceRecord7, d), offsetof(DeviceRecord7, e)},
+                         RecordType({{"time", "<u8"}, {"d", "<u8"}, {"e0", "<u4"}, {"e1", "<u4"}, {"e2", "<u4"}, {"e3", "<u4"},
+                                     {"e4", "<u4"}, {"e5", "<u4"}, {"e6", "<u4"}},
+                                    {offsetof(DeviceRecord7, time), offsetof(DeviceRecord7, d), offsetof(DeviceRecord7, e0),
+                                     offsetof(DeviceRecord7, e1), offsetof(DeviceRecord7, e2), offsetof(DeviceRecord7, e3),
+                                     offsetof(DeviceRecord7, e4), offsetof(DeviceRecord7, e5), offsetof(DeviceRecord7, e6)},
                                     sizeof(DeviceRecord7)));
   d["type8"] = RecordsOf(data, data->type8Records,
                          RecordType({{"time", "<u8"}, {"value", "<u4"}},

@@ -20,7 +20,7 @@ def points(scan):
 
 def test_points_equal_the_point_layers(scan_set, reader_timer, points, tmp_path):
     dump = tmp_path / "points.bin"
-    subprocess.run([reader_timer, str(scan_set["scan"]), "--dump", str(dump)], check=True, stdout=subprocess.DEVNULL)
+    subprocess.run([reader_timer, "dump", str(scan_set["scan"]), str(dump)], check=True, stdout=subprocess.DEVNULL)
     layer = np.fromfile(dump, dtype=[("X", "<f8"), ("Y", "<f8"), ("Z", "<f8"), ("GpsTime", "<f8"),
                                      ("Intensity", "<i8"), ("Line", "<i8"), ("ShotIndex", "<i8")])
     assert len(points) == len(layer) > 1000
