@@ -52,6 +52,8 @@ const py::dtype& PointType() {
 
 // Records from the C allocator that grow as batches arrive; numpy takes the
 // memory over at the end (realloc moves large blocks by remapping, not copying).
+// Batches of a few blocks stay below the allocator's mapping threshold once it
+// has risen, so a loop that drops each batch reuses the same pages.
 class RecordBuffer {
  public:
   ~RecordBuffer() { std::free(data_); }
@@ -558,7 +560,7 @@ void BindScan(py::module_& m) {
                                                    batchBlocks);
           },
           py::arg("returns") = "all", py::arg("blocks") = py::none(), py::arg("lines") = py::none(),
-          py::arg("near") = py::none(), py::arg("far") = py::none(), py::arg("batch_blocks") = 64,
+          py::arg("near") = py::none(), py::arg("far") = py::none(), py::arg("batch_blocks") = 16,
           (std::string("Iterates over the points as structured arrays, one per batch_blocks blocks.\n") +
            selection(""))
               .c_str())
