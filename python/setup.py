@@ -21,7 +21,9 @@ class CMakeBuild(build_ext):
     def build_extension(self, ext):
         build = Path(self.build_temp).resolve() / "cmake"
         subprocess.run(["cmake", "-S", str(ROOT), "-B", str(build), "-DCMAKE_BUILD_TYPE=Release",
-                        f"-DPython3_EXECUTABLE={sys.executable}", "-DKVR_BUILD_TESTS=OFF", "-DKVR_BUILD_BENCH=OFF"],
+                        f"-DPython3_EXECUTABLE={sys.executable}", "-DKVR_BUILD_TESTS=OFF", "-DKVR_BUILD_BENCH=OFF",
+                        # No build-tree paths in the wheel: everything is found beside the module.
+                        "-DCMAKE_BUILD_WITH_INSTALL_RPATH=ON", "-DCMAKE_INSTALL_RPATH=$ORIGIN"],
                        check=True)
         jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", "2")
         subprocess.run(["cmake", "--build", str(build), "-j", jobs, "--target", "kvr_decode_python"], check=True)
