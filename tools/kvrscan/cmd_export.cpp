@@ -19,8 +19,15 @@ namespace kvrscan {
 
 namespace {
 
-const kvr::cloud::Palette& ChosenPalette(const ParsedArgs& args) {
-  const std::string name = args.value("palette").value_or("grey");
+struct ExportOptions {
+  std::string scan;
+  std::optional<std::string> output, map, ticks, palette;
+  std::optional<std::int64_t> timeOffset, threads;
+  bool json = false;
+};
+
+const kvr::cloud::Palette& ChosenPalette(const ExportOptions& args) {
+  const std::string name = args.palette.value_or("grey");
   const kvr::cloud::Palette* palette = kvr::cloud::FindPalette(name);
   if (palette == nullptr) throw UsageError("no palette named '" + name + "' (grey, viridis)");
   return *palette;
@@ -38,9 +45,9 @@ struct ExportRun {
 };
 
 // Opens the scan, makes its map and writes its points.
-ExportRun CollectExport(const ParsedArgs& args, Context& context) {
+ExportRun CollectExport(const ExportOptions& args, Context& context) {
   ExportRun run;
-  run.output = *args.value("output");
+  run.output = *args.output;
   const std::optional<PointFormat> format = PointFormatOf(run.output);
   if (!format) throw UsageError("the output must end in .ply or .csv, not '" + run.output + "'");
   run.format = *format;
@@ -48,13 +55,13 @@ ExportRun CollectExport(const ParsedArgs& args, Context& context) {
   // Past a few workers the file's reading and writing set the pace, and each
   // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
-      args.integer("threads", 1, 256).value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
+      args.threads.value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
   kvr::cloud::ScanOptions options;
-  if (const auto map = args.value("map")) options.map = *map;
-  if (const auto ticks = args.value("ticks")) options.ticks = *ticks;
-  options.timeOffset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
+  if (args.map) options.map = *args.map;
+  if (args.ticks) options.ticks = *args.ticks;
+  options.timeOffset = static_cast<int>(args.timeOffset.value_or(0));
   run.ticks = options.ticks.has_value();
-  ScanSource source(args.positional()[0], options);
+  ScanSource source(args.scan, options);
   const kvr::cloud::Scan& scan = source.scan();
   run.rangeOffset = scan.rangeOffset();
   const MapSource map(source, context.showProgress);
@@ -102,38 +109,24 @@ void PrintExportText(const ExportRun& run) {
                  " returns without a range), " + ByteSize(run.bytes) + Format(", %.2f s\n", run.summary.seconds));
 }
 
-int RunExport(const ParsedArgs& args, Context& context) {
+int RunExport(const ExportOptions& args, Context& context) {
   const ExportRun run = CollectExport(args, context);
   if (context.json) {
-    PrintExportJson(run, args.positional()[0]);
+    PrintExportJson(run, args.scan);
   } else {
     PrintExportText(run);
   }
   // The points of every readable block are written; the damage still fails the run.
-  if (!run.summary.damage.empty()) return context.damaged(args.positional()[0] + ": " + run.summary.damage);
+  if (!run.summary.damage.empty()) return context.damaged(args.scan + ": " + run.summary.damage);
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"output", 'o', "OUT", "the point file: OUT.ply (binary little-endian) or OUT.csv"},
-    kMapOption,
-    kTicksOption,
-    kTimeOffsetOption,
-    kPaletteOption,
-    {"threads", 0, "N", "threads decoding blocks and making points (default: one per processor, at most 8)"},
-    kJsonOption,
-};
-
-int RunExportChecked(const ParsedArgs& args, Context& context) {
-  if (!args.has("output")) throw UsageError("missing -o OUT.ply or -o OUT.csv");
+int RunExportChecked(const ExportOptions& args, Context& context) {
+  if (!args.output) throw UsageError("missing -o OUT.ply or -o OUT.csv");
   return RunExport(args, context);
 }
 
-}  // namespace
-
-const Command kExportCommand{
+constexpr CommandInfo kInfo{
     "export",
     "SCAN -o OUT.ply|OUT.csv [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--threads N] [--json]",
     "every return as a point: x, y, z, intensity, return number and count, line, time and colour",
@@ -145,10 +138,22 @@ const Command kExportCommand{
     "--map loads one. The points are written as they are decoded: memory does not grow with the scan.\n"
     "Workers decode blocks and make their points side by side; the points are written in file order,\n"
     "so the file is the same on any number of threads.",
-    kOptions,
-    kPositional,
-    1,
-    RunExportChecked,
 };
+
+}  // namespace
+
+void AddExportCommand(CommandSet& commands) {
+  auto options = std::make_shared<ExportOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunExportChecked);
+  AddInput(command, "SCAN", options->scan);
+  AddText(command, "-o,--output", "OUT", options->output, "the point file: OUT.ply (binary little-endian) or OUT.csv");
+  AddMapOption(command, options->map);
+  AddTicksOption(command, options->ticks);
+  AddTimeOffsetOption(command, options->timeOffset);
+  AddPaletteOption(command, options->palette);
+  AddInteger(command, "--threads", "N", options->threads, 1, 256,
+             "threads decoding blocks and making points (default: one per processor, at most 8)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan
