@@ -11,7 +11,9 @@ set -eu
 # One variable per purpose; a new need is a new line here and a word in `packages`.
 cli_packages="libcli11-dev"         # kvrscan's and kvr_simulate's command lines
 test_packages="nlohmann-json3-dev"  # the tests read the tool's JSON back
-packages="$cli_packages $test_packages"
+# The Python package kvr_decode, its tests and its wheel
+python_packages="pybind11-dev python3-numpy python3-pytest python3-setuptools python3-build"
+packages="$cli_packages $test_packages $python_packages"
 
 [ "$#" -gt 0 ] && packages="$*"
 apt_get="${APT_GET:-apt-get}"
