@@ -4,13 +4,15 @@
 // from the page cache. The map is built once, outside the timing, as
 // `export --map` loads it. Each iteration times one walk, then one export.
 //
+// ReadPoints: a PointReader making every point, against the walk.
 // ExportPoints/threads:N exports to /dev/null, which pays for every point but
 // not for a file's pages; ExportToTmpfs/threads:N writes a real PLY file into
 // /dev/shm, which adds the kernel's copy of 31 bytes a point. Counters:
 // ratio_wall = export / walk in wall-clock time (what a user waits; the speed
 // goal is at most 2); ratio_cpu = the same in CPU time (all of the export's
 // threads against the walk's one); points_per_s and bytes_per_s (of scan read)
-// of the export in wall-clock time.
+// of the export in wall-clock time. ExportWithMap*: the same with the map built
+// in the timing (an export without --map, end to end).
 
 #include <benchmark/benchmark.h>
 
@@ -23,9 +25,9 @@
 
 #include "kvr_decode/fifo_block.h"
 #include "kvr_simulator/scan_set.h"
-#include "map_source.h"
+#include "kvr_decode/cloud/point_reader.h"
 #include "point_export.h"
-#include "point_maker.h"
+#include "scan_source.h"
 #include "kvr_writers/fifo_block_writer.h"
 #include "kvr_writers/synthetic_blocks.h"
 #include "kvr_writers/scan_file_writer.h"
@@ -113,11 +115,16 @@ std::string EnsureRoomScan() {
   return path;
 }
 
-void RunExportBenchmark(benchmark::State& state, const std::string& scanPath, const std::string& output) {
+// The export as `kvrscan export` runs it. With withMap, the map is built in
+// every iteration, as an export without --map does; otherwise it is built once,
+// outside the timing, as `export --map` loads it.
+void RunExportBenchmark(benchmark::State& state, const std::string& scanPath, const std::string& output,
+                        bool withMap = false) {
   kvrscan::ScanSource scan(scanPath);
-  const kvrscan::MapSource map(scan, std::nullopt, false);
-  kvrscan::ExportSettings settings{kvrscan::FindPalette("grey"), 0.5, {}, nullptr};
-  settings.threads = static_cast<unsigned>(state.range(0));
+  scan.scan().map();
+  const kvr::cloud::Colouring colouring{kvr::cloud::FindPalette("grey"), scan.scan().map().intensityAt95,
+                                        scan.scan().map().gamma};
+  const auto threads = static_cast<unsigned>(state.range(0));
   FifoBlock block;
   double walkCpu = 0.0, walkWall = 0.0, exportCpu = 0.0, exportWall = 0.0;
   std::uint64_t points = 0;
@@ -126,10 +133,16 @@ void RunExportBenchmark(benchmark::State& state, const std::string& scanPath, co
     benchmark::DoNotOptimize(WalkPass(scan, block));
     walkCpu += Cpu() - walkCpuStart;
     walkWall += Wall() - walkWallStart;
-    scan.rewindToData();
     const double cpuStart = Cpu(), wallStart = Wall();
-    auto writer = kvrscan::PointWriter::Open(output, kvrscan::PointFormat::kPly, {});
-    points += kvrscan::ExportPoints(scan, map, settings, *writer, nullptr).points;
+    std::unique_ptr<kvr::cloud::Scan> own;
+    const kvr::cloud::Scan* source = &scan.scan();
+    if (withMap) {
+      own = std::make_unique<kvr::cloud::Scan>(scanPath);
+      own->map();
+      source = own.get();
+    }
+    auto writer = kvrscan::OpenPointWriter(output, kvrscan::PointFormat::kPly, {}, colouring);
+    points += kvrscan::ExportPoints(*source, threads, nullptr, *writer, nullptr).points;
     writer->finish();
     exportCpu += Cpu() - cpuStart;
     const double wall = Wall() - wallStart;
@@ -154,46 +167,45 @@ void ExportToTmpfs(benchmark::State& state) {
   RunExportBenchmark(state, kScanPath, "/dev/shm/kvrscan_export_bench.ply");
 }
 void ExportRoom(benchmark::State& state) { RunExportBenchmark(state, EnsureRoomScan(), "/dev/null"); }
+// End to end: the map built too, as `kvrscan export SCAN -o OUT` without --map.
+void ExportWithMap(benchmark::State& state) {
+  EnsureScan();
+  RunExportBenchmark(state, kScanPath, "/dev/null", true);
+}
+void ExportWithMapToTmpfs(benchmark::State& state) {
+  EnsureScan();
+  RunExportBenchmark(state, kScanPath, "/dev/shm/kvrscan_export_bench.ply", true);
+}
 
-// The point making alone, on 256 blocks decoded beforehand: what the export adds
-// to the walk for each point, in ns (CPU time).
-void MakePoints(benchmark::State& state) {
+// PointReader making every point of the scan, one thread, against the walk in
+// the same run: ratio = reader / walk (CPU time); ns_per_point of the reader.
+void ReadPoints(benchmark::State& state) {
   EnsureScan();
   kvrscan::ScanSource scan(kScanPath);
-  const kvrscan::MapSource map(scan, std::nullopt, false);
-  std::vector<FifoBlock> blocks(256);
-  scan.rewindToData();
-  for (std::size_t b = 0; b < blocks.size(); ++b) {
-    DecodeNextFifoBlock(scan.stream(), scan.header(), static_cast<int>(b), blocks[b], nullptr);
-  }
-  kvrscan::PointMaker maker(ScanSignature(scan.header()), 0.5, map.intensityModel(), *kvrscan::FindPalette("grey"));
-  // As the export's workers leave them: a block's points one after another, in
-  // a ring of five blocks' room (two workers' ring).
-  std::vector<std::vector<kvrscan::PointRecord>> ring(5);
-  std::vector<std::int32_t> lines(kvrscan::PointMaker::kRunShots, 7);
+  scan.scan().map();
+  FifoBlock block;
+  double walk = 0.0, read = 0.0;
   std::uint64_t points = 0;
-  std::size_t slot = 0;
+  kvr::cloud::PointBatch batch;
   for (auto _ : state) {
-    for (const FifoBlock& block : blocks) {
-      const std::span<const RawShot> shots(block.shots);
-      std::vector<kvrscan::PointRecord>& out = ring[slot++ % ring.size()];
-      out.resize(shots.size() * ReturnWords::kCapacity + kvrscan::PointMaker::kSpareRecords);
-      std::size_t made = 0;
-      for (std::size_t first = 0; first < shots.size(); first += kvrscan::PointMaker::kRunShots) {
-        const std::size_t count = std::min(kvrscan::PointMaker::kRunShots, shots.size() - first);
-        made += maker.make(shots.subspan(first, count), lines.data(), out.data() + made);
-      }
-      points += made;
-      benchmark::DoNotOptimize(out.data());
+    const double walkStart = Cpu();
+    benchmark::DoNotOptimize(WalkPass(scan, block));
+    walk += Cpu() - walkStart;
+    const double start = Cpu();
+    kvr::cloud::PointReader reader(scan.scan());
+    while (reader.next(batch)) {
+      points += batch.size();
+      benchmark::DoNotOptimize(batch.x().data());
     }
+    const double seconds = Cpu() - start;
+    read += seconds;
+    state.SetIterationTime(seconds);
   }
-  // Seconds per point per iteration, shown as ns: the kInvert of a rate.
-  state.counters["ns_per_point"] = benchmark::Counter(static_cast<double>(points) * 1e-9,
-                                                      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["ratio"] = read / walk;
+  state.counters["ns_per_point"] = read * 1e9 / static_cast<double>(points);
 }
-// The machine is shared: the least of the repetitions is the steadiest figure.
-BENCHMARK(MakePoints)->Unit(benchmark::kMillisecond)->Repetitions(9)->ReportAggregatesOnly(true)
-    ->ComputeStatistics("min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
+BENCHMARK(ReadPoints)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(3)->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 // One thread, and the tool's default on this machine: one maker per processor.
 void Threads(benchmark::internal::Benchmark* b) {
@@ -208,6 +220,10 @@ BENCHMARK(ExportPoints)->Apply(Threads)->Unit(benchmark::kMillisecond)->UseManua
 BENCHMARK(ExportRoom)->Apply(Threads)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(3)
     ->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(ExportToTmpfs)->Apply(Threads)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(2)
+    ->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(ExportWithMap)->Apply(Threads)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(2)
+    ->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(ExportWithMapToTmpfs)->Apply(Threads)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(2)
     ->Repetitions(3)->ReportAggregatesOnly(true);
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "kvr_decode/cloud/point_reader.h"
 
 #include <algorithm>
+#include <cstring>
 #include <span>
 #include <vector>
 
@@ -42,14 +43,14 @@ struct PointReader::State {
 
   State(const Scan& s, std::uint64_t first, std::uint64_t last, const Selection& chosen)
       : scan(s), selection(chosen), first(first), last(last), offset(s.rangeOffset()),
-        pan([](std::uint32_t count) { return optics::PanAngle(count); }),
+        panTrig([](std::uint32_t count) { return optics::PanAngle(count); }),
         scanTrig([signature = s.signature()](std::uint32_t count) { return optics::ScanAngle(count, signature); }) {}
 
   const Scan& scan;
   Selection selection;
   std::uint64_t first, last, next = 0;
   double offset;
-  PanTrig pan;
+  PanTrig panTrig;
   ScanTrig scanTrig;
   std::unique_ptr<scanmap::IntensityModel> model;
   scanmap::LineStarts lines;
@@ -62,6 +63,19 @@ struct PointReader::State {
   ReadTally tally;
 
   void Make(PointBatch& batch, std::uint32_t number);
+  template <bool kWindow>
+  std::size_t MakeShots(PointBatch& batch, std::span<const RawShot> shots);
+  static void FillShot(std::uint8_t* counts, std::int32_t* lines, double* time, std::size_t n, std::uint32_t count,
+                       std::int32_t line, double tow);
+  void Place(const RawShot& shot, const std::int32_t (&flights)[4], std::size_t n, std::uint32_t& panCount,
+             double& cosPan, double& sinPan, double* x, double* y, double* z, double* range, double rangeOffset) const;
+  void MakeColumns(PointBatch& batch, std::span<const RawShot> shots);
+
+  // Per point: its return word with the stop count replaced by the flight
+  // count (the form the intensity model takes), and its shot in the block.
+  scanmap::SampleBatch samples;
+  std::unique_ptr<std::uint16_t[]> pointShots{new std::uint16_t[scanmap::SampleBatch::kCapacity]};
+  std::uint64_t signature;
 };
 
 PointReader::PointReader(const Scan& scan, const Selection& selection)
@@ -83,6 +97,7 @@ PointReader::PointReader(const Scan& scan, std::uint64_t first, std::uint64_t la
   moveTo(first, last);
   if (scan.tickFile()) s.ticks = std::make_unique<TicksManager>(*scan.tickFile(), scan.timeOffset());
   s.header.prf = scan.header().prf;
+  s.signature = scan.signature();
   s.block.shots.reserve(8192);
 }
 
@@ -141,75 +156,186 @@ bool PointReader::next(PointBatch& batch) {
   return false;
 }
 
-// Shots without returns (the sky) come in runs and are passed over at once; the
-// head turns slower than the mirror, so the pan's sine and cosine are kept from
-// shot to shot.
+// Two passes. The first walks the shots and makes the columns that follow from
+// a shot and its return word. Return counts vary from shot to shot at random,
+// so a loop over a shot's returns would spend its time in mispredicted
+// branches: all four return slots are made, and the next shot's land on those
+// not kept. The second pass makes the normalized intensities (their divisions
+// overlap in a loop of their own) and the columns few callers ask for.
 void PointReader::State::Make(PointBatch& batch, std::uint32_t number) {
   const std::span<const RawShot> shots(block.shots);
-  shotLines.resize(shots.size());
+  const std::size_t shotCount = shots.size();
+  shotLines.resize(shotCount);
   lines.LinesOf(number, shotLines);
-  batch.reserve(shots.size() * ReturnWords::kCapacity);
+  batch.reserve(shotCount * ReturnWords::kCapacity);
   batch.block_ = number;
   batch.timeOfWeek_ = ticks != nullptr;
-  const std::uint64_t firstShot = scan.firstShotOfBlock(number);
+  batch.size_ = window ? MakeShots<true>(batch, shots) : MakeShots<false>(batch, shots);
+  samples.count = batch.size_;
+  MakeColumns(batch, shots);
+}
+
+template <bool kWindow>
+std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const RawShot> shots) {
   const std::int32_t lowLine = selection.firstLine.value_or(INT32_MIN);
   const std::int32_t highLine = selection.lastLine.value_or(INT32_MAX);
   const bool lineRange = selection.firstLine || selection.lastLine;
+  const bool first = selection.returns == Returns::kFirst, last = selection.returns == Returns::kLast;
+  const bool positions = (selection.columns & (kPositionColumns | kRangeColumn)) != 0;
+  const bool perShot = (selection.columns & (kReturnColumns | kLineColumn | kTimeColumn)) != 0;
+  std::uint32_t* const sample = samples.sample.get();
+  std::uint16_t* const shotOf = pointShots.get();
+  std::uint8_t* const numbers = batch.returnNumber_.data();
+  std::uint8_t* const counts = batch.returnCount_.data();
+  std::int32_t* const lineOf = batch.line_.data();
+  double* const time = batch.time_.data();
+  double *const x = batch.x_.data(), *const y = batch.y_.data(), *const z = batch.z_.data();
+  // The range column only when asked for: the point files do without it.
+  double* const range = (selection.columns & kRangeColumn) != 0 ? batch.range_.data() : nullptr;
+  const double rangeOffset = offset;
+
   std::uint32_t panCount = UINT32_MAX;
-  double cosPan = 1.0, sinPan = 0.0, panAngle = 0.0;
+  double cosPan = 1.0, sinPan = 0.0;
   std::size_t n = 0;
   for (std::size_t i = 0; i < shots.size(); ++i) {
     const RawShot& shot = shots[i];
     const auto count = static_cast<std::uint32_t>(shot.returns.size());
-    if (count == 0) continue;
+    if (count == 0) continue;  // the sky: shots without returns come in runs
     const std::int32_t line = shotLines[i];
     if (lineRange && (line < lowLine || line >= highLine)) continue;
-    const std::uint32_t panCounts = fifo::PanCounts(shot.shotWord);
-    if (panCounts != panCount) {
-      pan(panCounts, cosPan, sinPan);
-      panAngle = optics::PanAngle(panCounts);
-      panCount = panCounts;
-    }
-    double cosScan, sinScan;
-    scanTrig(shot.scanAngleCounts, cosScan, sinScan);
-    const double scanAngle = optics::ScanAngle(shot.scanAngleCounts, scan.signature());
     const std::uint32_t start = fifo::StartCounts(shot.shotWord);
-    const auto flags = static_cast<std::uint8_t>(fifo::ShotFlags(shot.shotWord));
-    std::uint32_t k = selection.returns == Returns::kLast ? count - 1 : 0;
-    const std::uint32_t end = selection.returns == Returns::kFirst ? 1 : count;
-    for (; k < end; ++k) {
-      const std::uint32_t stop = fifo::StopCounts(shot.returns[k]);
-      if (stop < start) {
-        ++tally.withoutRange;
-        continue;
+    const std::uint32_t k0 = last ? count - 1 : 0;
+    const std::uint32_t kept = first || last ? 1 : count;
+    std::int32_t flights[ReturnWords::kCapacity];
+    bool plain = true;  // every kept return has a range (and lies in the window)
+    for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
+      const std::uint32_t word = shot.returns[(k0 + k) & (ReturnWords::kCapacity - 1)];
+      flights[k] = static_cast<std::int32_t>(fifo::StopCounts(word)) - static_cast<std::int32_t>(start);
+      sample[n + k] = (word & 0xFFF00000u) | (static_cast<std::uint32_t>(flights[k]) & 0xFFFFFu);
+      shotOf[n + k] = static_cast<std::uint16_t>(i);
+      numbers[n + k] = static_cast<std::uint8_t>(k0 + k + 1);
+      if constexpr (kWindow) {
+        plain &= k >= kept || window->InRange(flights[k]);
+      } else {
+        plain &= k >= kept || flights[k] >= 0;
       }
-      const auto flight = static_cast<std::int32_t>(stop - start);
-      if (window && !window->InRange(flight)) continue;
-      const double range = optics::Range(stop, start);
-      const std::uint32_t intensity = fifo::RawIntensity(shot.returns[k]);
-      const double r = range + offset;
-      const double horizontal = r * cosScan;
-      batch.x_[n] = horizontal * cosPan;
-      batch.y_[n] = horizontal * sinPan;
-      batch.z_[n] = r * sinScan;
-      batch.range_[n] = r;
-      batch.pan_[n] = panAngle;
-      batch.scanAngle_[n] = scanAngle;
-      batch.intensity_[n] = static_cast<std::uint16_t>(intensity);
-      batch.normalized_[n] = range > 0.0 ? model->Normalized(range, model->Base(intensity)) : 0.0;
-      batch.returnNumber_[n] = static_cast<std::uint8_t>(k + 1);
-      batch.returnCount_[n] = static_cast<std::uint8_t>(count);
-      batch.line_[n] = line;
-      batch.shotIndex_[n] = firstShot + i;
-      batch.time_[n] = shot.shotTow;
-      batch.flags_[n] = flags;
-      batch.panCounts_[n] = panCounts;
-      batch.scanCounts_[n] = shot.scanAngleCounts;
-      batch.flightCounts_[n] = static_cast<std::uint32_t>(flight);
-      ++n;
+    }
+    if (!plain) [[unlikely]] {
+      // A return without a range, or outside the window: the shot's returns one by one.
+      std::uint32_t made = 0;
+      for (std::uint32_t k = 0; k < kept; ++k) {
+        if (flights[k] < 0) {
+          ++tally.withoutRange;
+          continue;
+        }
+        if (kWindow && !window->InRange(flights[k])) continue;
+        sample[n + made] = sample[n + k];
+        numbers[n + made] = numbers[n + k];
+        flights[made++] = flights[k];
+      }
+      if (made == 0) continue;
+      // The slots past those made hold what the loops below may write.
+      for (std::uint32_t k = made; k < ReturnWords::kCapacity; ++k) flights[k] = 0;
+      if (perShot) FillShot(counts, lineOf, time, n, count, line, shot.shotTow);
+      if (positions) Place(shot, flights, n, panCount, cosPan, sinPan, x, y, z, range, rangeOffset);
+      n += made;
+      continue;
+    }
+    if (perShot) FillShot(counts, lineOf, time, n, count, line, shot.shotTow);
+    if (positions) Place(shot, flights, n, panCount, cosPan, sinPan, x, y, z, range, rangeOffset);
+    n += kept;
+  }
+  return n;
+}
+
+// What a shot's points share, in its four slots.
+void PointReader::State::FillShot(std::uint8_t* counts, std::int32_t* lines, double* time, std::size_t n,
+                                         std::uint32_t count, std::int32_t line, double tow) {
+  for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
+    counts[n + k] = static_cast<std::uint8_t>(count);
+    lines[n + k] = line;
+    time[n + k] = tow;
+  }
+}
+
+// The positions of a shot's four slots: its direction is the same in each, so
+// the four are one vector (the compiler's generic vectors: the same operations
+// in the same order as the scalar formulas, so the same bits). The head turns
+// slower than the mirror, so the pan's sine and cosine are kept from shot to shot.
+void PointReader::State::Place(const RawShot& shot, const std::int32_t (&flights)[4], std::size_t n,
+                               std::uint32_t& panCount, double& cosPan, double& sinPan, double* x, double* y,
+                               double* z, double* range, double rangeOffset) const {
+  const std::uint32_t pan = fifo::PanCounts(shot.shotWord);
+  if (pan != panCount) {
+    panTrig(pan, cosPan, sinPan);
+    panCount = pan;
+  }
+  double cosScan, sinScan;
+  scanTrig(shot.scanAngleCounts, cosScan, sinScan);
+#if defined(__GNUC__)
+  using Lanes = double __attribute__((vector_size(32)));
+  using Counts = std::int32_t __attribute__((vector_size(16)));
+  Counts counts;
+  std::memcpy(&counts, flights, sizeof counts);
+  Lanes r = __builtin_convertvector(counts, Lanes);
+  optics::CountsToMetres(r);
+  r += rangeOffset;
+  const Lanes horizontal = r * cosScan;
+  const Lanes xs = horizontal * cosPan, ys = horizontal * sinPan, zs = r * sinScan;
+  std::memcpy(x + n, &xs, sizeof xs);
+  std::memcpy(y + n, &ys, sizeof ys);
+  std::memcpy(z + n, &zs, sizeof zs);
+  if (range != nullptr) std::memcpy(range + n, &r, sizeof r);
+#else
+  for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
+    const double r = scanmap::RangeWindow::Range(flights[k]) + rangeOffset;
+    const double horizontal = r * cosScan;
+    if (range != nullptr) range[n + k] = r;
+    x[n + k] = horizontal * cosPan;
+    y[n + k] = horizontal * sinPan;
+    z[n + k] = r * sinScan;
+  }
+#endif
+}
+
+void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot> shots) {
+  const std::size_t n = batch.size_;
+  const std::uint32_t* const sample = samples.sample.get();
+  const std::uint16_t* const shotOf = pointShots.get();
+  const std::uint32_t columns = selection.columns;
+  if (columns & kNormalizedColumn) {
+    model->Normalize(samples);
+    // A zero range has no normalized intensity: 0.
+    const double* values = samples.value.get();
+    for (std::size_t p = 0; p < n; ++p) batch.normalized_[p] = (sample[p] & 0xFFFFFu) != 0 ? values[p] : 0.0;
+  }
+  if (columns & kIntensityColumn) {
+    for (std::size_t p = 0; p < n; ++p) batch.intensity_[p] = static_cast<std::uint16_t>(fifo::RawIntensity(sample[p]));
+  }
+  if (columns & kShotIndexColumn) {
+    const std::uint64_t firstShot = scan.firstShotOfBlock(batch.block_);
+    for (std::size_t p = 0; p < n; ++p) batch.shotIndex_[p] = firstShot + shotOf[p];
+  }
+  if (columns & kFlagColumn) {
+    for (std::size_t p = 0; p < n; ++p) {
+      batch.flags_[p] = static_cast<std::uint8_t>(fifo::ShotFlags(shots[shotOf[p]].shotWord));
     }
   }
-  batch.size_ = n;
+  if (columns & kAngleColumns) {
+    for (std::size_t p = 0; p < n; ++p) {
+      const RawShot& shot = shots[shotOf[p]];
+      batch.pan_[p] = optics::PanAngle(fifo::PanCounts(shot.shotWord));
+      batch.scanAngle_[p] = optics::ScanAngle(shot.scanAngleCounts, signature);
+    }
+  }
+  if (columns & kCountColumns) {
+    for (std::size_t p = 0; p < n; ++p) {
+      const RawShot& shot = shots[shotOf[p]];
+      batch.panCounts_[p] = fifo::PanCounts(shot.shotWord);
+      batch.scanCounts_[p] = shot.scanAngleCounts;
+      batch.flightCounts_[p] = sample[p] & 0xFFFFFu;
+    }
+  }
 }
 
 std::string DescribeScanDamage(const Scan& scan, const ReadTally& tally, bool decoderLogGrew) {

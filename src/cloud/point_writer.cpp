@@ -17,6 +17,20 @@ constexpr std::size_t kBufferRoom = std::size_t{1} << 21;  // what one claim may
 
 static_assert(std::endian::native == std::endian::little, "records are assembled in the machine's byte order");
 
+// The display level of a value: the scale's table lookup held by value where
+// it has a table (its constants stay in registers), its search otherwise.
+class LevelOf {
+ public:
+  explicit LevelOf(const DisplayScale& scale)
+      : scale_(scale), table_(scale.hasTable()), levels_(table_ ? scale.levels() : DisplayScale::Levels{}) {}
+  int operator()(double v) const { return table_ ? levels_(v) : scale_.level(v); }
+
+ private:
+  const DisplayScale& scale_;
+  bool table_;
+  DisplayScale::Levels levels_;
+};
+
 }  // namespace
 
 PointWriter::PointWriter(const std::filesystem::path& path, const Colouring& colouring)
@@ -40,18 +54,6 @@ void PointWriter::flushBuffer() {
   used_ = 0;
 }
 
-const Rgb* PointWriter::coloursOf(const PointBatch& batch) {
-  if (scratch_.size() < batch.size()) scratch_.resize(batch.size());
-  const std::span<const double> v = batch.normalizedIntensity();
-  const Rgb* colours = colours_.data();
-  if (scale_.hasTable()) {
-    const DisplayScale::Levels levels = scale_.levels();
-    for (std::size_t i = 0; i < v.size(); ++i) scratch_[i] = colours[levels(v[i])];
-  } else {
-    for (std::size_t i = 0; i < v.size(); ++i) scratch_[i] = colours[scale_.level(v[i])];
-  }
-  return scratch_.data();
-}
 
 void PointWriter::write(const PointBatch& batch) {
   if (batch.empty()) return;
@@ -99,11 +101,12 @@ PlyWriter::PlyWriter(const std::filesystem::path& path, const std::vector<std::s
 }
 
 void PlyWriter::encode(const PointBatch& batch) {
-  const Rgb* colours = coloursOf(batch);
+  const double* normalized = batch.normalizedIntensity().data();
   const double *x = batch.x().data(), *y = batch.y().data(), *z = batch.z().data(), *time = batch.time().data();
   const std::uint16_t* intensity = batch.intensity().data();
   const std::uint8_t *number = batch.returnNumber().data(), *count = batch.numberOfReturns().data();
   const std::int32_t* line = batch.line().data();
+  const LevelOf levels(scale_);
   for (std::size_t first = 0; first < batch.size(); first += kPlyRun) {
     const std::size_t end = std::min(batch.size(), first + kPlyRun);
     char* at = claim((end - first) * kPlyRecord);
@@ -115,7 +118,7 @@ void PlyWriter::encode(const PointBatch& batch) {
       at[15] = static_cast<char>(count[i]);
       std::memcpy(at + 16, &line[i], 4);
       std::memcpy(at + 20, &time[i], 8);
-      std::memcpy(at + 28, &colours[i], 3);
+      std::memcpy(at + 28, &colours_[static_cast<std::size_t>(levels(normalized[i]))], 3);
     }
   }
 }
@@ -136,7 +139,7 @@ CsvWriter::CsvWriter(const std::filesystem::path& path, const std::vector<std::s
 
 void CsvWriter::encode(const PointBatch& batch) {
   constexpr std::size_t kMaxRow = 160;
-  const Rgb* colours = coloursOf(batch);
+  const LevelOf levels(scale_);
   for (std::size_t i = 0; i < batch.size(); ++i) {
     char* const start = claim(kMaxRow);
     char* at = start;
@@ -153,9 +156,10 @@ void CsvWriter::encode(const PointBatch& batch) {
     number(unsigned{batch.numberOfReturns()[i]}, ',');
     number(batch.line()[i], ',');
     number(batch.time()[i], ',');
-    number(unsigned{colours[i].r}, ',');
-    number(unsigned{colours[i].g}, ',');
-    number(unsigned{colours[i].b}, '\n');
+    const Rgb colour = colours_[static_cast<std::size_t>(levels(batch.normalizedIntensity()[i]))];
+    number(unsigned{colour.r}, ',');
+    number(unsigned{colour.g}, ',');
+    number(unsigned{colour.b}, '\n');
     giveBack(static_cast<std::size_t>(end - at));  // what the row did not need
   }
 }

@@ -12,10 +12,19 @@ namespace kvr::optics {
 inline constexpr double kTwoPow63 = 9223372036854775808.0;
 inline constexpr double kTwoPow64 = 18446744073709551616.0;
 
+// Turns a count difference (stop - start) into metres, in place, for a double
+// or a compiler vector of them: loops that make many ranges at once use the
+// same chain. (In place: a wide vector passed by value would change the ABI.)
+template <typename Counts>
+inline void CountsToMetres(Counts& d) {
+  d = d * kTofCountPicoseconds * kPico * 0.5 * kSpeedOfLightInAir;
+}
+
 inline double Range(unsigned int stop, unsigned int start) {
-  const double d = static_cast<double>(stop) - static_cast<double>(start);
+  double d = static_cast<double>(stop) - static_cast<double>(start);
   if (d < 0.0) return -1.0;
-  return d * kTofCountPicoseconds * kPico * 0.5 * kSpeedOfLightInAir;
+  CountsToMetres(d);
+  return d;
 }
 
 inline std::uint64_t TimeInCounts(double seconds) {

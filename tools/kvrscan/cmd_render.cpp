@@ -69,6 +69,7 @@ RenderRun CollectRender(const ParsedArgs& args, Context& context) {
     selection.returns = kvr::cloud::Returns::kFirst;
     selection.firstLine = 0;
     selection.lastLine = run.width;
+    selection.columns = kvr::cloud::PanoramaWriter::kColumns;
     kvr::cloud::PointReader reader(scan, 0, scan.blockCount(), selection);
     kvr::cloud::PointBatch batch;
     while (reader.next(batch)) {

@@ -34,6 +34,13 @@ void Add(ReadTally& sum, const ReadTally& part) {
   sum.cutShort = sum.cutShort || part.cutShort;
 }
 
+// Every point, with the columns the point files hold.
+kvr::cloud::Selection ExportSelection() {
+  kvr::cloud::Selection selection;
+  selection.columns = kvr::cloud::PointWriter::kColumns;
+  return selection;
+}
+
 // The export on several threads. Workers take runs of consecutive blocks in
 // turn, read their points into a slot of a ring, and whichever worker finds the
 // oldest slot ready writes the ready ones, in file order. A worker waits while
@@ -69,7 +76,7 @@ class ParallelExport {
 
   void work(ReadTally& tally) {
     try {
-      PointReader reader(scan_, 0, 0);
+      PointReader reader(scan_, 0, 0, selection_);
       ReadTally before;
       for (;;) {
         std::uint64_t run;
@@ -139,6 +146,7 @@ class ParallelExport {
   }
 
   const kvr::cloud::Scan& scan_;
+  const kvr::cloud::Selection selection_ = ExportSelection();
   unsigned threads_;
   kvr::cloud::PointWriter& writer_;
   Progress* progress_;
@@ -179,7 +187,7 @@ ExportSummary ExportPoints(const kvr::cloud::Scan& scan, unsigned threads, const
     ParallelExport parallel(scan, threads, writer, progress);
     tally = parallel.run();
   } else {
-    PointReader reader(scan);
+    PointReader reader(scan, ExportSelection());
     PointBatch batch;
     while (reader.next(batch)) {
       writer.write(batch);

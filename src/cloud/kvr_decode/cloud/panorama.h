@@ -54,6 +54,9 @@ class KVR_CLOUD_API PanoramaWriter {
   void write(const PointBatch& batch);
   void finish();
 
+  // The columns of the batches it reads (see Column).
+  static constexpr std::uint32_t kColumns = kNormalizedColumn | kReturnColumns | kLineColumn | kCountColumns;
+
   std::uint64_t drawn() const { return drawn_; }    // shots that fell on a pixel
   std::uint64_t filled() const { return filled_; }  // pixels with at least one
   std::uint64_t pixels() const { return levelSum_.size(); }

@@ -9,6 +9,23 @@
 
 namespace kvr::cloud {
 
+// The columns of a PointBatch a reader fills (bits); a writer that needs a few
+// of them spares the reader the rest. Columns not asked for hold nothing of use.
+enum Column : std::uint32_t {
+  kPositionColumns = 1u << 0,   // x, y, z
+  kRangeColumn = 1u << 1,
+  kAngleColumns = 1u << 2,      // pan, scanAngle
+  kIntensityColumn = 1u << 3,
+  kNormalizedColumn = 1u << 4,
+  kReturnColumns = 1u << 5,     // returnNumber, numberOfReturns
+  kLineColumn = 1u << 6,
+  kShotIndexColumn = 1u << 7,
+  kTimeColumn = 1u << 8,
+  kFlagColumn = 1u << 9,
+  kCountColumns = 1u << 10,     // panCounts, scanCounts, flightCounts
+  kAllColumns = (1u << 11) - 1,
+};
+
 // The points of one block, column by column: entry i of every column belongs
 // to point i. A batch is reused from block to block; its columns only grow, so
 // once it has held the fullest block nothing is allocated.

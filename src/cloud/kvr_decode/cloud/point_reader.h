@@ -30,6 +30,8 @@ struct KVR_CLOUD_API Selection {
   // The returns the map samples: (0.1 m, 2040 m] with the sample rule's offset.
   static Selection SampleRule();
   bool usesSampleRule = false;  // the window uses the map's offset, not the calibration's
+
+  std::uint32_t columns = kAllColumns;
 };
 
 // What a reader met on its way.

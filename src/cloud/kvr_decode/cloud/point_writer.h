@@ -41,6 +41,10 @@ class KVR_CLOUD_API PointWriter {
   std::uint64_t count() const { return count_; }
   const std::filesystem::path& path() const { return path_; }
 
+  // The columns of the batches the PLY and CSV writers read (see Column).
+  static constexpr std::uint32_t kColumns = kPositionColumns | kIntensityColumn | kNormalizedColumn |
+                                            kReturnColumns | kLineColumn | kTimeColumn;
+
  protected:
   PointWriter(const std::filesystem::path& path, const Colouring& colouring);
   // Appends the batch's points to the buffer (through claim()).
@@ -51,9 +55,6 @@ class KVR_CLOUD_API PointWriter {
   char* claim(std::size_t bytes);
   void giveBack(std::size_t bytes) { used_ -= bytes; }
   void flushBuffer();
-  Rgb colourOf(double normalized) const { return colours_[static_cast<std::size_t>(scale_.level(normalized))]; }
-  // The colours of a batch's points, in a scratch column of the writer's.
-  const Rgb* coloursOf(const PointBatch& batch);
 
   std::filesystem::path path_;
   std::unique_ptr<OutputFile> out_;
@@ -64,7 +65,6 @@ class KVR_CLOUD_API PointWriter {
  private:
   std::unique_ptr<char[]> buffer_;
   std::size_t used_ = 0;
-  std::vector<Rgb> scratch_;
 };
 
 // Binary little-endian PLY; vertex properties float x, y, z, ushort intensity,
