@@ -116,7 +116,9 @@ LasWriter::LasWriter(const std::filesystem::path& path, const LasOptions& option
 }
 
 void LasWriter::encode(const PointBatch& batch) {
-  const Rgb* colours = options_.colour ? coloursOf(batch) : nullptr;
+  const bool colour = options_.colour;
+  const bool table = scale_.hasTable();
+  const DisplayScale::Levels levels = table ? scale_.levels() : DisplayScale::Levels{};
   const double *x = batch.x().data(), *y = batch.y().data(), *z = batch.z().data();
   const double *time = batch.time().data(), *scanAngle = batch.scanAngle().data();
   const double* normalized = batch.normalizedIntensity().data();
@@ -174,11 +176,12 @@ void LasWriter::encode(const PointBatch& batch) {
       Put(at + 18, angleUnits);
       Put(at + 20, source);
       Put(at + 22, timeOfWeek ? time[i] : 0.0);
-      if (colours != nullptr) {
+      if (colour) {
         // 8-bit colours to the format's 16 bits.
-        Put(at + 30, static_cast<std::uint16_t>(colours[i].r << 8));
-        Put(at + 32, static_cast<std::uint16_t>(colours[i].g << 8));
-        Put(at + 34, static_cast<std::uint16_t>(colours[i].b << 8));
+        const Rgb rgb = colours_[static_cast<std::size_t>(table ? levels(normalized[i]) : scale_.level(normalized[i]))];
+        Put(at + 30, static_cast<std::uint16_t>(rgb.r << 8));
+        Put(at + 32, static_cast<std::uint16_t>(rgb.g << 8));
+        Put(at + 34, static_cast<std::uint16_t>(rgb.b << 8));
       }
       char* extra = at + extras;
       Put(extra, flight[i]);

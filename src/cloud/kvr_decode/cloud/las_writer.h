@@ -40,6 +40,11 @@ class KVR_CLOUD_API LasWriter final : public PointWriter {
  public:
   LasWriter(const std::filesystem::path& path, const LasOptions& options, const Colouring& colouring);
 
+  // The columns of the batches it reads (see Column).
+  static constexpr std::uint32_t kColumns = kPositionColumns | kAngleColumns | kIntensityColumn | kNormalizedColumn |
+                                            kReturnColumns | kLineColumn | kShotIndexColumn | kTimeColumn |
+                                            kCountColumns;
+
  private:
   void encode(const PointBatch& batch) override;
   void complete() override;
