@@ -1,5 +1,5 @@
-// export SCAN -o OUT.ply|OUT.csv: every return of the scan as a point, streamed
-// block by block.
+// export SCAN -o OUT.ply|OUT.csv|OUT.las: every return of the scan as a point,
+// streamed block by block.
 
 #include <algorithm>
 #include <chrono>
@@ -26,6 +26,18 @@ const kvr::cloud::Palette& ChosenPalette(const ParsedArgs& args) {
   return *palette;
 }
 
+kvr::cloud::Returns ChosenReturns(const ParsedArgs& args) {
+  const std::string name = args.value("returns").value_or("all");
+  if (name == "all") return kvr::cloud::Returns::kAll;
+  if (name == "first") return kvr::cloud::Returns::kFirst;
+  if (name == "last") return kvr::cloud::Returns::kLast;
+  throw UsageError("--returns takes all, first or last, not '" + name + "'");
+}
+
+const char* FormatName(PointFormat format) {
+  return format == PointFormat::kPly ? "ply" : format == PointFormat::kCsv ? "csv" : "las";
+}
+
 struct ExportRun {
   std::string output;
   PointFormat format = PointFormat::kPly;
@@ -42,9 +54,12 @@ ExportRun CollectExport(const ParsedArgs& args, Context& context) {
   ExportRun run;
   run.output = *args.value("output");
   const std::optional<PointFormat> format = PointFormatOf(run.output);
-  if (!format) throw UsageError("the output must end in .ply or .csv, not '" + run.output + "'");
+  if (!format) throw UsageError("the output must end in .ply, .csv or .las, not '" + run.output + "'");
   run.format = *format;
   run.palette = &ChosenPalette(args);
+  kvr::cloud::Selection selection;
+  selection.returns = ChosenReturns(args);
+  selection.columns = run.format == PointFormat::kLas ? kvr::cloud::LasWriter::kColumns : kvr::cloud::PointWriter::kColumns;
   // Past a few workers the file's reading and writing set the pace, and each
   // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
@@ -72,10 +87,12 @@ ExportRun CollectExport(const ParsedArgs& args, Context& context) {
           FormatDouble(map.map().intensityAt95) + ", gamma " + FormatDouble(map.map().gamma) + ")",
   };
   Checked([&] {
+    // LAS has colours (point format 7) only when a palette is asked for.
     const auto writer = OpenPointWriter(run.output, run.format, comments,
-                                        {run.palette, map.map().intensityAt95, map.map().gamma});
+                                        {run.palette, map.map().intensityAt95, map.map().gamma},
+                                        kvr::cloud::LasOptions::Of(scan, args.has("palette")));
     Progress progress("export " + source.path(), context.showProgress);
-    run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress);
+    run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress, selection);
     writer->finish();
   });
   std::error_code ec;
@@ -87,7 +104,7 @@ ExportRun CollectExport(const ParsedArgs& args, Context& context) {
 void PrintExportJson(const ExportRun& run, const std::string& scanPath) {
   JsonWriter json;
   json.beginObject().field("filename", scanPath).field("output", run.output);
-  json.field("format", run.format == PointFormat::kPly ? "ply" : "csv").field("palette", run.palette->name());
+  json.field("format", FormatName(run.format)).field("palette", run.palette->name());
   json.field("num_points", run.summary.points).field("returns_without_range", run.summary.withoutRange);
   json.field("num_shots", run.summary.shots).field("blocks_read", run.summary.blocks);
   json.field("range_offset", run.rangeOffset).field("output_bytes", run.bytes);
@@ -117,17 +134,18 @@ int RunExport(const ParsedArgs& args, Context& context) {
 constexpr std::string_view kPositional[] = {"SCAN"};
 
 constexpr OptionSpec kOptions[] = {
-    {"output", 'o', "OUT", "the point file: OUT.ply (binary little-endian) or OUT.csv"},
+    {"output", 'o', "OUT", "the point file: OUT.ply (binary little-endian), OUT.csv or OUT.las (LAS 1.4)"},
     kMapOption,
     kTicksOption,
     kTimeOffsetOption,
     kPaletteOption,
+    {"returns", 0, "all|first|last", "which returns of a shot become points (default: all)"},
     {"threads", 0, "N", "threads decoding blocks and making points (default: one per processor, at most 8)"},
     kJsonOption,
 };
 
 int RunExportChecked(const ParsedArgs& args, Context& context) {
-  if (!args.has("output")) throw UsageError("missing -o OUT.ply or -o OUT.csv");
+  if (!args.has("output")) throw UsageError("missing -o OUT.ply, -o OUT.csv or -o OUT.las");
   return RunExport(args, context);
 }
 
@@ -135,7 +153,8 @@ int RunExportChecked(const ParsedArgs& args, Context& context) {
 
 const Command kExportCommand{
     "export",
-    "SCAN -o OUT.ply|OUT.csv [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--threads N] [--json]",
+    "SCAN -o OUT.ply|OUT.csv|OUT.las [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--returns all|first|last]"
+    " [--threads N] [--json]",
     "every return as a point: x, y, z, intensity, return number and count, line, time and colour",
     "Axes (the scanner's own frame, metres): x = r cos(scan) cos(pan), y = r cos(scan) sin(pan),\n"
     "z = r sin(scan), with r the return's range plus the calibration's rangeOffset, pan and scan\n"
@@ -144,7 +163,8 @@ const Command kExportCommand{
     "intensity, scaled for display by the map's intensityAt95 and gamma; the map is built unless\n"
     "--map loads one. The points are written as they are decoded: memory does not grow with the scan.\n"
     "Workers decode blocks and make their points side by side; the points are written in file order,\n"
-    "so the file is the same on any number of threads.",
+    "so the file is the same on any number of threads. LAS: version 1.4, point format 6, or 7 with\n"
+    "colours when --palette is given; range, angles, line, shot and normalized intensity as extra bytes.",
     kOptions,
     kPositional,
     1,
