@@ -31,6 +31,7 @@ constexpr std::size_t kExtraBytes = 4 + 4 + 4 + 4 + 8 + 8;
 constexpr std::size_t kBaseRecord6 = 30, kBaseRecord7 = 36;
 
 constexpr double kScale = 0.0001;  // metres a stored coordinate step is worth
+constexpr double kSteps = 10000.0;  // its inverse, exact: a product instead of a division a coordinate
 constexpr double kScanAngleUnitDegrees = 0.006;
 constexpr std::uint16_t kWktBit = 1u << 4;  // bit 0 (GPS time type) stays clear: time of week
 
@@ -93,6 +94,11 @@ LasWriter::LasWriter(const std::filesystem::path& path, const LasOptions& option
       recordLength_((options.colour ? kBaseRecord7 : kBaseRecord6) + kExtraBytes) {
   if (options_.generatingSoftware.empty()) options_.generatingSoftware = "kvr_decode " KVR_CLOUD_VERSION;
   if (!options_.creationDay) options_.creationDay = Today();
+  // 8-bit colours to the format's 16 bits, ready to copy.
+  for (const Rgb& rgb : colours_) {
+    colours16_.push_back({static_cast<std::uint16_t>(rgb.r << 8), static_cast<std::uint16_t>(rgb.g << 8),
+                          static_cast<std::uint16_t>(rgb.b << 8), 0});
+  }
   low_.fill(INT32_MAX);
   high_.fill(INT32_MIN);
   // The header is written again, complete, by complete(); this copy holds the place.
@@ -119,8 +125,10 @@ void LasWriter::encode(const PointBatch& batch) {
   const bool colour = options_.colour;
   const bool table = scale_.hasTable();
   const DisplayScale::Levels levels = table ? scale_.levels() : DisplayScale::Levels{};
+  const Rgb16* colours = colours16_.data();
+  const std::uint64_t signature = options_.signature;
   const double *x = batch.x().data(), *y = batch.y().data(), *z = batch.z().data();
-  const double *time = batch.time().data(), *scanAngle = batch.scanAngle().data();
+  const double* time = batch.time().data();
   const double* normalized = batch.normalizedIntensity().data();
   const std::uint16_t* intensity = batch.intensity().data();
   const std::uint8_t *number = batch.returnNumber().data(), *count = batch.numberOfReturns().data();
@@ -142,8 +150,8 @@ void LasWriter::encode(const PointBatch& batch) {
     const std::size_t end = std::min(batch.size(), first + kRun);
     char* at = claim((end - first) * length);
     for (std::size_t i = first; i < end; ++i, at += length) {
-      const double sx = RoundToNearest(x[i] / kScale), sy = RoundToNearest(y[i] / kScale);
-      const double sz = RoundToNearest(z[i] / kScale);
+      const double sx = RoundToNearest(x[i] * kSteps), sy = RoundToNearest(y[i] * kSteps);
+      const double sz = RoundToNearest(z[i] * kSteps);
       // Also false for NaN.
       if (!(std::fabs(sx) <= kReach && std::fabs(sy) <= kReach && std::fabs(sz) <= kReach)) {
         OutOfReach(path_, x[i], y[i], z[i]);
@@ -156,7 +164,7 @@ void LasWriter::encode(const PointBatch& batch) {
       if (!haveAngle || scan[i] != angleCounts) {
         // The format's angle runs from -180 to +180 degrees; a full circle's upper
         // half is taken as negative.
-        double degrees = scanAngle[i] / optics::kDegreesToRadians;
+        double degrees = optics::ScanAngle(scan[i], signature) / optics::kDegreesToRadians;
         if (degrees > 180.0) degrees -= 360.0;
         if (!(std::fabs(degrees) <= 180.0)) degrees = std::isfinite(degrees) ? std::remainder(degrees, 360.0) : 0.0;
         angleUnits = static_cast<std::int16_t>(RoundToNearest(degrees / kScanAngleUnitDegrees));
@@ -177,11 +185,8 @@ void LasWriter::encode(const PointBatch& batch) {
       Put(at + 20, source);
       Put(at + 22, timeOfWeek ? time[i] : 0.0);
       if (colour) {
-        // 8-bit colours to the format's 16 bits.
-        const Rgb rgb = colours_[static_cast<std::size_t>(table ? levels(normalized[i]) : scale_.level(normalized[i]))];
-        Put(at + 30, static_cast<std::uint16_t>(rgb.r << 8));
-        Put(at + 32, static_cast<std::uint16_t>(rgb.g << 8));
-        Put(at + 34, static_cast<std::uint16_t>(rgb.b << 8));
+        const int level = table ? levels(normalized[i]) : scale_.level(normalized[i]);
+        std::memcpy(at + 30, &colours[level], 6);
       }
       char* extra = at + extras;
       Put(extra, flight[i]);

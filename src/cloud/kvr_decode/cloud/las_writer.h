@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "kvr_decode/cloud/export.h"
 #include "kvr_decode/cloud/point_writer.h"
@@ -41,7 +42,7 @@ class KVR_CLOUD_API LasWriter final : public PointWriter {
   LasWriter(const std::filesystem::path& path, const LasOptions& options, const Colouring& colouring);
 
   // The columns of the batches it reads (see Column).
-  static constexpr std::uint32_t kColumns = kPositionColumns | kAngleColumns | kIntensityColumn | kNormalizedColumn |
+  static constexpr std::uint32_t kColumns = kPositionColumns | kIntensityColumn | kNormalizedColumn |
                                             kReturnColumns | kLineColumn | kShotIndexColumn | kTimeColumn |
                                             kCountColumns;
 
@@ -49,7 +50,10 @@ class KVR_CLOUD_API LasWriter final : public PointWriter {
   void encode(const PointBatch& batch) override;
   void complete() override;
 
+  using Rgb16 = std::array<std::uint16_t, 4>;  // red, green, blue, padding
+
   LasOptions options_;
+  std::vector<Rgb16> colours16_;  // per display level
   std::size_t recordLength_;
   std::array<std::uint64_t, 15> byReturn_{};
   std::array<std::int32_t, 3> low_{}, high_{};
