@@ -47,7 +47,7 @@ int Run(const std::filesystem::path& dir) {
   const cloud::Colouring colouring{cloud::FindPalette("viridis"), scan.map().intensityAt95, scan.map().gamma};
   cloud::LasWriter las(dir / "points.las", cloud::LasOptions::Of(scan, true), colouring);
   cloud::CsvWriter csv(dir / "points.csv", {}, colouring);
-  std::FILE* columns = std::fopen((dir / "columns.txt").c_str(), "w");
+  std::FILE* columns = std::fopen((dir / "columns.txt").string().c_str(), "w");
   if (columns == nullptr) return 1;
   std::fputs("x y z range pan scanAngle intensity normalized returnNumber numberOfReturns line shotIndex time\n",
              columns);
