@@ -218,6 +218,17 @@ TEST_F(LasWriterTest, FullCircleScanAnglesWrapIntoHalfCircles) {
   }
 }
 
+TEST_F(LasWriterTest, NoPointsGiveZeroCountsAndBounds) {
+  WriteScan(path("scan.raw"));
+  const cloud::Scan scan(path("scan.raw"));
+  cloud::LasWriter writer(path("points.las"), cloud::LasOptions::Of(scan, false), {});
+  writer.finish();
+  const std::vector<std::uint8_t> las = ReadFileBytes(path("points.las"));
+  ASSERT_EQ(las.size(), 1581u);
+  EXPECT_EQ(Text(las, 179, 48), std::string(48, '\0'));  // bounds
+  EXPECT_EQ(Text(las, 247, 128), std::string(128, '\0'));  // counts
+}
+
 TEST_F(LasWriterTest, UnwritableOutputThrowsAndLeavesNoFile) {
   WriteScan(path("scan.raw"));
   const cloud::Scan scan(path("scan.raw"));
