@@ -24,7 +24,7 @@
 
 namespace {
 
-constexpr std::size_t kBlockSize = 65536;
+constexpr std::size_t kBlockSize = kvr::fifo::SIZEOFFIFOBLOCK;
 constexpr std::size_t kBlocks = 4096;  // 256 MiB
 constexpr std::uint32_t kPrf = 200;
 constexpr const char* kScanPath = "/tmp/kvr_fifo_walk_bench_v1.bin";

@@ -35,7 +35,7 @@
 
 namespace {
 
-constexpr std::size_t kBlockSize = 65536;
+constexpr std::size_t kBlockSize = kvr::fifo::SIZEOFFIFOBLOCK;
 constexpr std::size_t kBlocks = 4112;  // 257 MiB
 constexpr std::uint32_t kDataOffset = 1024;
 constexpr std::uint32_t kShotsPerLine = 3000;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "devices/camera_layout.h"
 #include "fuzz_support.h"
 #include "kvr_decode/camera_file.h"
 
@@ -32,8 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (header.text == nullptr) Finding("no header text");
 
   CameraFileRecord record;
-  // Every call reads at least the record's 28 fixed bytes, or meets the end.
-  const std::size_t mostCalls = size / 28 + 1;
+  // Every call reads at least the record's fixed bytes, or meets the end.
+  const std::size_t mostCalls = size / kvr::devices::camera_layout::kRecordFixedSize + 1;
   std::size_t calls = 0;
   while (std::feof(stream) == 0 && std::ferror(stream) == 0) {
     if (++calls > mostCalls) Finding("the records do not end with the file");

@@ -1,6 +1,7 @@
 // ReadDeviceDataInfo on any device data file, into a fresh record and then once
 // more into the same record (lists are appended to).
 
+#include "devices/device_layout.h"
 #include "fuzz_support.h"
 #include "kvr_decode/device_data.h"
 
@@ -43,8 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (result != 0 && result != -1 && result != -2) Finding("ReadDeviceDataInfo result outside 0, -1, -2");
   if (result != 0) return 0;
   CheckLinks(devices);
-  // A reading takes at least 16 bytes of the file.
-  if (Readings(devices) > size / 16 + 1) Finding("more readings than the file can hold");
+  // A reading takes at least its record head in the file.
+  if (Readings(devices) > size / kvr::devices::device_layout::kRecordHeadSize + 1) Finding("more readings than the file can hold");
 
   const std::size_t once = Readings(devices);
   if (ReadDeviceDataInfo(kDeviceFileWide, devices) != 0) Finding("a second read of the same file failed");

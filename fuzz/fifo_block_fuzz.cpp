@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fifo/block_layout.h"
 #include "fuzz_support.h"
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/optical_model.h"
@@ -16,7 +17,7 @@ namespace {
 
 using kvr::fuzz::Finding;
 
-constexpr std::size_t kBlockSize = 65536;
+constexpr std::size_t kBlockSize = kvr::fifo::SIZEOFFIFOBLOCK;
 constexpr std::size_t kTrailerSize = 12;
 
 // What callers of the decoder rely on, whatever the block holds.

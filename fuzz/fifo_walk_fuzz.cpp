@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "fifo/block_layout.h"
 #include "fuzz_support.h"
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
@@ -76,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   kvr::fuzz::WriteInputFile(kBlocksFile, kvr::fuzz::Bytes(data + 1, size - 1));
   std::FILE* stream = std::fopen(kBlocksFile, "rb");
   if (stream == nullptr) Finding("cannot reopen the input");
-  const std::size_t blocksInFile = (size - 1) / 65536;
+  const std::size_t blocksInFile = (size - 1) / kvr::fifo::SIZEOFFIFOBLOCK;
 
   FifoBlock fifoBlock;
   std::size_t calls = 0;

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "platform/little_endian.h"
 #include "support/left_open_streams.h"
 #include "support/read_model.h"
 
@@ -49,7 +50,7 @@ struct TwoFiles {
 
 inline TwoFiles SplitTwoFiles(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return {false, {}, Bytes(data, size)};
-  const unsigned control = data[0] | (data[1] << 8);
+  const unsigned control = kvr::le::LoadU16(data);
   std::size_t sideLength = control & 0x7FFFu;
   if (sideLength > size - 2) sideLength = size - 2;
   return {(control & 0x8000u) != 0, Bytes(data + 2, sideLength), Bytes(data + 2 + sideLength, size - 2 - sideLength)};
@@ -96,8 +97,6 @@ inline void ExpectInvalidSubscript(const std::out_of_range& e) {
 inline void ExpectSentenceOutOfRange(const std::out_of_range& e) {
   if (e.what() != kInvalidSubscript && e.what() != kInvalidStringPosition) Finding(e.what());
 }
-
-using kvr::test::ReadModel;
 
 // Lengths that claim more than the file holds are fine: the readers hand out
 // zero-filled buffers of the claimed size, which cost memory only where data is

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "fuzz_support.h"
+#include "header/header_layout.h"
 #include "kvr_decode/file_header.h"
 #include "kvr_decode/optical_model.h"
 #include "platform/little_endian.h"
@@ -17,15 +18,14 @@ namespace {
 using kvr::fuzz::Bytes;
 using kvr::fuzz::Finding;
 
-constexpr std::uint64_t kFixedPart = 276;
+namespace layout = kvr::header::layout;
 
 struct ClaimedBlock {
   std::unique_ptr<std::uint8_t[]> bytes;
   std::uint64_t size = 0;
 };
 
-// The input cut or zero-padded to the size its lengths claim: 288 + L1 + L2 + L3,
-// and 4 + L4 more when the layout word is 0. Bytes past the input read as zero.
+// The input cut or zero-padded to the size its lengths claim (layout::BlockSize). Bytes past the input read as zero.
 bool MakeClaimedBlock(Bytes input, ClaimedBlock& block) {
   const auto u32At = [&](std::uint64_t at) {
     std::uint8_t word[4] = {};
@@ -34,11 +34,11 @@ bool MakeClaimedBlock(Bytes input, ClaimedBlock& block) {
     }
     return kvr::le::LoadU32(word);
   };
-  const int texts = u32At(8) == 0 ? 4 : 3;
-  std::uint64_t end = kFixedPart;
+  const int texts = layout::TextCount(u32At(layout::kHeaderLayout.offset));
+  std::uint64_t end = layout::kFixedPartSize;
   for (int i = 0; i < texts; ++i) {
     const std::uint32_t length = u32At(end);
-    end += 4 + std::uint64_t{length};  // in 64 bits: a length of 0xFFFFFFFF must not wrap
+    end += layout::kTextLengthSize + std::uint64_t{length};  // in 64 bits: a length of 0xFFFFFFFF must not wrap
     if (end > kvr::fuzz::kLargestClaim) return false;  // the whole block is copied and zero-filled per input
   }
   block.size = end;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "fifo/block_layout.h"
 #include "fuzz_support.h"
 #include "kvr_decode/scan_file_map.h"
 #include "map_round_trip.h"
@@ -33,7 +34,7 @@ std::vector<std::uint8_t> ScanFile() {
   constexpr std::uint32_t kShots = 40;
   for (std::uint32_t block = 0; block < 3; ++block) {
     const std::size_t start = out.size();
-    out.u32(0xAAAAAAAA).u32(1000000 + block * 10000).u32(block << 8 | kShots << 19);
+    out.u32(kvr::fifo::layout::kBlockSignature).u32(1000000 + block * 10000).u32(block << 8 | kShots << 19);
     for (std::uint32_t i = 0; i < kShots; ++i) {
       const std::uint32_t shot = block * kShots + i;
       const std::uint64_t direction = (shot / 7) % 2;
@@ -41,7 +42,7 @@ std::vector<std::uint8_t> ScanFile() {
               direction << 62);
       out.u32(800 + shot | 1000u << 20);
     }
-    out.padTo(start + 65536);
+    out.padTo(start + kvr::fifo::SIZEOFFIFOBLOCK);
   }
   return out.bytes();
 }

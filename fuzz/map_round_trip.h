@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "fuzz_support.h"
+#include "header/header_layout.h"
 #include "kvr_decode/scan_file_map.h"
 
 namespace kvr::fuzz {
@@ -50,7 +51,7 @@ inline void CheckRoundTrip(ScanFileMap& map, wchar_t* mapFile) {
   const RawFileHeader& b = loaded.fileHeader;
   const RawFileHeaderBlock& fixedA = a;
   const RawFileHeaderBlock& fixedB = b;
-  if (std::memcmp(&fixedA, &fixedB, 276) != 0 ||
+  if (std::memcmp(&fixedA, &fixedB, kvr::header::layout::kFixedPartSize) != 0 ||
       !SameText(a.calibrationTextLength, a.calibrationText, b.calibrationTextLength, b.calibrationText) ||
       !SameText(a.parameterTextLength, a.parameterText, b.parameterTextLength, b.parameterText) ||
       !SameText(a.thirdTextLength, a.thirdText, b.thirdTextLength, b.thirdText) ||

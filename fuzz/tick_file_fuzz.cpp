@@ -11,6 +11,8 @@
 #include "fuzz_support.h"
 #include "kvr_decode/nmea_ticks_manager.h"
 #include "nmea/nmea_ticks_manager.h"
+#include "nmea/tick_layout.h"
+#include "platform/little_endian.h"
 
 namespace {
 
@@ -22,9 +24,9 @@ constexpr const wchar_t* kTickFileWide = L"Serial.dat";
 constexpr std::size_t kLookedUpPairs = 64;
 
 int TimeOffset(Bytes file) {
-  std::uint32_t word = 0;
-  for (std::size_t i = 0; i < 4 && 12 + i < file.size(); ++i) word |= std::uint32_t{file[12 + i]} << (8 * i);
-  return static_cast<int>(word);
+  kvr::le::ByteCursor in(file);
+  in.skip(kvr::nmea::layout::kHeaderWordOffset);
+  return static_cast<int>(in.u32());  // bytes past the end read as zero
 }
 
 void LookUp(NmeaTicksManager& manager, std::uint64_t ticks) {

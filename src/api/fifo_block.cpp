@@ -6,7 +6,7 @@
 
 int DecodeFifoBlock(unsigned char* fifoBlockBuffer, RawFileHeader& fileHeader, int /*blockNumber*/,
                     FifoBlock& fifoBlock, double cycleSyncTow) {
-  const kvr::fifo::BlockBytes block(fifoBlockBuffer, kvr::optics::SIZEOFFIFOBLOCK);
+  const kvr::fifo::BlockBytes block(fifoBlockBuffer, kvr::fifo::SIZEOFFIFOBLOCK);
   return kvr::fifo::DecodeShots(block, fileHeader.prf, cycleSyncTow, fifoBlock);
 }
 

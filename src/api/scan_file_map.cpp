@@ -1,6 +1,6 @@
 #include "kvr_decode/scan_file_map.h"
 
-#include "kvr_decode/file_header.h"
+#include "header/header_block.h"
 #include "scanmap/map_builder.h"
 #include "scanmap/map_file.h"
 #include "scanmap/scan_line_access.h"
@@ -17,7 +17,7 @@ int LoadScanFileMap(wchar_t* filename, ScanFileMap& scanFileMap) {
   return kvr::scanmap::LoadMapFile(filename, scanFileMap);
 }
 
-void ReleaseScanFileMap(ScanFileMap& scanFileMap) { ReleaseFileHeader(scanFileMap.fileHeader); }
+void ReleaseScanFileMap(ScanFileMap& scanFileMap) { kvr::header::ReleaseFileHeader(scanFileMap.fileHeader); }
 
 int GetShotsFromScanLineIndex(int scanLineIndex, FILE** fp, ScanFileMap& scanFileMap, std::vector<RawShot>& shots,
                               NmeaTicksManager* ticksManager) {

@@ -19,7 +19,7 @@ namespace kvr::cloud {
 
 namespace {
 
-constexpr std::uint32_t kPanCounts = 640000;  // per revolution
+constexpr std::uint32_t kPanCounts = optics::kPanCountsPerTurn;
 
 }  // namespace
 
@@ -146,7 +146,15 @@ void PanoramaWriter::finish() {
     const Rgb c = palette_.colourOfLevel(level);
     map.insert(map.end(), {c.r, c.g, c.b});
   }
-  OutputFile out(path_);
+  std::unique_ptr<OutputFile> made;
+  try {
+    made = std::make_unique<OutputFile>(path_);
+  } catch (const OutputError& error) {
+    // "cannot create (reason)": said as every failure of the image is.
+    const std::string& reason = error.reason();
+    throw OutputError(path_, "cannot write the image " + reason.substr(std::min(reason.find('('), reason.size())));
+  }
+  OutputFile& out = *made;
   // libpng's simplified interface: no setjmp, errors come back in image.message.
   png_image image;
   std::memset(&image, 0, sizeof image);

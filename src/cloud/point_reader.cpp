@@ -113,7 +113,9 @@ void PointReader::moveTo(std::uint64_t first, std::uint64_t last) {
     s.first = std::max<std::uint64_t>(s.first, line < s.lines.size() ? s.lines[line].block : s.last);
   }
   if (selection.lastLine && *selection.lastLine >= 0 && static_cast<std::size_t>(*selection.lastLine) < s.lines.size()) {
-    s.last = std::min<std::uint64_t>(s.last, std::uint64_t{s.lines[static_cast<std::size_t>(*selection.lastLine)].block} + 1);
+    // The first line past the range begins in this block: its earlier shots are still in range.
+    const scanmap::LineStarts::Start end = s.lines[static_cast<std::size_t>(*selection.lastLine)];
+    s.last = std::min<std::uint64_t>(s.last, std::uint64_t{end.block} + (end.shot > 0 ? 1 : 0));
   }
   if (s.first > s.last) s.first = s.last;
   if (!SeekTo(s.stream.get(), s.scan.header().dataOffset + s.first * BlockSize())) {
@@ -211,7 +213,7 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
     for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
       const std::uint32_t word = shot.returns[(k0 + k) & (ReturnWords::kCapacity - 1)];
       flights[k] = static_cast<std::int32_t>(fifo::StopCounts(word)) - static_cast<std::int32_t>(start);
-      sample[n + k] = (word & 0xFFF00000u) | (static_cast<std::uint32_t>(flights[k]) & 0xFFFFFu);
+      sample[n + k] = scanmap::SampleOf(word, flights[k]);
       shotOf[n + k] = static_cast<std::uint16_t>(i);
       numbers[n + k] = static_cast<std::uint8_t>(k0 + k + 1);
       if constexpr (kWindow) {
@@ -307,7 +309,7 @@ void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot>
     model->Normalize(samples);
     // A zero range has no normalized intensity: 0.
     const double* values = samples.value.get();
-    for (std::size_t p = 0; p < n; ++p) batch.normalized_[p] = (sample[p] & 0xFFFFFu) != 0 ? values[p] : 0.0;
+    for (std::size_t p = 0; p < n; ++p) batch.normalized_[p] = scanmap::SampleDifference(sample[p]) != 0 ? values[p] : 0.0;
   }
   if (columns & kIntensityColumn) {
     for (std::size_t p = 0; p < n; ++p) batch.intensity_[p] = static_cast<std::uint16_t>(fifo::RawIntensity(sample[p]));
@@ -333,7 +335,7 @@ void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot>
       const RawShot& shot = shots[shotOf[p]];
       batch.panCounts_[p] = fifo::PanCounts(shot.shotWord);
       batch.scanCounts_[p] = shot.scanAngleCounts;
-      batch.flightCounts_[p] = sample[p] & 0xFFFFFu;
+      batch.flightCounts_[p] = static_cast<std::uint32_t>(scanmap::SampleDifference(sample[p]));
     }
   }
 }

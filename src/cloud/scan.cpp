@@ -15,16 +15,16 @@
 #include "kvr_decode/cloud/tick_file.h"
 #include "kvr_decode/file_header.h"
 #include "kvr_decode/optical_model.h"
-#include "optics/constants.h"
+#include "header/header_layout.h"
 #include "platform/little_endian.h"
 
 namespace kvr::cloud {
 
 namespace {
 
-constexpr std::uint64_t kFixedHeaderSize = 276;  // up to the first text length
-constexpr std::size_t kPrfOffset = 220;
-constexpr std::size_t kSignatureOffset = 0, kLayoutOffset = 8;
+namespace layout = kvr::header::layout;
+constexpr std::uint64_t kFixedHeaderSize = layout::kFixedPartSize;  // up to the first text length
+constexpr std::size_t kPrfOffset = layout::kPrf.offset;
 
 using le::LoadU32;
 
@@ -42,28 +42,21 @@ std::vector<unsigned char> ReadPrefix(const std::filesystem::path& path, std::ui
 // file), or 0 when the file ends before the lengths say it should.
 std::uint64_t HeaderBlockSizeIn(const std::vector<unsigned char>& bytes) {
   if (bytes.size() < kFixedHeaderSize) return 0;
-  const std::uint32_t layout = LoadU32(bytes.data() + kLayoutOffset);
-  const int texts = layout == 0 ? 4 : 3;
+  const int texts = layout::TextCount(LoadU32(bytes.data() + layout::kHeaderLayout.offset));
   std::uint64_t at = kFixedHeaderSize;
   for (int i = 0; i < texts; ++i) {
-    if (at + 4 > bytes.size()) return 0;
-    at += 4 + LoadU32(bytes.data() + at);
+    if (at + layout::kTextLengthSize > bytes.size()) return 0;
+    at += layout::kTextLengthSize + LoadU32(bytes.data() + at);
   }
   return at <= bytes.size() ? at : 0;
 }
 
 std::string_view MagicOf(const unsigned char* bytes) {
-  return std::string_view(reinterpret_cast<const char*>(bytes + kSignatureOffset), 8);
+  return std::string_view(reinterpret_cast<const char*>(bytes + layout::kSignature.offset), layout::kSignature.size);
 }
 
 bool IsScanMagic(std::string_view magic) {
-  const auto value = [](std::string_view text) {
-    std::uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(text[static_cast<std::size_t>(i)]);
-    return v;
-  };
-  const std::uint64_t v = value(magic);
-  return v == optics::kSignatureKvrScan || v == optics::kSignatureMx70Dat || v == optics::kSignatureMx700Dat;
+  return magic == layout::kMagicKvrScan || magic == layout::kMagicMx70Dat || magic == layout::kMagicMx700Dat;
 }
 
 }  // namespace
@@ -71,7 +64,7 @@ bool IsScanMagic(std::string_view magic) {
 Error::Error(const std::filesystem::path& path, const std::string& reason)
     : std::runtime_error(path.string() + ": " + reason), path_(path), reason_(reason) {}
 
-std::uint64_t BlockSize() { return optics::SIZEOFFIFOBLOCK; }
+std::uint64_t BlockSize() { return fifo::SIZEOFFIFOBLOCK; }
 
 std::wstring WideName(const std::filesystem::path& path) {
 #if defined(_WIN32)
@@ -183,7 +176,7 @@ Scan::~Scan() = default;
 void Scan::State::ExplainRefusal() {
   ReleaseFileHeader(header);
   const std::vector<unsigned char> bytes = ReadPrefix(path, kPrfOffset + 4);
-  if (bytes.size() < 8) {
+  if (bytes.size() < layout::kSignature.size) {
     throw InputError(path, "too short for a scan file header (" + std::to_string(fileSize) + " bytes)");
   }
   const std::string_view magic = MagicOf(bytes.data());
@@ -242,10 +235,8 @@ std::uint64_t Scan::trailingBytes() const {
 
 std::uint64_t Scan::headerBlockSize() const {
   const RawFileHeader& h = state_->header;
-  std::uint64_t size = kFixedHeaderSize + 12 + std::uint64_t{h.calibrationTextLength} + h.parameterTextLength +
-                       h.thirdTextLength;
-  if (h.headerLayout == 0) size += 4 + std::uint64_t{h.fourthTextLength};
-  return size;
+  return layout::BlockSize(h.headerLayout, h.calibrationTextLength, h.parameterTextLength, h.thirdTextLength,
+                           h.fourthTextLength);
 }
 
 double Scan::rangeOffset() const { return state_->rangeOffset; }
@@ -323,7 +314,7 @@ void Scan::State::FillShotTable() const {
   if (!in) throw InputError(path, std::string("cannot open (") + std::strerror(errno) + ")");
   // Only a block's header is read; the accessors take the block's whole span.
   std::vector<std::uint8_t> block(size, 0);
-  const fifo::BlockBytes bytes(block.data(), optics::SIZEOFFIFOBLOCK);
+  const fifo::BlockBytes bytes(block.data(), fifo::SIZEOFFIFOBLOCK);
   std::uint64_t shots = 0;
   for (std::uint64_t b = 0; b < blocks; ++b) {
     firstShots[b] = shots;
@@ -332,7 +323,7 @@ void Scan::State::FillShotTable() const {
       throw InputError(path, "cannot read the header of block " + std::to_string(b));
     }
     const fifo::DmaBlockHeader dma = fifo::ReadDmaBlockHeader(bytes);
-    if (dma.signature == optics::kFifoBlockSignature) shots += dma.shotCount;
+    if (dma.signature == fifo::layout::kBlockSignature) shots += dma.shotCount;
   }
   firstShots[blocks] = shots;
 }

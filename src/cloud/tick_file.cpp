@@ -10,13 +10,15 @@
 #include "kvr_decode/cloud/scan.h"
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
-#include "optics/constants.h"
+#include "fifo/block_layout.h"
+#include "nmea/tick_layout.h"
 
 namespace kvr::cloud {
 
 namespace {
 
-constexpr std::uint32_t kSentenceLimit = 1024;  // the library's sentence buffer
+namespace layout = kvr::nmea::layout;
+constexpr std::uint32_t kSentenceLimit = layout::kSentenceBufferSize;  // the decoder's sentence buffer
 
 class ByteReader {
  public:
@@ -54,7 +56,7 @@ TickFileContents ReadTickFile(const std::filesystem::path& path) {
   ByteReader reader(in);
   char signature[8] = {};
   const bool whole = reader.read(signature, sizeof signature);
-  if (!whole || std::memcmp(signature, "#KVRSERL", 8) != 0) {
+  if (!whole || std::memcmp(signature, layout::kSignature, layout::kSignatureSize) != 0) {
     std::fclose(in);
     throw InputError(path, "not a tick file: its signature is \"" +
                               PrintableBytes(std::string_view(signature, reader.got())) + "\", expected #KVRSERL");
@@ -74,7 +76,7 @@ TickFileContents ReadTickFile(const std::filesystem::path& path) {
   const auto refuseLength = [&](std::uint64_t offset, std::uint32_t length) {
     std::fclose(in);
     throw InputError(path, "the sentence record at offset " + std::to_string(offset) + " declares " +
-                              std::to_string(length) + " bytes of text (at most 1023)");
+                              std::to_string(length) + " bytes of text (at most " + std::to_string(layout::kLongestSentence) + ")");
   };
   while (reader.offset() < size) {
     TickRecord record;
@@ -82,7 +84,7 @@ TickFileContents ReadTickFile(const std::filesystem::path& path) {
     std::uint32_t reserved[2] = {};
     std::uint32_t length = 0;
     if (!reader.le(record.ticks) || !reader.le(record.type)) break;
-    if (record.type != 1) {
+    if (record.type != layout::kPulseRecordType) {
       if (!reader.le(reserved[0]) || !reader.le(reserved[1])) break;
       unsigned char lengthBytes[4] = {};
       if (!reader.read(lengthBytes, sizeof lengthBytes)) {
@@ -100,10 +102,12 @@ TickFileContents ReadTickFile(const std::filesystem::path& path) {
     }
     contents.records.push_back(std::move(record));
   }
-  if (!contents.records.empty() || reader.offset() > 16) {
+  if (!contents.records.empty() || reader.offset() > layout::kHeaderSize) {
+    const TickRecord* last = contents.records.empty() ? nullptr : &contents.records.back();
     const std::uint64_t parsedEnd =
-        contents.records.empty() ? 16 : contents.records.back().offset + 12 +
-                                             (contents.records.back().type == 1 ? 0 : 12 + contents.records.back().text.size());
+        last == nullptr                          ? layout::kHeaderSize
+        : last->type == layout::kPulseRecordType ? last->offset + layout::kPulseRecordSize
+                                                 : last->offset + layout::kSentenceRecordFixedSize + last->text.size();
     contents.cutShortBytes = size > parsedEnd ? size - parsedEnd : 0;
   }
   std::fclose(in);
@@ -128,14 +132,14 @@ double TicksManager::timeOfWeekAt(std::uint64_t ticks) {
   if (ticks >= (std::uint64_t{1} << 40)) return -1.0;  // beyond any block's 40-bit stamp
   if (probeBlock_.empty()) {
     probeBlock_.assign(BlockSize(), 0);
-    const std::uint32_t signature = optics::kFifoBlockSignature;
-    const std::uint32_t packed = 1u << 19;  // one shot, with no returns
-    std::memcpy(probeBlock_.data(), &signature, 4);
-    std::memcpy(probeBlock_.data() + 8, &packed, 4);
+    const std::uint32_t signature = fifo::layout::kBlockSignature;
+    const std::uint32_t packed = 1u << fifo::layout::kShotCountShift;  // one shot, with no returns
+    std::memcpy(probeBlock_.data() + fifo::layout::kSignatureOffset, &signature, 4);
+    std::memcpy(probeBlock_.data() + fifo::layout::kPackedWordOffset, &packed, 4);
   }
   const auto low = static_cast<std::uint32_t>(ticks);
-  std::memcpy(probeBlock_.data() + 4, &low, 4);
-  probeBlock_[8] = static_cast<unsigned char>(ticks >> 32);
+  std::memcpy(probeBlock_.data() + fifo::layout::kTimeStampLowOffset, &low, 4);
+  probeBlock_[fifo::layout::kPackedWordOffset] = static_cast<unsigned char>(ticks >> 32);
 
   std::FILE* in = ::fmemopen(probeBlock_.data(), probeBlock_.size(), "rb");
   if (in == nullptr) return -1.0;

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "devices/camera_layout.h"
 #include "diag/error_manager.h"
 #include "platform/file_system.h"
 #include "platform/stream_reader.h"
@@ -20,7 +21,6 @@ constexpr std::string_view kReadCameraFileHeaderContext =
 constexpr std::string_view kOpenFailed = "Error opening file";
 constexpr std::string_view kBadMagic = "Error reading Camera file Header Magic Number";
 constexpr std::string_view kExpectedMagic = "Magic Number expected = #KVRCAMR";
-constexpr char kCameraSignature[8] = {'#', 'K', 'V', 'R', 'C', 'A', 'M', 'R'};
 
 constexpr std::string_view kGetNextCameraFileRecordContext =
     "int GetNextCameraFileRecord(FILE **fp, CameraFileRecord &cameraFileRecord, ErrorManager *errorManagerDcod)";
@@ -48,7 +48,7 @@ std::FILE* ReadCameraFileHeader(const wchar_t* cameraFileName, CameraFileHeader&
     return nullptr;
   }
   stream::ReadBytes(in, header.signature, sizeof header.signature);
-  if (std::memcmp(header.signature, kCameraSignature, sizeof kCameraSignature) != 0) {
+  if (std::memcmp(header.signature, camera_layout::kSignature, camera_layout::kSignatureSize) != 0) {
     Log(kReadCameraFileHeaderContext, std::string(kBadMagic),
         {platform::NarrowLowBytes(cameraFileName), std::string(kExpectedMagic)});
     std::fclose(in);

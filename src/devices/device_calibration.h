@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "devices/device_layout.h"
 #include "kvr_decode/device_data.h"
 
 // The two calibration texts of a device data file: lines of "key value" pairs.
@@ -14,7 +15,7 @@ namespace kvr::devices {
 
 // The most of a calibration block that is kept; the rest of a longer block is
 // read and dropped, so the stream still ends up after the block.
-inline constexpr std::size_t kCalibrationTextCapacity = 1024;
+using device_layout::kCalibrationTextCapacity;
 
 // Key to value table of a calibration text. Each line is split at '=', blanks
 // and tabs; a line with at least two tokens maps its first token to atof of its

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "devices/device_calibration.h"
+#include "devices/device_layout.h"
 #include "devices/device_records.h"
 #include "devices/nearest_reading.h"
 #include "devices/tilt.h"
@@ -23,10 +24,7 @@ constexpr std::string_view kReadDeviceDataInfoContext =
     "int ReadDeviceDataInfo(unsigned char *deviceDataFileName, DeviceDataInfo &deviceDataInfo)";
 constexpr std::string_view kBadSignature = "Bad file signature";
 constexpr std::string_view kNoData = "Error reading file. DeviceDataFile is valid but contains no data";
-constexpr char kDeviceSignature[] = "#KVRDEVC";
 constexpr std::string_view kVersionLine = "Device version ";
-// Files after this version carry the two calibration blocks.
-constexpr std::int32_t kLastVersionWithoutCalibration = 92;
 
 bool Ended(std::FILE* in) { return std::feof(in) != 0 || std::ferror(in) != 0; }
 
@@ -43,13 +41,14 @@ void ReadCalibrationBlocks(std::FILE* in, AncillaryDevicesData& data) {
 // Records up to the end of the file. A record whose time, type or size is cut off
 // is dropped; one whose payload is cut off is kept and ends the reading.
 void ReadRecords(std::FILE* in, AncillaryDevicesData& data) {
-  std::uint8_t head[16];
-  if (stream::ReadBytes(in, head, 8) < 8) return;
-  if (stream::ReadBytes(in, head + 8, 8) < 8) return;
+  using device_layout::kTimeSize;
+  std::uint8_t head[device_layout::kRecordHeadSize];
+  if (stream::ReadBytes(in, head, kTimeSize) < kTimeSize) return;
+  if (stream::ReadBytes(in, head + kTimeSize, kTimeSize) < kTimeSize) return;
   for (;;) {
     const std::uint64_t time = le::LoadU64(head);
-    const std::uint32_t type = le::LoadU32(head + 8);
-    const std::uint32_t size = le::LoadU32(head + 12);
+    const std::uint32_t type = le::LoadU32(head + kTimeSize);
+    const std::uint32_t size = le::LoadU32(head + kTimeSize + 4);
     if (!ReadDeviceRecord(in, time, type, size, data) || Ended(in)) return;
     if (stream::ReadBytes(in, head, sizeof head) < sizeof head) return;
   }
@@ -73,9 +72,9 @@ int ReadDeviceDataInfo(const wchar_t* deviceDataFileName, AncillaryDevicesData& 
     return -1;
   }
 
-  char signature[sizeof kDeviceSignature] = {};
-  stream::ReadBytes(in, signature, sizeof kDeviceSignature - 1);
-  if (std::strcmp(signature, kDeviceSignature) != 0) {
+  char signature[sizeof device_layout::kSignature] = {};
+  stream::ReadBytes(in, signature, sizeof device_layout::kSignature - 1);
+  if (std::strcmp(signature, device_layout::kSignature) != 0) {
     // Deliberately not closed: -2 keeps its long-standing behaviour of leaving the stream open.
     Log(kReadDeviceDataInfoContext, std::string(kBadSignature), {std::string(signature)});
     return -2;
@@ -85,7 +84,7 @@ int ReadDeviceDataInfo(const wchar_t* deviceDataFileName, AncillaryDevicesData& 
   stream::ReadLe(in, version);
   data.version = version;
   std::cout << kVersionLine << version << std::endl;
-  if (version > kLastVersionWithoutCalibration) ReadCalibrationBlocks(in, data);
+  if (version > device_layout::kLastVersionWithoutCalibration) ReadCalibrationBlocks(in, data);
   if (Ended(in)) {
     Log(kReadDeviceDataInfoContext, std::string(kNoData), {platform::NarrowLowBytes(deviceDataFileName)});
     std::fclose(in);

@@ -1,5 +1,6 @@
 #include "devices/device_records.h"
 
+#include "devices/device_layout.h"
 #include "devices/discard_bytes.h"
 #include "platform/little_endian.h"
 #include "platform/stream_reader.h"
@@ -12,9 +13,6 @@ static_assert(sizeof(DeviceRecord4) == 16 && sizeof(DeviceRecord5) == 32 && size
 static_assert(sizeof(DeviceRecord8) == 12 && sizeof(AncillaryDevicesDataBlock) == 76);
 
 namespace {
-
-constexpr std::size_t kPayloadSizes[] = {0, 24, 28, 20, 8, 24, 24, 36, 4};
-constexpr std::size_t kLargestPayload = 36;
 
 std::uint32_t U32At(const std::uint8_t* p, int index) { return le::LoadU32(p + 4 * index); }
 
@@ -42,11 +40,11 @@ void AppendReading(const std::uint8_t* p, std::uint64_t time, std::uint32_t type
     case 3: {
       DeviceRecord3 r;
       r.time = time;
-      r.w[0] = U32At(p, 0);
-      r.w[4] = U32At(p, 1);
-      r.w[1] = U32At(p, 2);
-      r.w[2] = U32At(p, 3);
-      r.w[3] = U32At(p, 4);
+      r.w0 = U32At(p, 0);
+      r.w4 = U32At(p, 1);
+      r.w1 = U32At(p, 2);
+      r.w2 = U32At(p, 3);
+      r.w3 = U32At(p, 4);
       data.type3Records.push_back(r);
       break;
     }
@@ -68,9 +66,14 @@ void AppendReading(const std::uint8_t* p, std::uint64_t time, std::uint32_t type
     case 7: {
       DeviceRecord7 r;
       r.time = time;
-      r.e[0] = U32At(p, 0);
+      r.e0 = U32At(p, 0);
       r.d = le::LoadU64(p + 4);
-      for (int i = 1; i < 7; ++i) r.e[i] = U32At(p, i + 2);
+      r.e1 = U32At(p, 3);
+      r.e2 = U32At(p, 4);
+      r.e3 = U32At(p, 5);
+      r.e4 = U32At(p, 6);
+      r.e5 = U32At(p, 7);
+      r.e6 = U32At(p, 8);
       data.type7Records.push_back(r);
       break;
     }
@@ -88,14 +91,14 @@ void AppendReading(const std::uint8_t* p, std::uint64_t time, std::uint32_t type
 
 }  // namespace
 
-std::size_t PayloadSize(std::uint32_t type) { return type < std::size(kPayloadSizes) ? kPayloadSizes[type] : 0; }
+std::size_t PayloadSize(std::uint32_t type) { return device_layout::PayloadSize(type); }
 
 bool ReadDeviceRecord(std::FILE* in, std::uint64_t time, std::uint32_t type, std::uint32_t size,
                       AncillaryDevicesData& data) {
   const std::size_t payloadSize = PayloadSize(type);
   if (payloadSize == 0) return DiscardBytes(in, size);
   // Zero-filled, so the bytes of a cut payload that never arrive read as zero.
-  std::uint8_t payload[kLargestPayload] = {};
+  std::uint8_t payload[device_layout::kLargestPayload] = {};
   const bool complete = stream::ReadBytes(in, payload, payloadSize) == payloadSize;
   AppendReading(payload, time, type, data);
   return complete;

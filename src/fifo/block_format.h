@@ -4,33 +4,35 @@
 #include <cstdint>
 #include <span>
 
-#include "optics/constants.h"
+#include "fifo/block_layout.h"
 #include "platform/little_endian.h"
 
-// The layout of a FIFO block: a 12-byte DMA block header, then shot records
-// packed back to back (a 64-bit shot word, then one 32-bit word per return).
+// Field accessors over a FIFO block (layout in fifo/block_layout.h).
 namespace kvr::fifo {
 
-using BlockBytes = std::span<const std::uint8_t, optics::SIZEOFFIFOBLOCK>;
+using BlockBytes = std::span<const std::uint8_t, SIZEOFFIFOBLOCK>;
 
-inline constexpr std::size_t kDmaBlockHeaderSize = 12;
+using layout::kDmaBlockHeaderSize;
 
 struct DmaBlockHeader {
-  std::uint32_t signature = 0;           // kFifoBlockSignature in a good block
+  std::uint32_t signature = 0;           // layout::kBlockSignature in a good block
   std::uint64_t cycleSyncTimeStamp = 0;  // 40 bits, 20 ns ticks
   std::uint32_t castBlockNumber = 0;     // the acquisition hardware's 11-bit block counter
   std::uint32_t shotCount = 0;           // 13 bits: 0-8191
 };
 
 // Bytes 8-11 pack the time stamp's top byte, the cast block number and the shot count.
-inline std::uint32_t ShotCount(BlockBytes block) { return le::LoadU32(block.data() + 8) >> 19; }
+inline std::uint32_t ShotCount(BlockBytes block) {
+  return le::LoadU32(block.data() + layout::kPackedWordOffset) >> layout::kShotCountShift;
+}
 
 inline DmaBlockHeader ReadDmaBlockHeader(BlockBytes block) {
-  const std::uint32_t packed = le::LoadU32(block.data() + 8);
-  return {le::LoadU32(block.data()),
-          le::LoadU32(block.data() + 4) | (std::uint64_t{packed & 0xFFu} << 32),
-          (packed & 0x7FF00u) >> 8,
-          packed >> 19};
+  const std::uint32_t packed = le::LoadU32(block.data() + layout::kPackedWordOffset);
+  return {le::LoadU32(block.data() + layout::kSignatureOffset),
+          le::LoadU32(block.data() + layout::kTimeStampLowOffset) |
+              (std::uint64_t{packed & layout::kTimeStampHighMask} << 32),
+          (packed & layout::kCastBlockNumberMask) >> layout::kCastBlockNumberShift,
+          packed >> layout::kShotCountShift};
 }
 
 // Shot word fields. Bits 61-63 are kept in the stored word, not decoded here.

@@ -33,13 +33,13 @@ double CycleSyncTow(std::uint64_t ticks, NmeaTicksManager* ticksManager) {
 
 int ReadNextBlock(std::FILE* stream, const RawFileHeader& fileHeader, int blockNumber, FifoBlock& fifoBlock,
                   NmeaTicksManager* ticksManager) {
-  std::array<std::uint8_t, optics::SIZEOFFIFOBLOCK> block;  // filled whole, or not used
+  std::array<std::uint8_t, SIZEOFFIFOBLOCK> block;  // filled whole, or not used
   if (stream == nullptr || stream::ReadBytes(stream, block.data(), block.size()) < block.size()) return -1;
 
   const DmaBlockHeader header = ReadDmaBlockHeader(block);
   fifoBlock.CycleSyncTimeStamp = header.cycleSyncTimeStamp;
   fifoBlock.blockNumber = blockNumber;
-  if (header.signature != optics::kFifoBlockSignature) {
+  if (header.signature != layout::kBlockSignature) {
     Log(kDecodeNextFifoBlockContext, std::string(kBadSignatureMessage),
         {Detail("DmaBlockHeader = ", header.signature),
          Detail("CycleSyncTimeStamp = ", static_cast<long long>(header.cycleSyncTimeStamp)),

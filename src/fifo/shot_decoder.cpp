@@ -17,10 +17,12 @@ constexpr std::string_view kDecodeFifoBlockContext =
     "FifoBlock &fifoBlock, double cycleSyncTow)";
 constexpr std::string_view kOffsetPastBlockMessage = "bufferOffset >= SIZEOFFIFOBLOCK";
 
-constexpr std::size_t kBlockSize = optics::SIZEOFFIFOBLOCK;
+constexpr std::size_t kBlockSize = SIZEOFFIFOBLOCK;
 // The longest record: a shot word and four return words. A shot that starts at
 // or before kBlockSize - kLongestShot lies wholly inside the block.
-constexpr std::size_t kLongestShot = 8 + 4 * ReturnWords::kCapacity;
+using layout::kReturnWordSize;
+using layout::kShotWordSize;
+constexpr std::size_t kLongestShot = kShotWordSize + kReturnWordSize * ReturnWords::kCapacity;
 constexpr int kNoReturn = -1;
 
 // Per-block timing: shot i is i periods after the block's time stamp. An unknown
@@ -55,7 +57,7 @@ class ShotClock {
 // lies past the block and reads as zeros. The shot then has no returns, and the
 // next one meets the end of the block.
 std::uint64_t LoadShotWordNearEnd(const std::uint8_t* block, std::size_t offset) {
-  std::uint8_t word[8] = {};
+  std::uint8_t word[kShotWordSize] = {};
   const std::size_t inside = kBlockSize - offset;
   std::memcpy(word, block + offset, inside < sizeof word ? inside : sizeof word);
   return le::LoadU64(word);
@@ -90,15 +92,16 @@ int DecodeShots(BlockBytes block, std::uint32_t prf, double cycleSyncTow, FifoBl
   for (; i < n && offset <= kBlockSize - kLongestShot; ++i) {
     const std::uint64_t word = le::LoadU64(bytes + offset);
     const std::uint32_t stored = StoredReturnCount(word);
+    const std::uint8_t* words = bytes + offset + kShotWordSize;
     const std::uint32_t returns[ReturnWords::kCapacity] = {
-        le::LoadU32(bytes + offset + 8), le::LoadU32(bytes + offset + 12), le::LoadU32(bytes + offset + 16),
-        le::LoadU32(bytes + offset + 20)};
+        le::LoadU32(words), le::LoadU32(words + kReturnWordSize), le::LoadU32(words + 2 * kReturnWordSize),
+        le::LoadU32(words + 3 * kReturnWordSize)};
     if (word & kShotFlagBits) [[unlikely]] fifoBlock.flaggedShots.push_back(i);
     // Filled in place: a shot built aside and copied in costs more than decoding it.
     RawShot& shot = shots.emplace_back();
     clock.Start(shot, i, word);
     shot.returns.assign(returns, stored);
-    offset += 8 + 4 * stored;
+    offset += kShotWordSize + kReturnWordSize * stored;
   }
 
   // The last few shots of a block, and those a damaged count declares beyond it:
@@ -106,7 +109,7 @@ int DecodeShots(BlockBytes block, std::uint32_t prf, double cycleSyncTow, FifoBl
   for (; i < n; ++i) {
     if (offset >= kBlockSize) return LogOffsetPastBlock(offset, shotsInBlock, i, kNoReturn);
     const std::uint64_t word = LoadShotWordNearEnd(bytes, offset);
-    offset += 8;
+    offset += kShotWordSize;
     if (word & kShotFlagBits) fifoBlock.flaggedShots.push_back(i);
     RawShot shot;
     clock.Start(shot, i, word);
@@ -115,7 +118,7 @@ int DecodeShots(BlockBytes block, std::uint32_t prf, double cycleSyncTow, FifoBl
       // Counted, although it is not kept.
       if (offset >= kBlockSize) return LogOffsetPastBlock(offset, shotsInBlock, i + 1, static_cast<int>(k));
       shot.returns.push_back(le::LoadU32(bytes + offset));
-      offset += 4;
+      offset += kReturnWordSize;
     }
     shots.push_back(shot);
   }

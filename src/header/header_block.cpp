@@ -1,5 +1,6 @@
 #include "header/header_block.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include <new>
 
 #include "diag/error_manager.h"
+#include "header/header_fields.h"
 #include "header/parameter_text.h"
 #include "optics/constants.h"
 #include "platform/little_endian.h"
@@ -20,44 +22,37 @@ constexpr std::string_view kDecodeFileHeaderContext =
 constexpr std::string_view kBufferSignatureWrongMessage = "buffer signature is wrong ";
 
 // The record mirrors the block: its fixed fields lie at the block's offsets.
-static_assert(offsetof(RawFileHeaderBlock, headerLayout) == 8);
-static_assert(offsetof(RawFileHeaderBlock, dataOffset) == 12);
-static_assert(offsetof(RawFileHeaderBlock, idText1) == 28);
-static_assert(offsetof(RawFileHeaderBlock, idValue) == 68);
-static_assert(offsetof(RawFileHeaderBlock, idText4) == 152);
-static_assert(offsetof(RawFileHeaderBlock, scanWord0) == 192);
-static_assert(offsetof(RawFileHeaderBlock, scanStartAngle) == 196);
-static_assert(offsetof(RawFileHeaderBlock, lineRate) == 216);
-static_assert(offsetof(RawFileHeaderBlock, prf) == 220);
-static_assert(offsetof(RawFileHeaderBlock, calibrationTextLength) == kFixedPartSize);
+static_assert(offsetof(RawFileHeaderBlock, headerLayout) == layout::kHeaderLayout.offset);
+static_assert(offsetof(RawFileHeaderBlock, dataOffset) == layout::kDataOffset.offset);
+static_assert(offsetof(RawFileHeaderBlock, headerWords) == layout::kHeaderWords.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText1) == layout::kIdText1.offset);
+static_assert(offsetof(RawFileHeaderBlock, idValue) == layout::kIdValue.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText2) == layout::kIdText2.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText3) == layout::kIdText3.offset);
+static_assert(offsetof(RawFileHeaderBlock, idText4) == layout::kIdText4.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanWord0) == layout::kScanWords.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanStartAngle) == layout::kScanStartAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanEndAngle) == layout::kScanEndAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, angularSpeed) == layout::kAngularSpeed.offset);
+static_assert(offsetof(RawFileHeaderBlock, sweepStartAngle) == layout::kSweepStartAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, sweepEndAngle) == layout::kSweepEndAngle.offset);
+static_assert(offsetof(RawFileHeaderBlock, lineRate) == layout::kLineRate.offset);
+static_assert(offsetof(RawFileHeaderBlock, prf) == layout::kPrf.offset);
+static_assert(offsetof(RawFileHeaderBlock, scanTailWords) == layout::kScanTailWords.offset);
+static_assert(offsetof(RawFileHeaderBlock, calibrationTextLength) == layout::kFixedPartSize);
 static_assert(offsetof(RawFileHeaderBlock, parameterText) == 292);  // 4-byte packed pointer
 static_assert(sizeof(RawFileHeaderBlock) == 324);
 
-// Reads the block front to back without bounds: its lengths are trusted.
-class BlockReader {
- public:
-  explicit BlockReader(const unsigned char* at) : at_(at) {}
-  std::uint32_t u32() {
-    const std::uint32_t v = le::LoadU32(at_);
-    at_ += 4;
-    return v;
+// The size the block's own length words claim. They are trusted, as the caller
+// passes a whole block; the decoder then reads inside that extent only.
+std::size_t ClaimedBlockSize(const unsigned char* block) {
+  const std::uint32_t headerLayout = le::LoadU32(block + layout::kHeaderLayout.offset);
+  std::uint64_t at = layout::kFixedPartSize;
+  for (int text = 0; text < layout::TextCount(headerLayout); ++text) {
+    at += layout::kTextLengthSize + std::uint64_t{le::LoadU32(block + at)};
   }
-  float f32() { return std::bit_cast<float>(u32()); }
-  void bytes(void* out, std::size_t n) {
-    std::memcpy(out, at_, n);
-    at_ += n;
-  }
-  // A length word, then that many bytes, as a fresh zero-terminated copy.
-  char* text(std::uint32_t& length) {
-    length = u32();
-    char* copy = AllocateText(length);
-    bytes(copy, length);
-    return copy;
-  }
-
- private:
-  const unsigned char* at_;
-};
+  return static_cast<std::size_t>(std::min<std::uint64_t>(at, std::numeric_limits<std::size_t>::max()));
+}
 
 }  // namespace
 
@@ -84,40 +79,21 @@ char* AllocateText(std::uint64_t length) {
 
 int DecodeFileHeader(const unsigned char* headerBuffer, RawFileHeader& rawFileHeader) {
   RawFileHeader& h = rawFileHeader;
-  BlockReader in(headerBuffer);
-  in.bytes(h.signature, sizeof h.signature);
+  std::memcpy(h.signature, headerBuffer, sizeof h.signature);
   if (!IsScanSignature(h)) {
     Log(kDecodeFileHeaderContext, std::string(kBufferSignatureWrongMessage), {SignatureText(h)});
     return -1;
   }
 
-  h.headerLayout = in.u32();
-  h.dataOffset = in.u32();
-  for (std::uint32_t& word : h.headerWords) word = in.u32();
-  in.bytes(h.idText1, sizeof h.idText1);
-  h.idValue = in.u32();
-  in.bytes(h.idText2, sizeof h.idText2);
-  in.bytes(h.idText3, sizeof h.idText3);
-  in.bytes(h.idText4, sizeof h.idText4);
-  h.scanWord0 = in.u32();
-  h.scanStartAngle = in.f32();
-  h.scanEndAngle = in.f32();
-  h.angularSpeed = in.f32();
-  h.sweepStartAngle = in.f32();
-  h.sweepEndAngle = in.f32();
-  h.lineRate = in.f32();
-  h.prf = in.u32();
-  for (std::uint32_t& word : h.scanTailWords) word = in.u32();
-
-  h.calibrationText = in.text(h.calibrationTextLength);
-  h.parameterText = in.text(h.parameterTextLength);
-  h.thirdText = in.text(h.thirdTextLength);
-  if (h.headerLayout == 0) {
-    h.fourthText = in.text(h.fourthTextLength);
-  } else if (h.headerLayout == 1) {
-    h.fourthTextLength = 0;
-    h.fourthText = nullptr;
-  }  // any other layout leaves the fourth text as the record held it
+  le::ByteCursor in({headerBuffer, ClaimedBlockSize(headerBuffer)});
+  in.skip(sizeof h.signature);
+  ForEachFixedField(h, [&in](auto& field) { in.field(field); });
+  ReadTexts(h, [&in](std::uint32_t& length) {
+    in.field(length);
+    char* text = AllocateText(length);
+    in.read(text, length);
+    return text;
+  });
 
   if (!IsDefinedPrf(h.prf)) {
     Log(kDecodeFileHeaderContext, std::string(kPrfUndefinedMessage) + std::to_string(h.prf));

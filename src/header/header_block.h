@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "header/header_layout.h"
 #include "kvr_decode/raw_file_header.h"
 
 // The header block at the start of every raw scan file, decoded from memory,
@@ -12,9 +13,6 @@ namespace kvr::header {
 
 inline constexpr std::string_view kPrfUndefinedMessage =
     "The PRF is undefined. Processing can not continue, PRF read = ";
-
-// The block's fixed part ends with the first text length at this offset.
-inline constexpr std::size_t kFixedPartSize = 276;
 
 // True for the three scanner models' magics.
 bool IsScanSignature(const RawFileHeaderBlock& header);

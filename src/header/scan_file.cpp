@@ -5,6 +5,7 @@
 
 #include "diag/error_manager.h"
 #include "header/header_block.h"
+#include "header/header_fields.h"
 #include "header/parameter_text.h"
 #include "header/side_table.h"
 #include "platform/file_system.h"
@@ -20,10 +21,11 @@ constexpr std::string_view kErrorOpeningMessage = "Error opening file";
 constexpr std::string_view kScanSignatureWrongMessage = "The scan file exist but the signature is wrong ";
 constexpr std::string_view kSideTableNotLoadedMessage = "The side table is unreadable or too large and was not loaded";
 
-// A text read from the stream into a buffer of length + 1 zero-filled bytes.
+// A length word, then the text, into a buffer of length + 1 zero-filled bytes.
 // A length beyond the end of the file reads what is there; the rest stays zero
 // and costs no memory until touched.
-char* ReadText(std::FILE* in, std::uint32_t length) {
+char* ReadText(std::FILE* in, std::uint32_t& length) {
+  stream::ReadLe(in, length);
   char* text = AllocateText(length);
   stream::ReadBytes(in, text, length);
   return text;
@@ -33,37 +35,8 @@ char* ReadText(std::FILE* in, std::uint32_t length) {
 // that was not reached (and the missing bytes of a field cut in two) as the
 // record held it.
 void ReadHeaderFields(std::FILE* in, RawFileHeader& h) {
-  stream::ReadLe(in, h.headerLayout);
-  stream::ReadLe(in, h.dataOffset);
-  for (std::uint32_t& word : h.headerWords) stream::ReadLe(in, word);
-  stream::ReadBytes(in, h.idText1, sizeof h.idText1);
-  stream::ReadLe(in, h.idValue);
-  stream::ReadBytes(in, h.idText2, sizeof h.idText2);
-  stream::ReadBytes(in, h.idText3, sizeof h.idText3);
-  stream::ReadBytes(in, h.idText4, sizeof h.idText4);
-  stream::ReadLe(in, h.scanWord0);
-  stream::ReadLe(in, h.scanStartAngle);
-  stream::ReadLe(in, h.scanEndAngle);
-  stream::ReadLe(in, h.angularSpeed);
-  stream::ReadLe(in, h.sweepStartAngle);
-  stream::ReadLe(in, h.sweepEndAngle);
-  stream::ReadLe(in, h.lineRate);
-  stream::ReadLe(in, h.prf);
-  for (std::uint32_t& word : h.scanTailWords) stream::ReadLe(in, word);
-
-  stream::ReadLe(in, h.calibrationTextLength);
-  h.calibrationText = ReadText(in, h.calibrationTextLength);
-  stream::ReadLe(in, h.parameterTextLength);
-  h.parameterText = ReadText(in, h.parameterTextLength);
-  stream::ReadLe(in, h.thirdTextLength);
-  h.thirdText = ReadText(in, h.thirdTextLength);
-  if (h.headerLayout == 0) {
-    stream::ReadLe(in, h.fourthTextLength);
-    h.fourthText = ReadText(in, h.fourthTextLength);
-  } else if (h.headerLayout == 1) {
-    h.fourthTextLength = 0;
-    h.fourthText = nullptr;
-  }  // any other layout leaves the fourth text as the record held it
+  ForEachFixedField(h, [in](auto& field) { stream::ReadField(in, field); });
+  ReadTexts(h, [in](std::uint32_t& length) { return ReadText(in, length); });
 }
 
 }  // namespace

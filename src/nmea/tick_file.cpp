@@ -7,17 +7,12 @@
 
 namespace kvr::nmea {
 
-namespace {
-constexpr std::uint64_t kPulseRecordSize = 12;
-constexpr std::uint64_t kSentenceRecordFixedSize = 24;
-}  // namespace
-
 void TickRecordReader::ReadNext() {
   const std::uint64_t recordOffset = nextRecordOffset_;
   stream::ReadLe(in_, record_.ticks);
   stream::ReadLe(in_, record_.type);
   if (isPulse()) {
-    nextRecordOffset_ += kPulseRecordSize;
+    nextRecordOffset_ += layout::kPulseRecordSize;
     return;
   }
   stream::ReadLe(in_, record_.reserved[0]);
@@ -26,7 +21,7 @@ void TickRecordReader::ReadNext() {
   if (record_.length >= kSentenceBufferSize) StopOnOversizedSentence(recordOffset, record_.length);
   stream::ReadBytes(in_, text_, record_.length);
   text_[record_.length] = '\0';
-  nextRecordOffset_ += kSentenceRecordFixedSize + record_.length;
+  nextRecordOffset_ += layout::kSentenceRecordFixedSize + record_.length;
 }
 
 bool TickRecordReader::atEnd() const { return std::feof(in_) != 0 || std::ferror(in_) != 0; }

@@ -4,19 +4,15 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "nmea/tick_layout.h"
 #include "optics/constants.h"
 
-// The tick file ("Serial.dat"): a 16-byte header (signature, version, one
-// ignored word), then records up to the end of the file. A pulse record is
-// ticks (u64) and type 1 (u32); any other type is a sentence record that goes
-// on with two ignored words, a text length (u32) and the text.
+// Reading the records of a tick file (layout in nmea/tick_layout.h).
 namespace kvr::nmea {
 
-inline constexpr std::uint64_t kTickFileSignature = optics::MagicValue("#KVRSERL");
-inline constexpr std::uint64_t kTickFileHeaderSize = 16;
-inline constexpr std::uint32_t kPulseRecordType = 1;
-// The text is read into a buffer of this size and terminated after its length.
-inline constexpr std::size_t kSentenceBufferSize = 1024;
+inline constexpr std::uint64_t kTickFileSignature = optics::MagicValue(layout::kSignature);
+using layout::kPulseRecordType;
+using layout::kSentenceBufferSize;
 
 // The fixed fields of one record (a pulse record fills only ticks and type).
 struct TickFileRecord {
@@ -50,7 +46,7 @@ class TickRecordReader {
   std::FILE* in_;
   TickFileRecord record_;
   char text_[kSentenceBufferSize] = {};
-  std::uint64_t nextRecordOffset_ = kTickFileHeaderSize;
+  std::uint64_t nextRecordOffset_ = layout::kHeaderSize;
 };
 
 // Writes the fatal message for an oversized sentence record and aborts.

@@ -13,6 +13,7 @@ inline constexpr double kTofCountPicoseconds = 13.020833333333334;  // 1000 / 76
 inline constexpr double kPico = 1e-12;
 inline constexpr double kSpeedOfLightInAir = 299704764.3859407;     // m/s
 inline constexpr double kPanDegreesPerCount = 0.0005625;            // 640000 counts per turn
+inline constexpr std::uint32_t kPanCountsPerTurn = 640000;
 inline constexpr double kScanDegreesPerCount90 = 0.00034332275390625;  // 22.5 / 65536
 inline constexpr double kScanOffsetDegrees90 = 45.0;
 inline constexpr double kScanDegreesPerCount360 = 0.001373291015625;   // 90 / 65536
@@ -27,8 +28,5 @@ constexpr std::uint64_t MagicValue(const char (&text)[9]) {
 inline constexpr std::uint64_t kSignatureKvrScan = MagicValue("#KVRSCAN");
 inline constexpr std::uint64_t kSignatureMx70Dat = MagicValue("#MX70DAT");
 inline constexpr std::uint64_t kSignatureMx700Dat = MagicValue("MX700DAT");
-
-inline constexpr std::uint32_t kFifoBlockSignature = 0xAAAAAAAAu;
-inline constexpr std::size_t SIZEOFFIFOBLOCK = 65536;
 
 }  // namespace kvr::optics

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <type_traits>
 
 #include "platform/little_endian.h"
 
@@ -18,35 +17,23 @@ inline std::size_t ReadBytes(std::FILE* in, void* out, std::size_t n) {
   return n == 0 ? 0 : std::fread(out, 1, n, in);
 }
 
-template <typename T>
-  requires(std::is_integral_v<T> || std::is_floating_point_v<T>)
+// A number field; true when all of it arrived.
+template <le::Number T>
 bool ReadLe(std::FILE* in, T& field) {
-  std::uint8_t buf[sizeof(T)];
-  const std::size_t got = ReadBytes(in, buf, sizeof(T));
-  // Merge the arrived bytes over the field's current little-endian image.
-  std::uint8_t image[sizeof(T)];
-  if constexpr (sizeof(T) == 1) {
-    image[0] = static_cast<std::uint8_t>(field);
-  } else if constexpr (sizeof(T) == 2) {
-    const auto v = std::bit_cast<std::uint16_t>(field);
-    image[0] = static_cast<std::uint8_t>(v);
-    image[1] = static_cast<std::uint8_t>(v >> 8);
-  } else if constexpr (sizeof(T) == 4) {
-    le::StoreU32(image, std::bit_cast<std::uint32_t>(field));
-  } else {
-    le::StoreU64(image, std::bit_cast<std::uint64_t>(field));
-  }
-  for (std::size_t i = 0; i < got; ++i) image[i] = buf[i];
-  if constexpr (sizeof(T) == 1) {
-    field = static_cast<T>(image[0]);
-  } else if constexpr (sizeof(T) == 2) {
-    field = std::bit_cast<T>(le::LoadU16(image));
-  } else if constexpr (sizeof(T) == 4) {
-    field = std::bit_cast<T>(le::LoadU32(image));
-  } else {
-    field = std::bit_cast<T>(le::LoadU64(image));
-  }
+  std::uint8_t arrived[sizeof(T)];
+  const std::size_t got = ReadBytes(in, arrived, sizeof(T));
+  field = le::MergeArrived(field, arrived, got);
   return got == sizeof(T);
+}
+
+// A number or a fixed-size character field, whichever `field` is.
+template <le::Number T>
+bool ReadField(std::FILE* in, T& field) {
+  return ReadLe(in, field);
+}
+template <std::size_t N>
+bool ReadField(std::FILE* in, char (&field)[N]) {
+  return ReadBytes(in, field, N) == N;
 }
 
 }  // namespace kvr::stream

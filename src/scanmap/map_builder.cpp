@@ -7,7 +7,9 @@
 #include <string_view>
 
 #include "diag/error_manager.h"
-#include "kvr_decode/file_header.h"
+#include "header/header_block.h"
+#include "header/scan_file.h"
+#include "fifo/block_layout.h"
 #include "optics/constants.h"
 #include "platform/file_system.h"
 #include "platform/little_endian.h"
@@ -27,7 +29,7 @@ constexpr std::string_view kGetScanFileMapContext =
 constexpr std::string_view kHeaderFailedMessage = "Error ReadFileHeader failed";
 constexpr std::string_view kHistogramFailedMessage = "Memory allocation failed for Histogram ";
 
-constexpr std::size_t kBlockSize = optics::SIZEOFFIFOBLOCK;
+constexpr std::size_t kBlockSize = fifo::SIZEOFFIFOBLOCK;
 constexpr std::size_t kBlockPadding = 16;
 constexpr std::size_t kFirstShotOffset = 12;
 constexpr std::uint32_t kDirectionBit = 1u << 30;
@@ -300,7 +302,8 @@ int IndexScanFile(std::FILE* stream, ScanFileMap& map, std::optional<std::int32_
 
   const std::int64_t bin = histogram.FirstBinReaching(kShareAt95, map.validSampleCount);
   map.intensityAt95 = IntensityAt95(bin, map.numberOfBins, map.binWidth);
-  map.dataSize = static_cast<std::uint64_t>(static_cast<std::int64_t>(map.blockCount) * 65536 -
+  constexpr auto kBlockBytes = static_cast<std::int64_t>(kBlockSize);
+  map.dataSize = static_cast<std::uint64_t>(static_cast<std::int64_t>(map.blockCount) * kBlockBytes -
                                             static_cast<std::int64_t>(map.dataStartOffset));
   return 0;
 }
@@ -314,8 +317,8 @@ int BuildScanFileMap(const wchar_t* scanFileName, ScanFileMap& map) {
   const std::optional<std::int32_t> binCount = ApplyNormalizationParameters(scanFileName, map);
 
   // The record owns one header copy at a time.
-  ReleaseFileHeader(map.fileHeader);
-  std::FILE* stream = ReadFileHeader(scanFileName, map.fileHeader);
+  header::ReleaseFileHeader(map.fileHeader);
+  std::FILE* stream = header::ReadFileHeader(scanFileName, map.fileHeader);
   if (stream == nullptr) {
     Log(kGetScanFileMapContext, std::string(kHeaderFailedMessage), {platform::NarrowStorageBytes(scanFileName)});
     return -1;

@@ -6,10 +6,13 @@
 #include <vector>
 
 #include "diag/error_manager.h"
+#include "header/header_fields.h"
 #include "platform/file_system.h"
 #include "platform/little_endian.h"
 #include "platform/stream_reader.h"
+#include "platform/stream_writer.h"
 #include "scanmap/header_texts.h"
+#include "scanmap/map_layout.h"
 #include "scanmap/map_record.h"
 
 namespace kvr::scanmap {
@@ -19,50 +22,14 @@ namespace {
 constexpr std::string_view kSaveContext = "int SaveScanFileMap(char *scanFileName, ScanFileMap &scanFileMap)";
 constexpr std::string_view kLoadContext = "int LoadScanFileMap(wchar_t *filename, ScanFileMap &scanFileMap)";
 constexpr std::string_view kOpenFailedMessage = "Error openning file";
-constexpr char kMapSignature[8] = {'#', 'K', 'V', 'R', 'M', 'A', 'P', 'F'};
-constexpr std::size_t kNameField = sizeof(ScanFileMap::scanFileName);
+constexpr std::size_t kNameField = map_layout::kNameFieldSize;
+static_assert(sizeof(ScanFileMap::scanFileName) == kNameField);
 
 bool HasMapSignature(const ScanFileMap& map) {
-  return std::memcmp(map.mapSignature, kMapSignature, sizeof kMapSignature) == 0;
+  return std::memcmp(map.mapSignature, map_layout::kSignature, map_layout::kSignatureSize) == 0;
 }
 
-// Little-endian fields gathered in a buffer and written in large pieces.
-class MapWriter {
- public:
-  explicit MapWriter(std::FILE* out) : out_(out) { buffer_.reserve(kChunk + 64); }
-  ~MapWriter() { Flush(); }
-  MapWriter(const MapWriter&) = delete;
-  MapWriter& operator=(const MapWriter&) = delete;
-
-  void u16(std::uint16_t v) { Put(v, 2); }
-  void u32(std::uint32_t v) { Put(v, 4); }
-  void i32(std::int32_t v) { Put(static_cast<std::uint32_t>(v), 4); }
-  void u64(std::uint64_t v) { Put(v, 8); }
-  void f32(float v) { Put(std::bit_cast<std::uint32_t>(v), 4); }
-  void f64(double v) { Put(std::bit_cast<std::uint64_t>(v), 8); }
-  void bytes(const void* data, std::size_t n) {
-    const auto* p = static_cast<const std::uint8_t*>(data);
-    buffer_.insert(buffer_.end(), p, p + n);
-    if (buffer_.size() >= kChunk) Flush();
-  }
-  void zeros(std::size_t n) {
-    buffer_.insert(buffer_.end(), n, 0);
-    if (buffer_.size() >= kChunk) Flush();
-  }
-  void Flush() {
-    if (!buffer_.empty()) std::fwrite(buffer_.data(), 1, buffer_.size(), out_);
-    buffer_.clear();
-  }
-
- private:
-  static constexpr std::size_t kChunk = 64 * 1024;
-  void Put(std::uint64_t v, int n) {
-    for (int i = 0; i < n; ++i) buffer_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-    if (buffer_.size() >= kChunk) Flush();
-  }
-  std::FILE* out_;
-  std::vector<std::uint8_t> buffer_;
-};
+using MapWriter = stream::BufferedWriter;
 
 void WriteText(MapWriter& out, std::uint32_t length, const char* text) {
   out.u32(length);
@@ -75,20 +42,7 @@ void WriteText(MapWriter& out, std::uint32_t length, const char* text) {
 
 void WriteHeaderSection(MapWriter& out, const RawFileHeader& h) {
   out.bytes(h.signature, sizeof h.signature);
-  out.u32(h.headerLayout);
-  out.u32(h.dataOffset);
-  for (std::uint32_t word : h.headerWords) out.u32(word);
-  out.bytes(h.idText1, sizeof h.idText1);
-  out.u32(h.idValue);
-  out.bytes(h.idText2, sizeof h.idText2);
-  out.bytes(h.idText3, sizeof h.idText3);
-  out.bytes(h.idText4, sizeof h.idText4);
-  out.u32(h.scanWord0);
-  for (float f : {h.scanStartAngle, h.scanEndAngle, h.angularSpeed, h.sweepStartAngle, h.sweepEndAngle, h.lineRate}) {
-    out.f32(f);
-  }
-  out.u32(h.prf);
-  for (std::uint32_t word : h.scanTailWords) out.u32(word);
+  header::ForEachFixedField(h, [&out](const auto& field) { out.field(field); });
   WriteText(out, h.calibrationTextLength, h.calibrationText);
   WriteText(out, h.parameterTextLength, h.parameterText);
   WriteText(out, h.thirdTextLength, h.thirdText);
@@ -124,10 +78,7 @@ void ReadEventShots(std::FILE* in, std::int32_t count, std::uint32_t& value, std
     }
     if (got < want) {
       if (got % 4 != 0) {
-        std::uint8_t image[4];
-        le::StoreU32(image, value);
-        std::memcpy(image, piece + got - got % 4, got % 4);
-        value = le::LoadU32(image);
+        value = le::MergeArrived(value, piece + got - got % 4, got % 4);
         out.push_back(value);
       }
       return;
@@ -195,21 +146,7 @@ char* ReadText(std::FILE* in, std::uint32_t& length, char* previous) {
 
 void ReadHeaderSection(std::FILE* in, RawFileHeader& h) {
   stream::ReadBytes(in, h.signature, sizeof h.signature);
-  stream::ReadLe(in, h.headerLayout);
-  stream::ReadLe(in, h.dataOffset);
-  for (std::uint32_t& word : h.headerWords) stream::ReadLe(in, word);
-  stream::ReadBytes(in, h.idText1, sizeof h.idText1);
-  stream::ReadLe(in, h.idValue);
-  stream::ReadBytes(in, h.idText2, sizeof h.idText2);
-  stream::ReadBytes(in, h.idText3, sizeof h.idText3);
-  stream::ReadBytes(in, h.idText4, sizeof h.idText4);
-  stream::ReadLe(in, h.scanWord0);
-  for (float* f : {&h.scanStartAngle, &h.scanEndAngle, &h.angularSpeed, &h.sweepStartAngle, &h.sweepEndAngle,
-                   &h.lineRate}) {
-    stream::ReadLe(in, *f);
-  }
-  stream::ReadLe(in, h.prf);
-  for (std::uint32_t& word : h.scanTailWords) stream::ReadLe(in, word);
+  header::ForEachFixedField(h, [in](auto& field) { stream::ReadField(in, field); });
   h.calibrationText = ReadText(in, h.calibrationTextLength, h.calibrationText);
   h.parameterText = ReadText(in, h.parameterTextLength, h.parameterText);
   h.thirdText = ReadText(in, h.thirdTextLength, h.thirdText);
@@ -247,7 +184,7 @@ int SaveMapFile(const wchar_t* fileName, ScanFileMap& map) {
     out.u32(map.spareA);
     out.u16(map.maxReturnsPerShot);
     out.u32(map.dataStartOffset);
-    std::memcpy(map.mapSignature, kMapSignature, sizeof kMapSignature);
+    std::memcpy(map.mapSignature, map_layout::kSignature, map_layout::kSignatureSize);
     out.bytes(map.mapSignature, sizeof map.mapSignature);
     out.i32(map.blockCount);
     out.i32(map.maxShotsPerBlock);

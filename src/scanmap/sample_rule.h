@@ -33,6 +33,13 @@ struct SampleBatch {
   std::unique_ptr<std::int32_t[]> bin{new std::int32_t[kCapacity]};
 };
 
+// A sample as SampleBatch holds it: the return word with its 20-bit stop count
+// replaced by the difference d (its low 20 bits), and that difference back.
+inline std::uint32_t SampleOf(std::uint32_t returnWord, std::int32_t d) {
+  return (returnWord & 0xFFF00000u) | (static_cast<std::uint32_t>(d) & 0xFFFFFu);
+}
+inline std::int32_t SampleDifference(std::uint32_t sample) { return static_cast<std::int32_t>(sample & 0xFFFFFu); }
+
 // The five-parameter intensity model. The base intensity depends only on the
 // 12-bit raw value and on a1, a2, which are fixed for one build, so it is
 // tabulated once: the table holds exactly what pow would return per sample.

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <iostream>
 
-#include "kvr_decode/fifo_block.h"
-#include "optics/constants.h"
+#include "fifo/block_reader.h"
+#include "fifo/block_layout.h"
 #include "optics/conversions.h"
 #include "platform/file_system.h"
 #include "scanmap/truncation.h"
@@ -41,8 +41,8 @@ int FillScanLineCachedBlock(int scanLineIndex, std::FILE** fp, ScanFileMap& map,
   cache.shots.clear();
   if (fp == nullptr || *fp == nullptr) return -1;  // no stream: read as a file that ends at once
 
-  platform::SeekAbsolute(*fp, std::uint64_t{block} * optics::SIZEOFFIFOBLOCK + map.dataStartOffset);
-  const int result = DecodeNextFifoBlock(fp, map.fileHeader, static_cast<int>(block), cache, ticksManager);
+  platform::SeekAbsolute(*fp, std::uint64_t{block} * fifo::SIZEOFFIFOBLOCK + map.dataStartOffset);
+  const int result = fifo::ReadNextBlock(*fp, map.fileHeader, static_cast<int>(block), cache, ticksManager);
   if (result < 0) return result;
 
   // The shots still missing after the first block; none when the line's first
@@ -57,7 +57,7 @@ int FillScanLineCachedBlock(int scanLineIndex, std::FILE** fp, ScanFileMap& map,
   next.flaggedShots.reserve(kSpareShots);
   for (std::uint32_t b = block + 1; missing(); ++b) {
     next.flaggedShots.clear();  // each later block is decoded as into a fresh record
-    if (DecodeNextFifoBlock(fp, map.fileHeader, static_cast<int>(b), next, ticksManager) < 0) {
+    if (fifo::ReadNextBlock(*fp, map.fileHeader, static_cast<int>(b), next, ticksManager) < 0) {
       std::cout << "break from FillScanLineCachedBlock \n" << std::flush;
       return 0;
     }

@@ -61,12 +61,12 @@ void ExpectRecords(const AncillaryDevicesData& d) {
                 {9000, 0x1.09f6c1ea9efe7p+1, -0x1.61eb8fc482dd9p+1, 0.0, {5, 1030, 960, 6, 1000, 9}}}));
   EXPECT_EQ(d.type2Records, (std::vector<DeviceRecord2>{{3000, 0x0102030405060708, 22, 0xFFFFFFFF00000001, 20, 0},
                                                         {500000000, 91, 92, 93, 90, 1}}));
-  EXPECT_EQ(d.type3Records, (std::vector<DeviceRecord3>{{4000, {31, 33, 34, 35, 32}}}));
+  EXPECT_EQ(d.type3Records, (std::vector<DeviceRecord3>{{4000, 31, 33, 34, 35, 32}}));
   EXPECT_EQ(d.type4Records, (std::vector<DeviceRecord4>{{5000, {41, 42}}}));
   EXPECT_EQ(d.type5Records, (std::vector<DeviceRecord5>{{6000, {51, 52, 53, 54, 55, 56}}}));
   EXPECT_EQ(d.type6Records, (std::vector<DeviceRecord6>{{7000, {61, 62, 63, 64, 65, 66}}}));
-  EXPECT_EQ(d.type7Records, (std::vector<DeviceRecord7>{{1000, 0x1122334455667788, {70, 71, 72, 73, 74, 75, 76}},
-                                                        {600000000, 81, {80, 82, 83, 84, 85, 86, 87}}}));
+  EXPECT_EQ(d.type7Records, (std::vector<DeviceRecord7>{{1000, 0x1122334455667788, 70, 71, 72, 73, 74, 75, 76},
+                                                        {600000000, 81, 80, 82, 83, 84, 85, 86, 87}}));
   EXPECT_EQ(d.type8Records, (std::vector<DeviceRecord8>{{8000, 0xDEADBEEF}}));
 }
 
@@ -158,7 +158,7 @@ TEST_F(DeviceDataFile, CutPayloadIsKeptWithTheBytesThatArrived) {
   EXPECT_EQ(Read(Cut(file, file.size() - 10), data), 0);
   EXPECT_TRUE(logEntries().empty());
   EXPECT_EQ(data.type8Records, (std::vector<DeviceRecord8>{{8000, 1}}));
-  EXPECT_EQ(data.type7Records, (std::vector<DeviceRecord7>{{1000, 0x7788, {70, 0, 0, 0, 0, 0, 0}}}));
+  EXPECT_EQ(data.type7Records, (std::vector<DeviceRecord7>{{1000, 0x7788, 70}}));
 }
 
 struct DamageCase {

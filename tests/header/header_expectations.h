@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "header/header_layout.h"
 #include "kvr_decode/raw_file_header.h"
 #include "kvr_writers/scan_file_writer.h"
 #include "support/log_reader.h"
@@ -86,7 +87,8 @@ inline void ExpectDecoded(const RawFileHeader& h, const Model& m) {
   // The record's fixed part mirrors the block byte for byte.
   const std::vector<std::uint8_t> block = writers::BuildHeaderBlock(f);
   const auto* fixed = reinterpret_cast<const std::uint8_t*>(&h);
-  EXPECT_EQ(std::vector<std::uint8_t>(fixed, fixed + 276), std::vector<std::uint8_t>(block.begin(), block.begin() + 276));
+  constexpr std::size_t kFixed = header::layout::kFixedPartSize;
+  EXPECT_EQ(std::vector<std::uint8_t>(fixed, fixed + kFixed), std::vector<std::uint8_t>(block.begin(), block.begin() + kFixed));
   ExpectText(h.calibrationTextLength, h.calibrationText, f.calibrationText);
   ExpectText(h.parameterTextLength, h.parameterText, f.parameterText);
   ExpectText(h.thirdTextLength, h.thirdText, f.thirdText);

@@ -74,6 +74,21 @@ TEST_F(TickManager, HourAtOneHertzInterpolatesThroughTheBracketCache) {
   }
 }
 
+TEST_F(TickManager, LastBracketIsFoundInSmallTables) {
+  // Two pairs: the last pulse steps past the bracket and back into it. Five
+  // pairs: an exact hit on the fourth pulse after a jump brackets it with the fifth.
+  const Manager two = Load(TickFileBuilder().everySecond(kP0, Utc(2020, 1, 28, 14, 30, 7), 2, Zda));
+  ASSERT_NE(two, nullptr);
+  ASSERT_EQ(two->FindTickInterval(kP0 + kSecond), 0);
+  EXPECT_EQ(two->InterpolateTime(kP0 + kSecond), 225008.0);
+  EXPECT_EQ(std::make_pair(two->lowIndex, two->highIndex), std::make_pair(0, 1));
+  const Manager five = Load(TickFileBuilder().everySecond(kP0, Utc(2020, 1, 28, 14, 30, 7), 5, Zda));
+  ASSERT_NE(five, nullptr);
+  ASSERT_EQ(five->FindTickInterval(kP0 + 3 * kSecond), 0);
+  EXPECT_EQ(std::make_pair(five->lowIndex, five->highIndex), std::make_pair(3, 4));
+  EXPECT_EQ(five->InterpolateTime(kP0 + 3 * kSecond), 225010.0);
+}
+
 TEST_F(TickManager, WeekWrapAddsAWeekOnceAndASecondWrapStepsBack) {
   // Saturday 23:59:59 = 604799 s, Sunday 00:00:00 = 0 s. Version 7 reads like version 1.
   TickFileBuilder file(7);

@@ -45,6 +45,23 @@ TEST(WideNameLogText, LowBytesAndStorageBytes) {
   EXPECT_EQ(platform::WideToUtf8(L"a\u00E9\U0001F600"), "a\xC3\xA9\xF0\x9F\x98\x80");
 }
 
+TEST(WideNameLogText, Utf8OfEachEncodingLengthAndOfInvalidCodePoints) {
+  // Surrogates and values above U+10FFFF are not characters: each becomes U+FFFD.
+  const struct {
+    std::uint32_t codePoint;
+    std::string utf8;
+  } cases[] = {{0x7F, "\x7F"},          {0x80, "\xC2\x80"},         {0x7FF, "\xDF\xBF"},
+               {0x800, "\xE0\xA0\x80"},   {0xD7FF, "\xED\x9F\xBF"},   {0xD800, "\xEF\xBF\xBD"},
+               {0xDFFF, "\xEF\xBF\xBD"},  {0xE000, "\xEE\x80\x80"},   {0xFFFF, "\xEF\xBF\xBF"},
+               {0x10000, "\xF0\x90\x80\x80"}, {0x10FFFF, "\xF4\x8F\xBF\xBF"}, {0x110000, "\xEF\xBF\xBD"},
+               {0xFFFFFFFF, "\xEF\xBF\xBD"}};
+  for (const auto& c : cases) {
+    if (c.codePoint > 0xFFFF && sizeof(wchar_t) == 2) continue;  // not one wide character there
+    const wchar_t name[] = {L'a', static_cast<wchar_t>(c.codePoint), L'b', 0};
+    EXPECT_EQ(platform::WideToUtf8(name), "a" + c.utf8 + "b") << std::hex << c.codePoint;
+  }
+}
+
 TEST(ByteCursor, ReadsLittleEndianAndZeroFillsPastTheEnd) {
   const auto bytes = writers::ByteWriter().u32(0x11223344).u8(0xAB).take();
   le::ByteCursor in(bytes);
@@ -66,6 +83,12 @@ TEST_F(PlatformFiles, ShortFieldReadKeepsTheBytesThatDidNotArrive) {
   EXPECT_FALSE(stream::ReadLe(in, field));
   EXPECT_EQ(field, 0xAABB0201u);
   std::fclose(in);
+  // The cursor over the same bytes leaves the same value.
+  const std::uint8_t bytes[] = {0x01, 0x02};
+  le::ByteCursor cursor(bytes);
+  std::uint32_t same = 0xAABBCCDD;
+  EXPECT_FALSE(cursor.field(same));
+  EXPECT_EQ(same, 0xAABB0201u);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/little_endian.h"
 #include "support/log_reader.h"
 
 // Damaging valid files the ways users' files get damaged: cut short, a field
@@ -22,7 +23,7 @@ inline FileBytes Cut(const FileBytes& file, std::size_t size) {
 }
 
 inline FileBytes WithU32(FileBytes file, std::size_t at, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) file.at(at + i) = static_cast<std::uint8_t>(value >> (8 * i));
+  le::StoreU32(&file.at(at + 3) - 3, value);
   return file;
 }
 

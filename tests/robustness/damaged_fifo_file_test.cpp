@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "fifo/block_layout.h"
 #include "kvr_decode/fifo_block.h"
 #include "robustness/damage.h"
 #include "kvr_writers/fifo_block_writer.h"
@@ -17,7 +18,7 @@ namespace {
 
 using test::FileBytes;
 
-constexpr std::size_t kBlock = 65536;
+constexpr std::size_t kBlock = fifo::SIZEOFFIFOBLOCK;
 constexpr const char* kOverrun = "bufferOffset >= SIZEOFFIFOBLOCK";
 constexpr const char* kBadSignature = "!!Error in DmaBlockHeader Signature!!";
 

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <random>
 #include <vector>
@@ -20,6 +22,30 @@ TEST(BinIndex, BinsFromZeroAndSendsEverythingElseToTheLastBin) {
   EXPECT_EQ(BinIndex(-1.0, 2.5, 8), 0);  // truncation toward zero
   EXPECT_EQ(BinIndex(5.0, std::numeric_limits<double>::quiet_NaN(), 8), 7);
   EXPECT_EQ(BinIndex(5.0, std::numeric_limits<double>::infinity(), 8), 0);
+}
+
+TEST(BinIndex, BinsOfABatchStopAtItsCount) {
+  SampleBatch batch;
+  batch.count = 7;  // four values in one vector step, three after it
+  const double values[] = {0.0, 2.4, 2.5, 7.6, 30.0, -1.0, 17.5, 5.0};
+  std::copy(std::begin(values), std::end(values), batch.value.get());
+  batch.bin[7] = -7;
+  BinIndices(batch, 2.5, 8, batch.bin.get());
+  EXPECT_EQ(std::vector<std::int32_t>(batch.bin.get(), batch.bin.get() + 8),
+            (std::vector<std::int32_t>{0, 0, 1, 3, 7, 0, 7, -7}));
+}
+
+TEST(IntensityHistogram, CountsOnlyTheBinsGivenBeforeAndAfterAWalk) {
+  // The 0 after the four bins lies outside the count: counted, it would reach
+  // the share at bin 0. After a walk the counts go on in pages.
+  const std::int32_t bins[] = {3, 3, 3, 3, 0};
+  IntensityHistogram histogram;
+  ASSERT_TRUE(histogram.Allocate(10));
+  histogram.AddAll(bins, 4);
+  EXPECT_EQ(histogram.FirstBinReaching(0.1, 4), 3);
+  histogram.AddAll(bins, 4);
+  EXPECT_EQ(histogram.FirstBinReaching(0.1, 8), 3);
+  EXPECT_EQ(histogram.FirstBinReaching(1.0, 8), 3);
 }
 
 // A plain table of doubles, one 1.0 per sample, walked bin by bin.

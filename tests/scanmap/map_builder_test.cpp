@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -14,7 +13,6 @@
 namespace kvr {
 namespace {
 
-using test::ExpectedValue;
 using writers::FifoBlockBuilder;
 using test::MapShot;
 using test::OwnedMap;
@@ -75,8 +73,9 @@ TEST_F(ScanMapBuild, IndexesLinesAcrossBlocks) {
   // Sixteen equal samples: one bin of width 0, and every index falls into it.
   EXPECT_EQ(m.returnCounts, (std::vector<std::uint64_t>{16, 0, 0, 0}));
   EXPECT_EQ(m.validSampleCount, 16u);
-  EXPECT_EQ(m.minNormalizedIntensity, ExpectedValue(5000, 500));
-  EXPECT_EQ(m.maxNormalizedIntensity, ExpectedValue(5000, 500));
+  // r = 9.7560 m, x = r / 6.1 - 6.1 / r = 0.97409; 0.43 x (x^2 + 2.3) x 500.
+  EXPECT_EQ(m.minNormalizedIntensity, 698.5035835149544);
+  EXPECT_EQ(m.maxNormalizedIntensity, 698.5035835149544);
   EXPECT_EQ(std::make_tuple(m.numberOfBins, m.binWidth, m.intensityAt95), std::make_tuple(1, 0.0, 0.0));
 }
 
@@ -196,10 +195,11 @@ FifoBlockBuilder StatisticsBlock() {
 struct StatisticsCase {
   const char* name;
   std::string parameterFile;  // "" for none
-  test::ExpectedModel model;
-  double gamma;
-  bool computedBins;
-  std::int32_t bins;  // when not computed
+  double a1, a5, gamma;
+  std::int32_t bins;
+  double largest;   // s5's last return: 4095 at 150000 counts
+  double binWidth;  // largest / bins
+  double at95;      // the upper edge of the bin of the seventh smallest value
 };
 
 class ScanMapStatistics : public ScanMapBuild, public ::testing::WithParamInterface<StatisticsCase> {};
@@ -214,43 +214,38 @@ TEST_P(ScanMapStatistics, FollowTheSampleRule) {
   EXPECT_EQ(m.maxReturnsPerShot, 5);
   EXPECT_EQ(m.returnCounts, (std::vector<std::uint64_t>{2, 3, 1, 1}));
   EXPECT_EQ(m.validSampleCount, 7u);  // s1, s3's in-range return, s5's five
-  EXPECT_EQ(m.a1, t.model.a1);
-  EXPECT_EQ(m.a5, t.model.a5);
+  EXPECT_EQ(m.a1, t.a1);
+  EXPECT_EQ(m.a5, t.a5);
   EXPECT_EQ(m.gamma, t.gamma);
-  const double largest = ExpectedValue(150000, 4095, t.model);
   EXPECT_EQ(m.minNormalizedIntensity, 0.0);
-  EXPECT_EQ(m.maxNormalizedIntensity, largest);
-
-  // Far above 100000000, so the computed count is the cap.
-  const std::int32_t bins = t.computedBins ? 100000000 : t.bins;
-  EXPECT_EQ(m.numberOfBins, bins);
-  const double width = largest / bins;
-  EXPECT_EQ(m.binWidth, width);
+  EXPECT_EQ(m.maxNormalizedIntensity, t.largest);
+  EXPECT_EQ(m.numberOfBins, t.bins);
+  EXPECT_EQ(m.binWidth, t.binWidth);
   // Eight samples are binned (s2's valid return too) against seven counted:
-  // each is 1/7, so the running sum reaches 0.95 at the seventh smallest.
-  std::vector<double> binned = {ExpectedValue(3126, 1000, t.model), ExpectedValue(10000, 2000, t.model),
-                                ExpectedValue(20000, 300, t.model), 0.0,
-                                ExpectedValue(40000, 600, t.model), ExpectedValue(60000, 3000, t.model),
-                                ExpectedValue(80000, 1500, t.model), largest};
-  std::sort(binned.begin(), binned.end());
-  const double seventhBin = std::trunc(binned[6] / width);
-  ASSERT_LT(seventhBin, std::trunc(binned[7] / width));  // the values lie in distinct bins
-  ASSERT_LT(seventhBin + 1, bins - 1);
-  EXPECT_EQ(m.intensityAt95, (seventhBin + 1) * width);
+  // each is 1/7, so the running sum reaches 0.95 at the seventh smallest, s5's
+  // 3000 at 60000 counts.
+  EXPECT_EQ(m.intensityAt95, t.at95);
 }
 
-const test::ExpectedModel kDefaultModel{};
-const test::ExpectedModel kFileModel{100.0, 2.0, 1.0, 0.5, 10.0};
+// Range r of d counts: d x 13.020833333333334e-12 x 0.5 x 299704764.3859407 m;
+// value 0.43 (x^2 + 2.3) base with x = r / 6.1 - 6.1 / r and base (i / 200)^4
+// (a file's model: a1 100, a2 2, a3 1, a4 0.5, a5 10). The default bin count
+// is the cap, 100000000; the seventh value lies in bin 4612001 (348 with the
+// file's 4096 bins), whose upper edge is (bin + 1) x binWidth.
+constexpr double kLargest = 173999692.64037836;
+constexpr double kWidth = 1.7399969264037836;
+constexpr double kAt95 = 8024869.304568103;
 
 INSTANTIATE_TEST_SUITE_P(
     Files, ScanMapStatistics,
     ::testing::Values(
-        StatisticsCase{"NoParameterFile", "", kDefaultModel, 0.5, true, 0},
+        StatisticsCase{"NoParameterFile", "", 200, 6.1, 0.5, 100000000, kLargest, kWidth, kAt95},
         StatisticsCase{"ModelAndBinsFromTheFile", "a1 100\na2 2\na3 1\na4 0.5\na5 10\ngamma 0.7\nnumberOfBins 4096\n",
-                       kFileModel, 0.7, false, 4096},
-        StatisticsCase{"ZeroBinsFallBackToTheComputedCount", "numberOfBins = 0\n", kDefaultModel, 0.5, true, 0},
-        StatisticsCase{"NegativeBinsFallBack", "numberOfBins -12\n", kDefaultModel, 0.5, true, 0},
-        StatisticsCase{"HugeBinsFallBack", "numberOfBins 1e20\n", kDefaultModel, 0.5, true, 0}),
+                       100, 10, 0.7, 4096, 1433952.0804620357, 350.0859571440517, 122179.99904327405},
+        StatisticsCase{"ZeroBinsFallBackToTheComputedCount", "numberOfBins = 0\n", 200, 6.1, 0.5, 100000000, kLargest,
+                       kWidth, kAt95},
+        StatisticsCase{"NegativeBinsFallBack", "numberOfBins -12\n", 200, 6.1, 0.5, 100000000, kLargest, kWidth, kAt95},
+        StatisticsCase{"HugeBinsFallBack", "numberOfBins 1e20\n", 200, 6.1, 0.5, 100000000, kLargest, kWidth, kAt95}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(ScanMapBuild, RangeOffsetMovesTheLimitsButNotTheModel) {
@@ -263,7 +258,8 @@ TEST_F(ScanMapBuild, RangeOffsetMovesTheLimitsButNotTheModel) {
   ASSERT_EQ(GetScanFileMap(Scan({block}, 0, header).c_str(), owned.map), 0);
   EXPECT_EQ(owned.map.returnCounts, (std::vector<std::uint64_t>{1, 0, 0, 0}));
   EXPECT_EQ(owned.map.validSampleCount, 1u);
-  EXPECT_EQ(owned.map.maxNormalizedIntensity, ExpectedValue(20, 1200));
+  // 20 counts: r = 0.039024 m, x = -156.31; 0.43 (x^2 + 2.3) (1200 / 200)^4.
+  EXPECT_EQ(owned.map.maxNormalizedIntensity, 13616754.459912246);
 }
 
 TEST_F(ScanMapBuild, ReusedRecordGoesOnCountingReturns) {

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <string>
+#include <vector>
 
 namespace kvr::scanmap {
 namespace {
@@ -20,6 +23,21 @@ TEST(IntensityModel, BaseIntensityStepsAtOneThousand) {
   EXPECT_EQ(model.Normalized(6.1, model.Base(4095)), 0.43 * (0.0 + 2.3) * std::pow(20.475, 4.0));
   // r = 12.2: (2 - 0.5)^2 + 2.3 = 4.55.
   EXPECT_EQ(model.Normalized(12.2, model.Base(500)), 0.43 * 4.55 * 500.0);
+}
+
+TEST(IntensityModel, NormalizesExactlyTheBatch) {
+  // Difference 5000 with raw 500, and 20 with raw 1200: the values of the map
+  // tests (698.50... and 13616754.45...). Four go in one vector step, one after.
+  const std::uint32_t a = (500u << 20) | 5000, b = (1200u << 20) | 20;
+  const std::uint32_t samples[] = {a, b, a, b, b, a};
+  SampleBatch batch;
+  batch.count = 5;
+  std::copy(std::begin(samples), std::end(samples), batch.sample.get());
+  batch.value[5] = -7.0;
+  IntensityModel(ScanFileMap{}).Normalize(batch);
+  constexpr double kA = 698.5035835149544, kB = 13616754.459912246;
+  EXPECT_EQ(std::vector<double>(batch.value.get(), batch.value.get() + 6),
+            (std::vector<double>{kA, kB, kA, kB, kB, -7.0}));
 }
 
 struct ReturnCase {
@@ -53,6 +71,9 @@ INSTANTIATE_TEST_SUITE_P(
                       ReturnCase{"FarEndOfTheField", 1045500, 0, 0.0, SampleKind::kInRange},
                       ReturnCase{"OffsetPushesBeyondTheFarLimit", 1045500, 0, 0.1, SampleKind::kOutOfRange},
                       ReturnCase{"BeyondTheFarLimit", 1048575, 0, 0.0, SampleKind::kOutOfRange},
+                      // 2039.997 m: one count (0.00195 m) stays within the far limit, two do not.
+                      ReturnCase{"OneCountWindow", 501, 500, 2039.997, SampleKind::kInRange},
+                      ReturnCase{"OneCountWindowEndsAtOne", 502, 500, 2039.997, SampleKind::kOutOfRange},
                       ReturnCase{"OffsetBeyondTheFarLimit", 600, 500, 3000.0, SampleKind::kOutOfRange},
                       ReturnCase{"OffsetBelowTheNearLimit", 600, 500, -3000.0, SampleKind::kOutOfRange},
                       ReturnCase{"InfiniteOffset", 600, 500, kInf, SampleKind::kOutOfRange},

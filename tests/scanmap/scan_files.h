@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -15,7 +14,7 @@
 #include "support/temp_dir.h"
 
 // Scan files for the map tests: a header from the header builder, blocks from
-// the block builder, and the intensity model written out as the map defines it.
+// the block builder.
 namespace kvr::test {
 
 // Released when the test ends, so LeakSanitizer sees every text freed.
@@ -41,13 +40,6 @@ inline std::wstring WriteScan(const std::filesystem::path& path, const writers::
   return WideName(path);
 }
 
-// Range in metres of a stop and a start count: the count difference times
-// 1000/76.8 ps, halved, times the speed of light in air, left to right.
-inline double ExpectedRange(std::uint32_t stop, std::uint32_t start) {
-  return (static_cast<double>(stop) - static_cast<double>(start)) * 13.020833333333334 * 1e-12 * 0.5 *
-         299704764.3859407;
-}
-
 // A map's entries as rows {key, block, shot, line flag, shot count, status word offset, events}.
 using EntryRow = std::tuple<std::int32_t, std::uint32_t, std::uint32_t, std::int32_t, std::int32_t, std::int32_t,
                             std::vector<std::uint32_t>>;
@@ -59,18 +51,6 @@ std::vector<EntryRow> EntryRows(const Map& map) {
                       e.eventShots);
   }
   return rows;
-}
-
-struct ExpectedModel {
-  double a1 = 200.0, a2 = 4.0, a3 = 0.43, a4 = 2.3, a5 = 6.1;
-};
-
-// Normalized intensity of a return d counts behind its start, with raw intensity i.
-inline double ExpectedValue(std::uint32_t d, std::uint32_t i, const ExpectedModel& m = {}) {
-  const double r = ExpectedRange(1000 + d, 1000);
-  const double base = i < 1000 ? static_cast<double>(i) : std::pow(i / m.a1, m.a2);
-  const double x = r / m.a5 - m.a5 / r;
-  return m.a3 * (x * x + m.a4) * base;
 }
 
 }  // namespace kvr::test

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "commands.h"
+#include "devices/camera_layout.h"
 #include "console.h"
 #include "errors.h"
 #include "json_writer.h"
@@ -66,7 +67,7 @@ int RunCamera(const ParsedArgs& args, Context& context) {
     const std::string signature = PrintableBytes(std::string_view(file.header.signature, sizeof file.header.signature));
     throw FileError(path, "not a camera file: its signature is \"" + signature + "\", expected #KVRCAMR");
   }
-  const std::uint64_t headerSize = 20 + std::uint64_t{file.header.textLength};
+  const std::uint64_t headerSize = kvr::devices::camera_layout::kHeaderSizeWithoutText + std::uint64_t{file.header.textLength};
   if (headerSize > size) {
     throw FileError(path, "header cut short: its text needs " + std::to_string(headerSize) + " bytes, the file has " +
                               std::to_string(size));
@@ -81,7 +82,7 @@ int RunCamera(const ParsedArgs& args, Context& context) {
   // size that runs past the end of the file is reported instead of allocated.
   std::FILE* peek = std::fopen(path.c_str(), "rb");
   if (peek == nullptr) throw FileError(path, "cannot open");
-  const std::uint64_t fixed = (file.header.timeStampPresent != 0 ? 8 : 0) + 28;
+  const std::uint64_t fixed = kvr::devices::camera_layout::RecordHeadSize(file.header.timeStampPresent != 0);
   JsonWriter json;
   TextReport report;
   std::string damage;

@@ -2,6 +2,7 @@
 // with the tilt angles and type 7 links the library derives.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 
@@ -103,7 +104,7 @@ void RecordsJson(JsonWriter& json, const AncillaryDevicesData& d) {
   }
   json.endArray();
   json.key("type3Records").beginArray();
-  for (const DeviceRecord3 r : d.type3Records) json.beginObject().field("time", std::uint64_t{r.time}).numbers("w", r.w).endObject();
+  for (const DeviceRecord3 r : d.type3Records) json.beginObject().field("time", std::uint64_t{r.time}).numbers("w", std::array<std::uint32_t, 5>{r.w0, r.w1, r.w2, r.w3, r.w4}).endObject();
   json.endArray();
   json.key("type4Records").beginArray();
   for (const DeviceRecord4 r : d.type4Records) {
@@ -121,7 +122,7 @@ void RecordsJson(JsonWriter& json, const AncillaryDevicesData& d) {
   sixValues("type6Records", d.type6Records);
   json.key("type7Records").beginArray();
   for (const DeviceRecord7 r : d.type7Records) {
-    json.beginObject().field("time", std::uint64_t{r.time}).field("d", std::uint64_t{r.d}).numbers("e", r.e).endObject();
+    json.beginObject().field("time", std::uint64_t{r.time}).field("d", std::uint64_t{r.d}).numbers("e", std::array<std::uint32_t, 7>{r.e0, r.e1, r.e2, r.e3, r.e4, r.e5, r.e6}).endObject();
   }
   json.endArray();
   json.key("type8Records").beginArray();
@@ -190,7 +191,7 @@ void ReportText(TextReport& report, const std::string& path, const AncillaryDevi
                        static_cast<unsigned long long>(r.c), r.nearestType7));
   }
   report.heading("type 3: time, w0 .. w4");
-  for (const DeviceRecord3 r : d.type3Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.w));
+  for (const DeviceRecord3 r : d.type3Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(std::array<std::uint32_t, 5>{r.w0, r.w1, r.w2, r.w3, r.w4}));
   report.heading("type 4: time, values");
   for (const DeviceRecord4 r : d.type4Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.values));
   report.heading("type 5: time, values");
@@ -199,7 +200,7 @@ void ReportText(TextReport& report, const std::string& path, const AncillaryDevi
   for (const DeviceRecord6 r : d.type6Records) report.line("  " + std::to_string(std::uint64_t{r.time}) + words(r.values));
   report.heading("type 7: time, d, e0 .. e6");
   for (const DeviceRecord7 r : d.type7Records) {
-    report.line("  " + std::to_string(std::uint64_t{r.time}) + " " + std::to_string(std::uint64_t{r.d}) + words(r.e));
+    report.line("  " + std::to_string(std::uint64_t{r.time}) + " " + std::to_string(std::uint64_t{r.d}) + words(std::array<std::uint32_t, 7>{r.e0, r.e1, r.e2, r.e3, r.e4, r.e5, r.e6}));
   }
   report.heading("type 8: time, value");
   for (const DeviceRecord8 r : d.type8Records) {

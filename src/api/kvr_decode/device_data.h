@@ -71,7 +71,12 @@ struct DeviceRecord2 {
 
 struct DeviceRecord3 {
   std::uint64_t time = 0;
-  std::uint32_t w[5] = {};  // the file holds them in the order w0, w4, w1, w2, w3
+  // The file holds them in the order w0, w4, w1, w2, w3.
+  std::uint32_t w0 = 0;
+  std::uint32_t w1 = 0;
+  std::uint32_t w2 = 0;
+  std::uint32_t w3 = 0;
+  std::uint32_t w4 = 0;
 
   friend bool operator==(const DeviceRecord3&, const DeviceRecord3&) = default;
 };
@@ -95,7 +100,14 @@ using DeviceRecord6 = DeviceRecord5;
 struct DeviceRecord7 {
   std::uint64_t time = 0;
   std::uint64_t d = 0;
-  std::uint32_t e[7] = {};  // the file holds e0, then d, then e1 to e6
+  // The file holds e0, then d, then e1 to e6.
+  std::uint32_t e0 = 0;
+  std::uint32_t e1 = 0;
+  std::uint32_t e2 = 0;
+  std::uint32_t e3 = 0;
+  std::uint32_t e4 = 0;
+  std::uint32_t e5 = 0;
+  std::uint32_t e6 = 0;
 
   friend bool operator==(const DeviceRecord7&, const DeviceRecord7&) = default;
 };

@@ -1,9 +1,11 @@
 #include "kvr_writers/camera_file_writer.h"
 
+#include "devices/camera_layout.h"
+
 namespace kvr::writers {
 
 CameraFileBuilder::CameraFileBuilder(const CameraHeaderFields& header) : timeStamps_(header.timeStampFlag != 0) {
-  out_.fixed(header.signature, 8)
+  out_.fixed(header.signature, devices::camera_layout::kSignatureSize)
       .u32(header.timeStampFlag)
       .u32(header.statedTextLength.value_or(static_cast<std::uint32_t>(header.text.size())))
       .text(header.text)

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "devices/camera_layout.h"
 #include "kvr_writers/byte_writer.h"
 
 // Camera files ("#KVRCAMR"): a short header, then image records.
@@ -15,7 +16,7 @@ namespace kvr::writers {
 // The header of a camera file. A stated text length other than the text's own
 // makes a damaged file.
 struct CameraHeaderFields {
-  std::string signature = "#KVRCAMR";
+  std::string signature = devices::camera_layout::kSignature;
   std::uint32_t timeStampFlag = 1;
   std::string text{};
   std::optional<std::uint32_t> statedTextLength{};

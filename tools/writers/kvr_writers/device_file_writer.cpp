@@ -3,7 +3,7 @@
 namespace kvr::writers {
 
 DeviceFileBuilder::DeviceFileBuilder(std::int32_t version, std::string_view signature) {
-  out_.fixed(signature, 8).i32(version);
+  out_.fixed(signature, devices::device_layout::kSignatureSize).i32(version);
 }
 
 DeviceFileBuilder& DeviceFileBuilder::calibrationBlock(std::string_view text) {

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "devices/device_layout.h"
 #include "kvr_writers/byte_writer.h"
 
 // Device data files ("#KVRDEVC"): signature and version, from version 93 on two
@@ -54,7 +55,7 @@ struct DeviceReading8 {
 // version 93 file, or stating wrong sizes, makes damaged files.
 class DeviceFileBuilder {
  public:
-  explicit DeviceFileBuilder(std::int32_t version, std::string_view signature = "#KVRDEVC");
+  explicit DeviceFileBuilder(std::int32_t version, std::string_view signature = devices::device_layout::kSignature);
 
   // One calibration block: its byte count (the text's length unless stated), then the text.
   DeviceFileBuilder& calibrationBlock(std::string_view text);

@@ -5,12 +5,13 @@
 namespace kvr::writers {
 
 void PutBlockHeader(std::span<std::uint8_t> block, const BlockHeaderFields& f) {
-  const std::uint32_t packed = static_cast<std::uint32_t>((f.timeStamp >> 32) & 0xFF) |
-                               ((f.castBlockNumber & 0x7FF) << 8) | ((f.shotCount & 0x1FFF) << 19);
-  const std::uint32_t words[3] = {f.signature, static_cast<std::uint32_t>(f.timeStamp), packed};
-  for (int w = 0; w < 3; ++w) {
-    for (int b = 0; b < 4; ++b) block[4 * w + b] = static_cast<std::uint8_t>(words[w] >> (8 * b));
-  }
+  using namespace fifo::layout;
+  const std::uint32_t packed = static_cast<std::uint32_t>((f.timeStamp >> 32) & kTimeStampHighMask) |
+                               ((f.castBlockNumber << kCastBlockNumberShift) & kCastBlockNumberMask) |
+                               ((f.shotCount & kMaxShotCount) << kShotCountShift);
+  le::StoreU32(block.data() + kSignatureOffset, f.signature);
+  le::StoreU32(block.data() + kTimeStampLowOffset, static_cast<std::uint32_t>(f.timeStamp));
+  le::StoreU32(block.data() + kPackedWordOffset, packed);
 }
 
 void FifoBlockWriter::clear() {
@@ -20,12 +21,13 @@ void FifoBlockWriter::clear() {
 }
 
 void FifoBlockWriter::putClipped(std::uint64_t word, std::span<const std::uint32_t> returns) {
-  const auto putByte = [this](std::size_t at, std::uint8_t value) {
-    if (at < kFifoBlockSize) block_[at] = value;
-  };
-  for (std::size_t i = 0; i < 8; ++i) putByte(offset_ + i, static_cast<std::uint8_t>(word >> (8 * i)));
-  for (std::size_t k = 0; k < returns.size(); ++k) {
-    for (std::size_t i = 0; i < 4; ++i) putByte(offset_ + 8 + 4 * k + i, static_cast<std::uint8_t>(returns[k] >> (8 * i)));
+  // The record's bytes, then as many of them as the block still has room for.
+  le::ByteBuilder record;
+  record.u64(word);
+  for (const std::uint32_t value : returns) record.u32(value);
+  if (offset_ < kFifoBlockSize) {
+    const std::size_t room = std::min(record.size(), kFifoBlockSize - offset_);
+    std::copy_n(record.bytes().begin(), room, block_.begin() + static_cast<std::ptrdiff_t>(offset_));
   }
 }
 

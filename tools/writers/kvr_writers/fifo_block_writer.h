@@ -6,15 +6,18 @@
 #include <span>
 #include <vector>
 
+#include "fifo/block_layout.h"
+#include "platform/little_endian.h"
+
 // FIFO blocks of a raw scan file: 65536 bytes each, a 12-byte DmaBlockHeader,
 // then shot records packed back to back (a 64-bit shot word and one 32-bit word
 // per return).
 namespace kvr::writers {
 
-inline constexpr std::size_t kFifoBlockSize = 65536;
-inline constexpr std::size_t kBlockHeaderSize = 12;
-inline constexpr std::uint32_t kGoodBlockSignature = 0xAAAAAAAA;
-inline constexpr std::uint32_t kMaxShotsPerBlock = 8191;  // the 13-bit count of the header
+inline constexpr std::size_t kFifoBlockSize = fifo::layout::kBlockSize;
+inline constexpr std::size_t kBlockHeaderSize = fifo::layout::kDmaBlockHeaderSize;
+inline constexpr std::uint32_t kGoodBlockSignature = fifo::layout::kBlockSignature;
+inline constexpr std::uint32_t kMaxShotsPerBlock = fifo::layout::kMaxShotCount;  // the 13-bit count of the header
 
 // The bit fields of a shot word; each is cut to its width.
 struct ShotFields {
@@ -59,18 +62,18 @@ class FifoBlockWriter {
   void clear();
 
   // Whether a record with this many return words still fits wholly.
-  bool fits(std::size_t returnWords) const { return offset_ + 8 + 4 * returnWords <= kFifoBlockSize; }
+  bool fits(std::size_t returnWords) const { return offset_ + kShotWord + kReturnWord * returnWords <= kFifoBlockSize; }
 
   // Lays down a shot word and the given return words. Bytes that would lie past
   // the block are dropped, so a writer can run a record off the end on purpose.
   void addShot(std::uint64_t word, std::span<const std::uint32_t> returns) {
     if (fits(returns.size())) {
-      put(offset_, word, 8);
-      for (std::size_t k = 0; k < returns.size(); ++k) put(offset_ + 8 + 4 * k, returns[k], 4);
+      put(offset_, word, kShotWord);
+      for (std::size_t k = 0; k < returns.size(); ++k) put(offset_ + kShotWord + kReturnWord * k, returns[k], kReturnWord);
     } else {
       putClipped(word, returns);
     }
-    offset_ += 8 + 4 * returns.size();
+    offset_ += kShotWord + kReturnWord * returns.size();
     ++shotsAdded_;
   }
 
@@ -83,9 +86,9 @@ class FifoBlockWriter {
   std::span<const std::uint8_t> bytes() const { return block_; }
 
  private:
-  void put(std::size_t at, std::uint64_t value, std::size_t width) {
-    for (std::size_t i = 0; i < width; ++i) block_[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
-  }
+  static constexpr std::size_t kShotWord = fifo::layout::kShotWordSize;
+  static constexpr std::size_t kReturnWord = fifo::layout::kReturnWordSize;
+  void put(std::size_t at, std::uint64_t value, std::size_t width) { le::StoreLow(block_.data() + at, value, width); }
   void putClipped(std::uint64_t word, std::span<const std::uint32_t> returns);
 
   std::vector<std::uint8_t> block_;

@@ -1,15 +1,19 @@
 #include "kvr_writers/map_file_writer.h"
 
+#include "header/header_layout.h"
 #include "kvr_writers/byte_writer.h"
+#include "scanmap/map_layout.h"
 
 namespace kvr::writers {
 
 namespace {
 
 void WriteHeaderSection(ByteWriter& out, const MapFileHeaderSection& h) {
-  out.fixed(h.signature, 8).u32(h.headerLayout).u32(h.dataOffset);
+  using namespace header::layout;
+  out.fixed(h.signature, kSignature.size).u32(h.headerLayout).u32(h.dataOffset);
   for (std::uint32_t w : h.headerWords) out.u32(w);
-  out.fixed(h.idText1, 40).u32(h.idValue).fixed(h.idText2, 40).fixed(h.idText3, 40).fixed(h.idText4, 40);
+  out.fixed(h.idText1, kIdTextSize).u32(h.idValue);
+  out.fixed(h.idText2, kIdTextSize).fixed(h.idText3, kIdTextSize).fixed(h.idText4, kIdTextSize);
   out.u32(h.scanWord0);
   for (float f : h.scanFloats) out.f32(f);
   out.u32(h.prf);
@@ -25,7 +29,7 @@ std::vector<std::uint8_t> BuildMapFile(const MapFileContents& c) {
   ByteWriter out;
   out.i32(c.currentLineFlag).i32(c.maxShotsPerLine).i32(c.numberOfScanLines).i32(c.shotsInCurrentLine);
   out.u32(c.spareA).u16(c.maxReturnsPerShot).u32(c.dataStartOffset);
-  out.fixed(c.signature, 8).i32(c.blockCount).i32(c.maxShotsPerBlock);
+  out.fixed(c.signature, scanmap::map_layout::kSignatureSize).i32(c.blockCount).i32(c.maxShotsPerBlock);
   out.i32(c.nameLengthField.value_or(static_cast<std::int32_t>(c.scanFileName.size() + 1)));
   out.text(c.scanFileName).u8(0);
 
@@ -42,7 +46,7 @@ std::vector<std::uint8_t> BuildMapFile(const MapFileContents& c) {
   for (double a : c.a) out.f64(a);
   out.f64(c.intensityAt95).i32(c.numberOfBins).f64(c.gamma).u32(c.validSampleCount);
   for (double v : c.binValues) out.f64(v);
-  if (c.signature == "#KVRMAPF") {
+  if (c.signature == scanmap::map_layout::kSignature) {
     out.u32(c.mapVersion);
     if (c.mapVersion == 1 || c.mapVersion == 2) {
       for (std::uint64_t n : c.returnCounts) out.u64(n);

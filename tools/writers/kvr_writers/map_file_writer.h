@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "scanmap/map_layout.h"
+
 // Scan file map files: a flat run of little-endian fields, "#KVRMAPF" at offset
 // 26, the scan file's header carried whole.
 namespace kvr::writers {
@@ -52,7 +54,7 @@ struct MapFileContents {
   std::uint32_t spareA = 0;
   std::uint16_t maxReturnsPerShot = 0;
   std::uint32_t dataStartOffset = 0;
-  std::string signature = "#KVRMAPF";  // 8 bytes, zero-padded
+  std::string signature = scanmap::map_layout::kSignature;  // 8 bytes, zero-padded
   std::int32_t blockCount = 0;
   std::int32_t maxShotsPerBlock = 0;
   std::string scanFileName;                      // written with its terminator

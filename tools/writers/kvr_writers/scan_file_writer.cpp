@@ -2,6 +2,7 @@
 
 #include <charconv>
 
+#include "header/header_layout.h"
 #include "kvr_writers/byte_writer.h"
 
 namespace kvr::writers {
@@ -21,10 +22,12 @@ std::string ShortestDecimal(double value) {
 }
 
 std::vector<std::uint8_t> BuildHeaderBlock(const HeaderBlockFields& f) {
+  using namespace header::layout;
   ByteWriter out;
-  out.fixed(f.signature, 8).u32(f.headerLayout).u32(f.dataOffset);
+  out.fixed(f.signature, kSignature.size).u32(f.headerLayout).u32(f.dataOffset);
   for (std::uint32_t word : f.headerWords) out.u32(word);
-  out.fixed(f.idText1, 40).u32(f.idValue).fixed(f.idText2, 40).fixed(f.idText3, 40).fixed(f.idText4, 40);
+  out.fixed(f.idText1, kIdTextSize).u32(f.idValue);
+  out.fixed(f.idText2, kIdTextSize).fixed(f.idText3, kIdTextSize).fixed(f.idText4, kIdTextSize);
   out.u32(f.scanWord0)
       .f32(f.scanStartAngle)
       .f32(f.scanEndAngle)
@@ -37,7 +40,7 @@ std::vector<std::uint8_t> BuildHeaderBlock(const HeaderBlockFields& f) {
   WriteText(out, f.calibrationText, f.calibrationTextLength);
   WriteText(out, f.parameterText, f.parameterTextLength);
   WriteText(out, f.thirdText, f.thirdTextLength);
-  if (f.headerLayout == 0) WriteText(out, f.fourthText, f.fourthTextLength);
+  if (f.headerLayout == kLayoutWithFourthText) WriteText(out, f.fourthText, f.fourthTextLength);
   return out.take();
 }
 

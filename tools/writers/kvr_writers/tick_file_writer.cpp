@@ -69,11 +69,11 @@ std::string UtcLine(UtcTime time, std::string_view status) {
 }
 
 TickFileBuilder::TickFileBuilder(std::uint32_t version, std::string_view signature, std::uint32_t headerWord) {
-  out_.fixed(signature, 8).u32(version).u32(headerWord);
+  out_.fixed(signature, nmea::layout::kSignatureSize).u32(version).u32(headerWord);
 }
 
 TickFileBuilder& TickFileBuilder::pulse(std::uint64_t ticks) {
-  out_.u64(ticks).u32(1);
+  out_.u64(ticks).u32(nmea::layout::kPulseRecordType);
   return *this;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kvr_writers/byte_writer.h"
+#include "nmea/tick_layout.h"
 
 // Builders for tick files ("Serial.dat") and the receiver lines they carry.
 namespace kvr::writers {
@@ -38,7 +39,7 @@ using SentenceMaker = std::function<std::string(UtcTime)>;
 
 class TickFileBuilder {
  public:
-  explicit TickFileBuilder(std::uint32_t version = 1, std::string_view signature = "#KVRSERL",
+  explicit TickFileBuilder(std::uint32_t version = 1, std::string_view signature = nmea::layout::kSignature,
                            std::uint32_t headerWord = 0);
 
   TickFileBuilder& pulse(std::uint64_t ticks);
