@@ -31,7 +31,7 @@ constexpr std::size_t kExtraBytes = 4 + 4 + 4 + 4 + 8 + 8;
 constexpr std::size_t kBaseRecord6 = 30, kBaseRecord7 = 36;
 
 constexpr double kScale = 0.0001;  // metres a stored coordinate step is worth
-constexpr double kSteps = 10000.0;  // its inverse, exact: a product instead of a division a coordinate
+constexpr double kSteps = 10000.0;  // its inverse, exact: coordinates are multiplied, not divided
 constexpr double kScanAngleUnitDegrees = 0.006;
 constexpr std::uint16_t kWktBit = 1u << 4;  // bit 0 (GPS time type) stays clear: time of week
 
