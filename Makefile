@@ -5,11 +5,16 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_FLAGS ?=
 
-.PHONY: all build demo test test-asan bench fuzz fuzz-seeds clean
+.PHONY: all setup build demo test test-asan bench fuzz fuzz-seeds clean
 
 all: build
 
-$(BUILD_DIR)/CMakeCache.txt:
+# Installs the Debian packages the build needs when some are missing (the list
+# is in the script); every target that configures runs it first.
+setup:
+	@tools/setup/ensure_packages.sh
+
+$(BUILD_DIR)/CMakeCache.txt: | setup
 	cmake -S . -B $(BUILD_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
 
 build: $(BUILD_DIR)/CMakeCache.txt
@@ -26,7 +31,7 @@ test: build
 	sh $(LAS_READER)/install.sh $(LAS_READER) $(BUILD_DIR)/tests/las_reader
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
-$(ASAN_DIR)/CMakeCache.txt:
+$(ASAN_DIR)/CMakeCache.txt: | setup
 	cmake -S . -B $(ASAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DKVR_SANITIZE=ON -DKVR_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer; any report fails it.
@@ -42,7 +47,7 @@ bench: build
 FUZZ_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 10
 # Builds the libFuzzer targets with clang and runs each for FUZZ_SECONDS.
-fuzz:
+fuzz: setup
 	cmake -S . -B $(FUZZ_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
 	  -DKVR_BUILD_FUZZ=ON -DKVR_BUILD_TESTS=OFF -DKVR_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzz_targets

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -10,10 +12,11 @@
 #include "kvr_writers/synthetic_blocks.h"
 #include "kvr_writers/scan_file_writer.h"
 #include "support/temp_dir_test_base.h"
-#include "tools/json_value.h"
 #include "tools/kvrscan_runner.h"
 
 namespace kvr::test {
+
+using Json = nlohmann::json;
 
 // Each test runs the built tool in its own temporary directory.
 class KvrscanTest : public InTempDir {
@@ -21,11 +24,11 @@ class KvrscanTest : public InTempDir {
   static ToolRun Run(const std::vector<std::string>& args) { return RunKvrscan(args); }
 
   // Runs with --json added and parses standard output.
-  static JsonValue RunJson(std::vector<std::string> args, int expectedStatus = 0) {
+  static Json RunJson(std::vector<std::string> args, int expectedStatus = 0) {
     args.push_back("--json");
     const ToolRun run = RunKvrscan(args);
     EXPECT_EQ(run.status, expectedStatus) << run.err;
-    return JsonValue::Parse(run.out);
+    return Json::parse(run.out);
   }
 
   // A failure: the given status, nothing but one line on standard error, which

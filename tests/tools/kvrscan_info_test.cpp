@@ -30,68 +30,68 @@ TEST_F(KvrscanTest, InfoJsonCarriesTheHeaderAndWhatTheLibraryBuildsFromIt) {
   fields.idText1 = "ROOM";
   fields.parameterText = "[PRF = 200]\n1 a b 0.5 0.25\n";
   WriteFile(path("scan.raw"), BuildScanFile(fields, ThreeShotBlock()));
-  const JsonValue info = RunJson({"info", "scan.raw"});
+  const Json info = RunJson({"info", "scan.raw"});
 
-  EXPECT_EQ(info["filename"].string(), "scan.raw");
-  EXPECT_EQ(info["scanner"].string(), "90-degree");
-  EXPECT_EQ(info["num_blocks"].integer(), 1);
-  EXPECT_EQ(info["file_size"].integer(), 1024 + 65536);
-  EXPECT_FALSE(info.has("num_points"));  // header only without --stats
-  const JsonValue& header = info["metadata"]["header"];
-  EXPECT_EQ(header["signature"].string(), "#KVRSCAN");
-  EXPECT_EQ(header["dataOffset"].integer(), 1024);
-  EXPECT_EQ(header["prf"].integer(), 200);
-  EXPECT_EQ(header["idText1"].string(), "ROOM");
-  EXPECT_EQ(header["scanStartAngle"].number(), 30.0);
-  EXPECT_EQ(header["lineRate"].number(), 100.0);
-  EXPECT_EQ(header["calibrationTextLength"].integer(), 18);
-  const JsonValue& metadata = info["metadata"];
-  EXPECT_EQ(metadata["texts"]["calibrationText"].string(), "rangeOffset = 0.5\n");
-  EXPECT_TRUE(metadata["texts"]["fourthText"].isNull());
-  EXPECT_EQ(metadata["calibrationValues"]["rangeOffset"].number(), 0.5);
-  EXPECT_EQ(metadata["calibrationValues"]["scanAngleLag"].number(), -5e-06);
-  ASSERT_EQ(metadata["prfTables"]["200"].size(), 1u);
-  EXPECT_EQ(metadata["prfTables"]["200"][0][0].number(), 0.5);
-  EXPECT_EQ(metadata["prfTables"]["200"][0][1].number(), 0.25);
-  EXPECT_TRUE(metadata["sideTable"].isNull());
-  const JsonValue& calibration = metadata["calibrationParameters"];
-  EXPECT_EQ(calibration["rangeOffset"].number(), 0.5);
-  EXPECT_EQ(calibration["a1"].number(), 1.0);
-  EXPECT_EQ(calibration["opticalModelVersion"].integer(), 1);
-  EXPECT_EQ(calibration["rangeTable"].size(), 4096u);
+  EXPECT_EQ(info.at("filename").get<std::string>(), "scan.raw");
+  EXPECT_EQ(info.at("scanner").get<std::string>(), "90-degree");
+  EXPECT_EQ(info.at("num_blocks").get<std::int64_t>(), 1);
+  EXPECT_EQ(info.at("file_size").get<std::int64_t>(), 1024 + 65536);
+  EXPECT_FALSE(info.contains("num_points"));  // header only without --stats
+  const Json& header = info.at("metadata").at("header");
+  EXPECT_EQ(header.at("signature").get<std::string>(), "#KVRSCAN");
+  EXPECT_EQ(header.at("dataOffset").get<std::int64_t>(), 1024);
+  EXPECT_EQ(header.at("prf").get<std::int64_t>(), 200);
+  EXPECT_EQ(header.at("idText1").get<std::string>(), "ROOM");
+  EXPECT_EQ(header.at("scanStartAngle").get<double>(), 30.0);
+  EXPECT_EQ(header.at("lineRate").get<double>(), 100.0);
+  EXPECT_EQ(header.at("calibrationTextLength").get<std::int64_t>(), 18);
+  const Json& metadata = info.at("metadata");
+  EXPECT_EQ(metadata.at("texts").at("calibrationText").get<std::string>(), "rangeOffset = 0.5\n");
+  EXPECT_TRUE(metadata.at("texts").at("fourthText").is_null());
+  EXPECT_EQ(metadata.at("calibrationValues").at("rangeOffset").get<double>(), 0.5);
+  EXPECT_EQ(metadata.at("calibrationValues").at("scanAngleLag").get<double>(), -5e-06);
+  ASSERT_EQ(metadata.at("prfTables").at("200").size(), 1u);
+  EXPECT_EQ(metadata.at("prfTables").at("200").at(0).at(0).get<double>(), 0.5);
+  EXPECT_EQ(metadata.at("prfTables").at("200").at(0).at(1).get<double>(), 0.25);
+  EXPECT_TRUE(metadata.at("sideTable").is_null());
+  const Json& calibration = metadata.at("calibrationParameters");
+  EXPECT_EQ(calibration.at("rangeOffset").get<double>(), 0.5);
+  EXPECT_EQ(calibration.at("a1").get<double>(), 1.0);
+  EXPECT_EQ(calibration.at("opticalModelVersion").get<std::int64_t>(), 1);
+  EXPECT_EQ(calibration.at("rangeTable").size(), 4096u);
 }
 
 TEST_F(KvrscanTest, InfoReportsTheSideTableGrid) {
   WriteFile(path("scan.raw"), BuildScanFile(RoomHeader(), ThreeShotBlock()));
   WriteFile(path("scan.raw.tbl"), BuildSideTable({10, 12}, {{5.0, 1.0, 3.0}}, false));
-  const JsonValue grid = RunJson({"info", "scan.raw"})["metadata"]["sideTable"];
-  EXPECT_EQ(grid["keyCount"].integer(), 3);
-  EXPECT_EQ(grid["rowCount"].integer(), 1);
-  EXPECT_EQ(grid["keyOrigin"].number(), 10.0);
-  EXPECT_EQ(grid["keyEnd"].number(), 13.0);
-  EXPECT_EQ(grid["rowOrigin"].number(), 5.0);
+  const Json grid = RunJson({"info", "scan.raw"}).at("metadata").at("sideTable");
+  EXPECT_EQ(grid.at("keyCount").get<std::int64_t>(), 3);
+  EXPECT_EQ(grid.at("rowCount").get<std::int64_t>(), 1);
+  EXPECT_EQ(grid.at("keyOrigin").get<double>(), 10.0);
+  EXPECT_EQ(grid.at("keyEnd").get<double>(), 13.0);
+  EXPECT_EQ(grid.at("rowOrigin").get<double>(), 5.0);
 }
 
 TEST_F(KvrscanTest, InfoStatsCountShotsReturnsAndBounds) {
   WriteFile(path("scan.raw"), BuildScanFile(RoomHeader(), ThreeShotBlock()));
-  const JsonValue info = RunJson({"info", "scan.raw", "--stats"});
-  EXPECT_EQ(info["num_points"].integer(), 2);
-  const JsonValue& stats = info["stats"];
-  EXPECT_EQ(stats["num_shots"].integer(), 3);
-  EXPECT_EQ(stats["num_returns"].integer(), 3);
-  EXPECT_EQ(stats["invalid_returns"].integer(), 1);
-  EXPECT_EQ(stats["flagged_shots"].integer(), 1);
-  EXPECT_EQ(stats["shots_by_return_count"][0].integer(), 1);
-  EXPECT_EQ(stats["shots_by_return_count"][2].integer(), 1);
-  EXPECT_EQ(stats["intensity"]["max"].integer(), 1000);
-  EXPECT_EQ(stats["time_stamps"]["first"].integer(), 1000000);
-  EXPECT_NEAR(stats["shot_times"]["first"].number(), 0.02, 1e-12);
-  const JsonValue& bounds = info["bounds"];
-  EXPECT_NEAR(bounds["minx"].number(), 0.0, 1e-6);
-  EXPECT_NEAR(bounds["maxx"].number(), kR, 1e-6);
-  EXPECT_NEAR(bounds["maxy"].number(), kR * 0.9238795325112867, 1e-6);
-  EXPECT_NEAR(bounds["maxz"].number(), kR * 0.3826834323650898, 1e-6);
-  EXPECT_NEAR(bounds["minz"].number(), 0.0, 1e-6);
+  const Json info = RunJson({"info", "scan.raw", "--stats"});
+  EXPECT_EQ(info.at("num_points").get<std::int64_t>(), 2);
+  const Json& stats = info.at("stats");
+  EXPECT_EQ(stats.at("num_shots").get<std::int64_t>(), 3);
+  EXPECT_EQ(stats.at("num_returns").get<std::int64_t>(), 3);
+  EXPECT_EQ(stats.at("invalid_returns").get<std::int64_t>(), 1);
+  EXPECT_EQ(stats.at("flagged_shots").get<std::int64_t>(), 1);
+  EXPECT_EQ(stats.at("shots_by_return_count").at(0).get<std::int64_t>(), 1);
+  EXPECT_EQ(stats.at("shots_by_return_count").at(2).get<std::int64_t>(), 1);
+  EXPECT_EQ(stats.at("intensity").at("max").get<std::int64_t>(), 1000);
+  EXPECT_EQ(stats.at("time_stamps").at("first").get<std::int64_t>(), 1000000);
+  EXPECT_NEAR(stats.at("shot_times").at("first").get<double>(), 0.02, 1e-12);
+  const Json& bounds = info.at("bounds");
+  EXPECT_NEAR(bounds.at("minx").get<double>(), 0.0, 1e-6);
+  EXPECT_NEAR(bounds.at("maxx").get<double>(), kR, 1e-6);
+  EXPECT_NEAR(bounds.at("maxy").get<double>(), kR * 0.9238795325112867, 1e-6);
+  EXPECT_NEAR(bounds.at("maxz").get<double>(), kR * 0.3826834323650898, 1e-6);
+  EXPECT_NEAR(bounds.at("minz").get<double>(), 0.0, 1e-6);
 }
 
 TEST_F(KvrscanTest, InfoReportIsReadable) {
@@ -181,20 +181,20 @@ TEST_F(KvrscanTest, BlocksListsEveryBlockAndMarksDamage) {
   blocks.push_back(FifoBlockBuilder().timeStamp(50000000).castBlockNumber(9).shotCount(0).build());
   WriteFile(path("scan.raw"), FifoFile(blocks, 100, BuildScanFile(RoomHeader())));
 
-  const JsonValue dump = RunJson({"blocks", "scan.raw"}, 1);
-  ASSERT_EQ(dump["blocks"].size(), 3u);
-  const JsonValue& first = dump["blocks"][0];
-  EXPECT_EQ(first["offset"].integer(), 1024);
-  EXPECT_EQ(first["CycleSyncTimeStamp"].integer(), 1000000);
-  EXPECT_EQ(first["castBlockNumber"].integer(), 7);
-  EXPECT_EQ(first["shotCount"].integer(), 3);
-  EXPECT_TRUE(first["signatureOk"].boolean());
-  const JsonValue& bad = dump["blocks"][1];
-  EXPECT_EQ(bad["signature"].integer(), 1431655765);
-  EXPECT_FALSE(bad["signatureOk"].boolean());
-  EXPECT_EQ(dump["blocks"][2]["time"].number(), 1.0);
-  EXPECT_EQ(dump["bad_blocks"].integer(), 1);
-  EXPECT_EQ(dump["trailing_bytes"].integer(), 100);
+  const Json dump = RunJson({"blocks", "scan.raw"}, 1);
+  ASSERT_EQ(dump.at("blocks").size(), 3u);
+  const Json& first = dump.at("blocks").at(0);
+  EXPECT_EQ(first.at("offset").get<std::int64_t>(), 1024);
+  EXPECT_EQ(first.at("CycleSyncTimeStamp").get<std::int64_t>(), 1000000);
+  EXPECT_EQ(first.at("castBlockNumber").get<std::int64_t>(), 7);
+  EXPECT_EQ(first.at("shotCount").get<std::int64_t>(), 3);
+  EXPECT_TRUE(first.at("signatureOk").get<bool>());
+  const Json& bad = dump.at("blocks").at(1);
+  EXPECT_EQ(bad.at("signature").get<std::int64_t>(), 1431655765);
+  EXPECT_FALSE(bad.at("signatureOk").get<bool>());
+  EXPECT_EQ(dump.at("blocks").at(2).at("time").get<double>(), 1.0);
+  EXPECT_EQ(dump.at("bad_blocks").get<std::int64_t>(), 1);
+  EXPECT_EQ(dump.at("trailing_bytes").get<std::int64_t>(), 100);
 
   const ToolRun run = Run({"blocks", "scan.raw"});
   EXPECT_NE(run.out.find("      1        66560               5      0.000000  1431655765     3     9  bad signature\n"),
@@ -208,10 +208,10 @@ TEST_F(KvrscanTest, BlocksFromAndCount) {
   std::vector<std::vector<std::uint8_t>> blocks;
   for (std::uint32_t n = 0; n < 4; ++n) blocks.push_back(FifoBlockBuilder().castBlockNumber(n).shotCount(0).build());
   WriteFile(path("scan.raw"), FifoFile(blocks, 0, BuildScanFile(RoomHeader())));
-  const JsonValue dump = RunJson({"blocks", "scan.raw", "--first", "1", "--count", "2"});
-  ASSERT_EQ(dump["blocks"].size(), 2u);
-  EXPECT_EQ(dump["blocks"][0]["index"].integer(), 1);
-  EXPECT_EQ(dump["blocks"][1]["castBlockNumber"].integer(), 2);
+  const Json dump = RunJson({"blocks", "scan.raw", "--first", "1", "--count", "2"});
+  ASSERT_EQ(dump.at("blocks").size(), 2u);
+  EXPECT_EQ(dump.at("blocks").at(0).at("index").get<std::int64_t>(), 1);
+  EXPECT_EQ(dump.at("blocks").at(1).at("castBlockNumber").get<std::int64_t>(), 2);
 }
 
 }  // namespace

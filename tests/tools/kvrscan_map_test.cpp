@@ -42,26 +42,26 @@ void WriteLinesScan(const std::filesystem::path& path, int blocks = 1) {
 
 TEST_F(KvrscanTest, MapReportsTheLibrarysLines) {
   WriteLinesScan(path("scan.raw"));
-  const JsonValue map = RunJson({"map", "scan.raw"});
-  EXPECT_EQ(map["source"].string(), "built");
-  EXPECT_EQ(map["num_lines"].integer(), 3);
-  const JsonValue& metadata = map["metadata"];
-  EXPECT_EQ(metadata["mapVersion"].integer(), 2);
-  EXPECT_EQ(metadata["maxShotsPerLine"].integer(), 3);
-  EXPECT_EQ(metadata["maxReturnsPerShot"].integer(), 1);
-  EXPECT_EQ(metadata["dataStartOffset"].integer(), 1024);
-  EXPECT_EQ(metadata["returnCounts"][0].integer(), 10);
-  EXPECT_EQ(metadata["validSampleCount"].integer(), 10);
-  const JsonValue& lines = map["scanLines"];
+  const Json map = RunJson({"map", "scan.raw"});
+  EXPECT_EQ(map.at("source").get<std::string>(), "built");
+  EXPECT_EQ(map.at("num_lines").get<std::int64_t>(), 3);
+  const Json& metadata = map.at("metadata");
+  EXPECT_EQ(metadata.at("mapVersion").get<std::int64_t>(), 2);
+  EXPECT_EQ(metadata.at("maxShotsPerLine").get<std::int64_t>(), 3);
+  EXPECT_EQ(metadata.at("maxReturnsPerShot").get<std::int64_t>(), 1);
+  EXPECT_EQ(metadata.at("dataStartOffset").get<std::int64_t>(), 1024);
+  EXPECT_EQ(metadata.at("returnCounts").at(0).get<std::int64_t>(), 10);
+  EXPECT_EQ(metadata.at("validSampleCount").get<std::int64_t>(), 10);
+  const Json& lines = map.at("scanLines");
   ASSERT_EQ(lines.size(), 4u);  // -1, 0, 1, 2
   const struct {
     int index, shot, flag, shots;
   } expected[] = {{-1, 0, -1, 2}, {0, 2, 1, 3}, {1, 5, 0, 3}, {2, 8, 1, 0}};
   for (std::size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(lines[i]["index"].integer(), expected[i].index);
-    EXPECT_EQ(lines[i]["shotIndexInBlock"].integer(), expected[i].shot);
-    EXPECT_EQ(lines[i]["lineFlag"].integer(), expected[i].flag);
-    EXPECT_EQ(lines[i]["shotCount"].integer(), expected[i].shots);
+    EXPECT_EQ(lines[i].at("index").get<std::int64_t>(), expected[i].index);
+    EXPECT_EQ(lines[i].at("shotIndexInBlock").get<std::int64_t>(), expected[i].shot);
+    EXPECT_EQ(lines[i].at("lineFlag").get<std::int64_t>(), expected[i].flag);
+    EXPECT_EQ(lines[i].at("shotCount").get<std::int64_t>(), expected[i].shots);
   }
 }
 
@@ -71,12 +71,12 @@ TEST_F(KvrscanTest, MapSavedAndLoadedAgain) {
   EXPECT_EQ(save.status, 0) << save.err;
   EXPECT_TRUE(save.out.starts_with("scan.raw: scan file map built in ")) << save.out;
   EXPECT_NE(save.out.find(", saved to scan.map\n"), std::string::npos);
-  const JsonValue loaded = RunJson({"map", "scan.raw", "--load", "scan.map"});
-  EXPECT_EQ(loaded["source"].string(), "loaded");
-  EXPECT_EQ(loaded["num_lines"].integer(), 3);
-  EXPECT_EQ(loaded["metadata"]["mapSignature"].string(), "#KVRMAPF");
-  EXPECT_EQ(loaded["scanLines"][2]["shotIndexInBlock"].integer(), 5);
-  EXPECT_EQ(loaded["scanLines"][2]["statusWordOffset"].integer(), -1);  // not kept in the file
+  const Json loaded = RunJson({"map", "scan.raw", "--load", "scan.map"});
+  EXPECT_EQ(loaded.at("source").get<std::string>(), "loaded");
+  EXPECT_EQ(loaded.at("num_lines").get<std::int64_t>(), 3);
+  EXPECT_EQ(loaded.at("metadata").at("mapSignature").get<std::string>(), "#KVRMAPF");
+  EXPECT_EQ(loaded.at("scanLines").at(2).at("shotIndexInBlock").get<std::int64_t>(), 5);
+  EXPECT_EQ(loaded.at("scanLines").at(2).at("statusWordOffset").get<std::int64_t>(), -1);  // not kept in the file
 }
 
 TEST_F(KvrscanTest, MapFailures) {
@@ -107,21 +107,21 @@ TEST_F(KvrscanTest, MapFailures) {
 
 TEST_F(KvrscanTest, LineListsTheLibrarysShotsOfOneLine) {
   WriteLinesScan(path("scan.raw"));
-  const JsonValue line = RunJson({"line", "scan.raw", "1"});
-  EXPECT_EQ(line["line"].integer(), 1);
-  EXPECT_EQ(line["shotIndexInBlock"].integer(), 5);
-  EXPECT_EQ(line["shotCount"].integer(), 3);
-  ASSERT_EQ(line["num_shots"].integer(), 4);  // its three and the first of line 2
-  const JsonValue& shots = line["shots"];
-  EXPECT_FALSE(shots[2]["first_of_next_line"].boolean());
-  EXPECT_TRUE(shots[3]["first_of_next_line"].boolean());
+  const Json line = RunJson({"line", "scan.raw", "1"});
+  EXPECT_EQ(line.at("line").get<std::int64_t>(), 1);
+  EXPECT_EQ(line.at("shotIndexInBlock").get<std::int64_t>(), 5);
+  EXPECT_EQ(line.at("shotCount").get<std::int64_t>(), 3);
+  ASSERT_EQ(line.at("num_shots").get<std::int64_t>(), 4);  // its three and the first of line 2
+  const Json& shots = line.at("shots");
+  EXPECT_FALSE(shots[2].at("first_of_next_line").get<bool>());
+  EXPECT_TRUE(shots[3].at("first_of_next_line").get<bool>());
   // Shot 5 of the block: 5 periods of 250 ticks after the block's stamp.
-  EXPECT_EQ(shots[0]["timeInCounts"].integer(), 1025001250);
-  EXPECT_NEAR(shots[0]["time"].number(), 20.500025, 1e-9);
-  EXPECT_NEAR(shots[0]["pan"].number(), 20 * 0.0005625 * 0.017453292519943295, 1e-15);
-  EXPECT_NEAR(shots[0]["scan"].number(), (1200 * 0.00034332275390625 - 45.0) * 0.017453292519943295, 1e-15);
-  EXPECT_NEAR(shots[0]["returns"][0]["range"].number(), 1.951202893137634, 1e-12);
-  EXPECT_EQ(shots[0]["returns"][0]["intensity"].integer(), 300);
+  EXPECT_EQ(shots[0].at("timeInCounts").get<std::int64_t>(), 1025001250);
+  EXPECT_NEAR(shots[0].at("time").get<double>(), 20.500025, 1e-9);
+  EXPECT_NEAR(shots[0].at("pan").get<double>(), 20 * 0.0005625 * 0.017453292519943295, 1e-15);
+  EXPECT_NEAR(shots[0].at("scan").get<double>(), (1200 * 0.00034332275390625 - 45.0) * 0.017453292519943295, 1e-15);
+  EXPECT_NEAR(shots[0].at("returns").at(0).at("range").get<double>(), 1.951202893137634, 1e-12);
+  EXPECT_EQ(shots[0].at("returns").at(0).at("intensity").get<std::int64_t>(), 300);
 
   const ToolRun run = Run({"line", "scan.raw", "1"});
   EXPECT_EQ(run.status, 0) << run.err;
@@ -142,9 +142,9 @@ void WriteTicks(const std::filesystem::path& path) {
 TEST_F(KvrscanTest, LineTimesOfWeekFromATickFile) {
   WriteLinesScan(path("scan.raw"));
   WriteTicks(path("Serial.dat"));
-  const JsonValue line = RunJson({"line", "scan.raw", "0", "--ticks", "Serial.dat"});
-  EXPECT_TRUE(line["time_is_time_of_week"].boolean());
-  EXPECT_NEAR(line["shots"][0]["time"].number(), 225007.5 + 2 * 5e-6, 1e-9);
+  const Json line = RunJson({"line", "scan.raw", "0", "--ticks", "Serial.dat"});
+  EXPECT_TRUE(line.at("time_is_time_of_week").get<bool>());
+  EXPECT_NEAR(line.at("shots").at(0).at("time").get<double>(), 225007.5 + 2 * 5e-6, 1e-9);
 }
 
 struct PlyFile {
@@ -175,9 +175,9 @@ T At(const PlyFile& ply, std::size_t vertex, std::size_t offset) {
 TEST_F(KvrscanTest, ExportWritesEveryReturnAsAPlyVertex) {
   WriteLinesScan(path("scan.raw"));
   WriteTicks(path("Serial.dat"));
-  const JsonValue summary = RunJson({"export", "scan.raw", "-o", "points.ply", "--ticks", "Serial.dat"});
-  EXPECT_EQ(summary["num_points"].integer(), 10);
-  EXPECT_EQ(summary["range_offset"].number(), 0.5);
+  const Json summary = RunJson({"export", "scan.raw", "-o", "points.ply", "--ticks", "Serial.dat"});
+  EXPECT_EQ(summary.at("num_points").get<std::int64_t>(), 10);
+  EXPECT_EQ(summary.at("range_offset").get<double>(), 0.5);
   const PlyFile ply = ReadPly(path("points.ply"));
   ASSERT_EQ(ply.vertices, 10u);
   ASSERT_EQ(ply.body.size(), 10u * 31);
@@ -297,13 +297,13 @@ TEST_F(KvrscanTest, ExportFailures) {
 
 TEST_F(KvrscanTest, RenderDrawsOneColumnPerLineAndOneRowPerScanStep) {
   WriteLinesScan(path("scan.raw"));
-  const JsonValue summary = RunJson({"render", "scan.raw", "-o", "pano.png"});
+  const Json summary = RunJson({"render", "scan.raw", "-o", "pano.png"});
   // Scan counts 1000 .. 1200 in steps of 100 (coarser than the lines' pan step of
   // 10 counts): three rows, 1200 on top.
-  EXPECT_EQ(summary["width"].integer(), 3);
-  EXPECT_EQ(summary["height"].integer(), 3);
-  EXPECT_EQ(summary["shots_drawn"].integer(), 8);
-  EXPECT_EQ(summary["pixels_filled"].integer(), 8);
+  EXPECT_EQ(summary.at("width").get<std::int64_t>(), 3);
+  EXPECT_EQ(summary.at("height").get<std::int64_t>(), 3);
+  EXPECT_EQ(summary.at("shots_drawn").get<std::int64_t>(), 8);
+  EXPECT_EQ(summary.at("pixels_filled").get<std::int64_t>(), 8);
 
   png_image image;
   std::memset(&image, 0, sizeof image);

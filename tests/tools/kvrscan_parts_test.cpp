@@ -1,17 +1,19 @@
-// The tool's parts that carry its rules: JSON, point geometry and option parsing.
+// The tool's parts that carry its rules: JSON, point geometry and command-line parsing.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <optional>
 
+#include <nlohmann/json.hpp>
 
 #include "errors.h"
 #include "json_writer.h"
 #include "kvr_decode/conversions.h"
 #include "kvr_decode/optical_model.h"
-#include "options.h"
+#include "kvr_cli/arguments.h"
 #include "point_model.h"
 #include "scan_source.h"
 #include "support/temp_dir.h"
@@ -60,6 +62,8 @@ TEST(KvrscanJson, AnyByteStringBecomesValidJson) {
   std::string out;
   AppendJsonString(out, std::string("q\"b\\s\n\x01\t", 8) + "\xC3\xA9" + "\xFF" + "\xC3");
   EXPECT_EQ(out, "\"q\\\"b\\\\s\\n\\u0001\\t\xC3\xA9\\u00ff\\u00c3\"");
+  // A strict parser takes it, and reads the stray bytes back as the code points they were escaped as.
+  EXPECT_EQ(nlohmann::json::parse(out).get<std::string>(), "q\"b\\s\n\x01\t\xC3\xA9\xC3\xBF\xC3\x83");
 }
 
 TEST(KvrscanGeometry, PointsFollowTheAxisConvention) {
@@ -89,18 +93,39 @@ TEST(KvrscanGeometry, PointsFollowTheAxisConvention) {
   }
 }
 
+// A command like the tool's: SCAN and N, -o FILE, --json, --lines N in 1..10.
+struct ParsedWords {
+  std::string scan, n;
+  std::optional<std::string> output;
+  std::optional<std::int64_t> lines;
+  bool json = false;
+};
 
-constexpr OptionSpec kOptions[] = {{"output", 'o', "FILE", ""}, {"json", 0, "", ""}, {"lines", 0, "N", ""}};
-constexpr std::string_view kNames[] = {"SCAN", "N"};
+ParsedWords ParseWords(const std::vector<std::string>& words) {
+  ParsedWords parsed;
+  CLI::App app("test");
+  kvr::cli::Configure(app);
+  app.add_option("SCAN", parsed.scan)->required();
+  app.add_option("N", parsed.n);
+  kvr::cli::AddOptional(app, "-o,--output", parsed.output, "")->type_name("FILE");
+  app.add_flag("--json", parsed.json);
+  kvr::cli::AddOptional(app, "--lines", parsed.lines, "")->type_name("N")->check(kvr::cli::WholeNumber("--lines", 1, 10));
+  kvr::cli::Parse(app, words);
+  return parsed;
+}
 
 TEST(KvrscanOptions, ParsesLongShortInlineAndPositional) {
-  const std::vector<std::string> words = {"scan.raw", "-o", "out.ply", "--lines=7", "--json", "--", "-3"};
-  const ParsedArgs args = ParseArgs(words, kOptions, kNames, 1);
-  EXPECT_EQ(args.positional(), (std::vector<std::string>{"scan.raw", "-3"}));
-  EXPECT_EQ(args.value("output"), "out.ply");
-  EXPECT_EQ(args.integer("lines", 1, 10), 7);
-  EXPECT_TRUE(args.has("json"));
-  EXPECT_FALSE(args.has("map"));
+  const ParsedWords a = ParseWords({"scan.raw", "-o", "out.ply", "--lines=10", "--json", "--", "-3"});
+  EXPECT_EQ(a.scan, "scan.raw");
+  EXPECT_EQ(a.n, "-3");
+  EXPECT_EQ(a.output, "out.ply");
+  EXPECT_EQ(a.lines, 10);
+  EXPECT_TRUE(a.json);
+  const ParsedWords b = ParseWords({"--lines", "1", "--output=x", "scan.raw", "--lines", "2"});
+  EXPECT_EQ(b.lines, 2);  // the last one counts
+  EXPECT_EQ(b.output, "x");
+  EXPECT_FALSE(b.json);
+  EXPECT_FALSE(ParseWords({"s"}).lines);
 }
 
 TEST(KvrscanOptions, MalformedCommandLinesNameTheFault) {
@@ -109,23 +134,32 @@ TEST(KvrscanOptions, MalformedCommandLinesNameTheFault) {
     const char* message;
   } cases[] = {
       {{"a", "--map", "m"}, "unknown option --map"},
+      {{"a", "--map=m"}, "unknown option --map"},
       {{"a", "-x"}, "unknown option -x"},
-      {{"a", "-o"}, "-o needs a value (FILE)"},
+      {{"a", "-o"}, "--output needs a value (FILE)"},
       {{"a", "--json=1"}, "--json takes no value"},
       {{}, "missing SCAN"},
       {{"a", "b", "c"}, "unexpected argument 'c'"},
+      {{"a", "--lines", "x7"}, "--lines takes a whole number, not 'x7'"},
+      {{"a", "--lines", "7x"}, "--lines takes a whole number, not '7x'"},
+      {{"a", "--lines", "0"}, "--lines must lie between 1 and 10, not 0"},
+      {{"a", "--lines", "11"}, "--lines must lie between 1 and 10, not 11"},
   };
   for (const auto& c : cases) {
     try {
-      ParseArgs(c.words, kOptions, kNames, 1);
+      ParseWords(c.words);
       ADD_FAILURE() << c.message;
     } catch (const UsageError& error) {
       EXPECT_STREQ(error.what(), c.message);
     }
   }
-  const ParsedArgs args = ParseArgs(std::vector<std::string>{"a", "--lines", "x7"}, kOptions, kNames, 1);
-  EXPECT_THROW(args.integer("lines", 1, 10), UsageError);
-  EXPECT_THROW(ParseInteger("11", "N", 0, 10), UsageError);
+}
+
+TEST(KvrscanOptions, HelpIsAskedBeforeAnyDoubleDash) {
+  EXPECT_TRUE(kvr::cli::AsksForHelp({"scan.raw", "--bogus", "-h"}));
+  EXPECT_TRUE(kvr::cli::AsksForHelp({"--help", "--"}));
+  EXPECT_FALSE(kvr::cli::AsksForHelp({"scan.raw", "--", "--help"}));
+  EXPECT_FALSE(kvr::cli::AsksForHelp({"-help", "--helps"}));
 }
 
 TEST(KvrscanNames, WidePathDecodesUtf8AndRefusesTheRest) {

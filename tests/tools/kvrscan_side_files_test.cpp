@@ -1,5 +1,7 @@
 #include <filesystem>
 
+#include "camera_source.h"
+#include "errors.h"
 #include "kvr_writers/byte_writer.h"
 #include "kvr_writers/camera_file_writer.h"
 #include "kvr_writers/device_file_writer.h"
@@ -24,22 +26,22 @@ TEST_F(KvrscanTest, TicksGivesEachPulseTheLibrarysTimeOfWeek) {
   TickFileBuilder ticks = ThreePulses();
   ticks.pulse(9000000000);  // no sentence follows it
   ticks.writeTo(path("Serial.dat"));
-  const JsonValue report = RunJson({"ticks", "Serial.dat", "--records"});
-  EXPECT_EQ(report["version"].integer(), 1);
-  EXPECT_EQ(report["num_pulses"].integer(), 4);
-  EXPECT_EQ(report["num_sentences"].integer(), 3);
-  EXPECT_EQ(report["sentences_by_kind"]["ZDA"].integer(), 3);
-  EXPECT_EQ(report["pulses_with_time"].integer(), 3);
-  const JsonValue& pulses = report["pulses"];
+  const Json report = RunJson({"ticks", "Serial.dat", "--records"});
+  EXPECT_EQ(report.at("version").get<std::int64_t>(), 1);
+  EXPECT_EQ(report.at("num_pulses").get<std::int64_t>(), 4);
+  EXPECT_EQ(report.at("num_sentences").get<std::int64_t>(), 3);
+  EXPECT_EQ(report.at("sentences_by_kind").at("ZDA").get<std::int64_t>(), 3);
+  EXPECT_EQ(report.at("pulses_with_time").get<std::int64_t>(), 3);
+  const Json& pulses = report.at("pulses");
   ASSERT_EQ(pulses.size(), 4u);
-  EXPECT_EQ(pulses[0]["ticks"].integer(), 1000000000);
-  EXPECT_EQ(pulses[0]["time_of_week"].number(), 225007.0);
-  EXPECT_EQ(pulses[2]["time_of_week"].number(), 225009.0);
-  EXPECT_EQ(pulses[3]["time_of_week"].number(), -1.0);
-  EXPECT_EQ(report["records"][1]["text"].string(), ZdaSentence(Utc(2020, 1, 28, 14, 30, 7)));
+  EXPECT_EQ(pulses[0].at("ticks").get<std::int64_t>(), 1000000000);
+  EXPECT_EQ(pulses[0].at("time_of_week").get<double>(), 225007.0);
+  EXPECT_EQ(pulses[2].at("time_of_week").get<double>(), 225009.0);
+  EXPECT_EQ(pulses[3].at("time_of_week").get<double>(), -1.0);
+  EXPECT_EQ(report.at("records").at(1).at("text").get<std::string>(), ZdaSentence(Utc(2020, 1, 28, 14, 30, 7)));
 
-  const JsonValue shifted = RunJson({"ticks", "Serial.dat", "--time-offset", "-7"});
-  EXPECT_EQ(shifted["pulses"][0]["time_of_week"].number(), 225000.0);
+  const Json shifted = RunJson({"ticks", "Serial.dat", "--time-offset", "-7"});
+  EXPECT_EQ(shifted.at("pulses").at(0).at("time_of_week").get<double>(), 225000.0);
 
   const ToolRun run = Run({"ticks", "Serial.dat"});
   EXPECT_EQ(run.status, 0);
@@ -130,17 +132,17 @@ DeviceFileBuilder DeviceFile() {
 
 TEST_F(KvrscanTest, DevicesReportsCalibrationReadingsAndDerivedValues) {
   WriteFile(path("dev.dat"), DeviceFile().bytes());
-  const JsonValue report = RunJson({"devices", "dev.dat", "--records"});
-  EXPECT_EQ(report["version"].integer(), 93);
-  EXPECT_EQ(report["inclinometerCalibration"]["pga"].integer(), 2);
-  EXPECT_EQ(report["compassCalibration"]["declination"].number(), 2.5);
-  EXPECT_EQ(report["counts"]["type1"].integer(), 1);
-  EXPECT_EQ(report["counts"]["type7"].integer(), 1);
-  EXPECT_EQ(report["counts"]["other"].integer(), 1);
-  EXPECT_NEAR(report["type1Records"][0]["tiltX"].number(), 30.0, 1e-9);
-  EXPECT_EQ(report["type1Records"][0]["tiltY"].number(), 0.0);
-  EXPECT_EQ(report["type2Records"][0]["nearestType7"].integer(), 0);
-  EXPECT_EQ(report["type7Records"][0]["time"].integer(), 50001000);
+  const Json report = RunJson({"devices", "dev.dat", "--records"});
+  EXPECT_EQ(report.at("version").get<std::int64_t>(), 93);
+  EXPECT_EQ(report.at("inclinometerCalibration").at("pga").get<std::int64_t>(), 2);
+  EXPECT_EQ(report.at("compassCalibration").at("declination").get<double>(), 2.5);
+  EXPECT_EQ(report.at("counts").at("type1").get<std::int64_t>(), 1);
+  EXPECT_EQ(report.at("counts").at("type7").get<std::int64_t>(), 1);
+  EXPECT_EQ(report.at("counts").at("other").get<std::int64_t>(), 1);
+  EXPECT_NEAR(report.at("type1Records").at(0).at("tiltX").get<double>(), 30.0, 1e-9);
+  EXPECT_EQ(report.at("type1Records").at(0).at("tiltY").get<double>(), 0.0);
+  EXPECT_EQ(report.at("type2Records").at(0).at("nearestType7").get<std::int64_t>(), 0);
+  EXPECT_EQ(report.at("type7Records").at(0).at("time").get<std::int64_t>(), 50001000);
 
   const ToolRun run = Run({"devices", "dev.dat"});
   EXPECT_EQ(run.status, 0) << run.err;
@@ -175,16 +177,31 @@ CameraFileBuilder CameraFile() {
 
 TEST_F(KvrscanTest, CameraListsRecordsAndExtractsImages) {
   WriteFile(path("cam.dat"), CameraFile().bytes());
-  const JsonValue report = RunJson({"camera", "cam.dat", "-x", "images"});
-  EXPECT_EQ(report["text"].string(), "cam");
-  EXPECT_EQ(report["headerValue"].integer(), 9);
-  ASSERT_EQ(report["num_records"].integer(), 2);
-  EXPECT_EQ(report["records"][0]["timeStamp"].integer(), 77);
-  EXPECT_EQ(report["records"][0]["recordValues"][5].integer(), 6);
-  EXPECT_EQ(report["records"][0]["image_type"].string(), "jpg");
-  EXPECT_EQ(report["records"][1]["imageSize"].integer(), 12);
+  const Json report = RunJson({"camera", "cam.dat", "-x", "images"});
+  EXPECT_EQ(report.at("text").get<std::string>(), "cam");
+  EXPECT_EQ(report.at("headerValue").get<std::int64_t>(), 9);
+  ASSERT_EQ(report.at("num_records").get<std::int64_t>(), 2);
+  EXPECT_EQ(report.at("records").at(0).at("timeStamp").get<std::int64_t>(), 77);
+  EXPECT_EQ(report.at("records").at(0).at("recordValues").at(5).get<std::int64_t>(), 6);
+  EXPECT_EQ(report.at("records").at(0).at("image_type").get<std::string>(), "jpg");
+  EXPECT_EQ(report.at("records").at(1).at("imageSize").get<std::int64_t>(), 12);
   EXPECT_EQ(ReadFileText(path("images/image_0000.jpg")), "\xFF\xD8\xFF jpeg");
   EXPECT_EQ(ReadFileText(path("images/image_0001.png")), "\x89PNG\r\n\x1A\n png");
+}
+
+// An image that cannot be written ends the command with the images before it
+// written whole, no temporary file left, and every stream it opened closed.
+TEST_F(KvrscanTest, CameraExtractionFailureKeepsNoStreamOrPartFile) {
+  WriteFile(path("cam.dat"), CameraFile().bytes());
+  std::filesystem::create_directories(path("images/image_0001.png"));  // where the second image would go
+  const auto openStreams = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto before = openStreams();
+  EXPECT_THROW(kvrscan::ReadCameraContents("cam.dat", std::string("images")), kvrscan::ToolError);
+  EXPECT_EQ(openStreams(), before);
+  EXPECT_EQ(ReadFileText(path("images/image_0000.jpg")), "\xFF\xD8\xFF jpeg");
+  EXPECT_FALSE(std::filesystem::exists(path("images/image_0001.png.part")));
+  ExpectOneLineError(Run({"camera", "cam.dat", "-x", "images"}), 1,
+                     "kvrscan camera: images/image_0001.png: cannot replace (Is a directory)", "");
 }
 
 TEST_F(KvrscanTest, CameraOnDamagedFiles) {

@@ -71,14 +71,14 @@ TEST_P(KvrscanSimulated, ExportedPointsLieOnTheRoomsSurfaces) {
 
 TEST_P(KvrscanSimulated, PanoramaCoversTheRoom) {
   const std::string kind = GetParam().kind == sim::ScannerKind::kThreeSixty ? "360" : "90";
-  const JsonValue simulated = RunJson({"simulate", "room", "--lines", "60", "--kind", kind});
-  EXPECT_EQ(simulated["num_lines"].integer(), 60);
-  const JsonValue map = RunJson({"map", "room/scan.raw"});
-  const JsonValue render = RunJson({"render", "room/scan.raw", "-o", "pano.png"});
-  EXPECT_EQ(render["width"].integer(), map["num_lines"].integer());
+  const Json simulated = RunJson({"simulate", "room", "--lines", "60", "--kind", kind});
+  EXPECT_EQ(simulated.at("num_lines").get<std::int64_t>(), 60);
+  const Json map = RunJson({"map", "room/scan.raw"});
+  const Json render = RunJson({"render", "room/scan.raw", "-o", "pano.png"});
+  EXPECT_EQ(render.at("width").get<std::int64_t>(), map.at("num_lines").get<std::int64_t>());
   // A closed room returns almost every shot: only the door and window let beams out.
-  const double filled = render["pixels_filled"].number() /
-                        (render["width"].number() * render["height"].number());
+  const double filled = render.at("pixels_filled").get<double>() /
+                        (render.at("width").get<double>() * render.at("height").get<double>());
   EXPECT_GT(filled, 0.85);
 }
 
@@ -88,18 +88,18 @@ INSTANTIATE_TEST_SUITE_P(Scanners, KvrscanSimulated,
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(KvrscanTest, SimulateWritesTheScanSetItSays) {
-  const JsonValue set = RunJson({"simulate", "out", "--lines", "20", "--prf", "500", "--seed", "7"});
-  EXPECT_EQ(set["prf"].integer(), 500);
-  EXPECT_EQ(set["seed"].integer(), 7);
-  EXPECT_EQ(set["signature"].string(), "#KVRSCAN");
+  const Json set = RunJson({"simulate", "out", "--lines", "20", "--prf", "500", "--seed", "7"});
+  EXPECT_EQ(set.at("prf").get<std::int64_t>(), 500);
+  EXPECT_EQ(set.at("seed").get<std::int64_t>(), 7);
+  EXPECT_EQ(set.at("signature").get<std::string>(), "#KVRSCAN");
   for (const char* file : {"out/scan.raw", "out/scan.raw.tbl", "out/Serial.dat", "out/Devices.dat", "out/Camera.dat"}) {
     EXPECT_TRUE(std::filesystem::exists(path(file))) << file;
   }
-  const JsonValue info = RunJson({"info", "out/scan.raw", "--stats"});
-  EXPECT_EQ(info["metadata"]["header"]["prf"].integer(), 500);
-  EXPECT_EQ(info["stats"]["num_shots"].integer(), set["num_shots"].integer());
-  EXPECT_EQ(info["stats"]["num_returns"].integer(), set["num_returns"].integer());
-  EXPECT_EQ(RunJson({"simulate", "wide", "--lines", "20", "--kind", "360"})["signature"].string(), "MX700DAT");
+  const Json info = RunJson({"info", "out/scan.raw", "--stats"});
+  EXPECT_EQ(info.at("metadata").at("header").at("prf").get<std::int64_t>(), 500);
+  EXPECT_EQ(info.at("stats").at("num_shots").get<std::int64_t>(), set.at("num_shots").get<std::int64_t>());
+  EXPECT_EQ(info.at("stats").at("num_returns").get<std::int64_t>(), set.at("num_returns").get<std::int64_t>());
+  EXPECT_EQ(RunJson({"simulate", "wide", "--lines", "20", "--kind", "360"}).at("signature").get<std::string>(), "MX700DAT");
 }
 
 TEST_F(KvrscanTest, SimulateRefusesWhatCannotBeSimulated) {

@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include "library_log.h"
-#include "options.h"
 
 namespace kvrscan {
 
@@ -20,17 +19,6 @@ struct Context {
   // output covers what could be read): one line on standard error. Returns the
   // exit status the command then ends with.
   int damaged(const std::string& message) const;
-};
-
-struct Command {
-  std::string_view name;
-  std::string_view arguments;  // synopsis after the name, e.g. "SCAN [--stats]"
-  std::string_view summary;    // one line for the command list
-  std::string_view details;    // the rest of its --help
-  std::span<const OptionSpec> options;
-  std::span<const std::string_view> positionalNames;  // "SCAN", "N": one per positional argument
-  std::size_t minPositional;
-  int (*run)(const ParsedArgs& args, Context& context);
 };
 
 // The whole program: parses the subcommand, runs it, and turns every error into

@@ -8,18 +8,20 @@
 
 #include "commands.h"
 #include "console.h"
+#include "devices/device_layout.h"
 #include "errors.h"
+#include "files.h"
 #include "json_writer.h"
 #include "kvr_decode/conversions.h"
 #include "kvr_decode/device_data.h"
+#include "platform/little_endian.h"
 #include "scan_source.h"
 
 namespace kvrscan {
 
 namespace {
 
-// Payload bytes the library reads for record types 1 to 8, whatever the size field says.
-constexpr std::uint32_t kPayloadSize[9] = {0, 24, 28, 20, 8, 24, 24, 36, 4};
+namespace layout = kvr::devices::device_layout;
 
 struct Framing {
   std::uint64_t unknownRecords = 0;  // types the library skips by their size
@@ -30,39 +32,42 @@ struct Framing {
 // inside a record (which the library reads as far as it goes, without a word).
 Framing CheckFraming(const std::string& path, std::uint64_t size, std::int32_t version) {
   Framing framing;
-  std::FILE* in = std::fopen(path.c_str(), "rb");
-  if (in == nullptr) return framing;
-  std::uint64_t at = 12;
+  const FileHandle in = OpenForReading(path);
+  if (!in) return framing;
   const auto u32At = [&](std::uint64_t offset, std::uint32_t& value) {
-    unsigned char b[4];
-    if (fseeko(in, static_cast<off_t>(offset), SEEK_SET) != 0 || std::fread(b, 1, 4, in) != 4) return false;
-    value = b[0] | b[1] << 8 | b[2] << 16 | static_cast<std::uint32_t>(b[3]) << 24;
+    unsigned char bytes[4];
+    if (fseeko(in.get(), static_cast<off_t>(offset), SEEK_SET) != 0 || std::fread(bytes, 1, 4, in.get()) != 4) {
+      return false;
+    }
+    value = kvr::le::LoadU32(bytes);
     return true;
   };
-  if (version > 92) {
+  std::uint64_t at = layout::kHeaderSizeWithoutCalibration;
+  if (version > layout::kLastVersionWithoutCalibration) {
     for (int block = 0; block < 2; ++block) {
       std::uint32_t length = 0;
       if (!u32At(at, length)) break;
       at += 4 + length;
     }
   }
+  constexpr std::uint64_t kHead = layout::kRecordHeadSize;
   std::uint64_t index = 0;
   while (at < size) {
     std::uint32_t type = 0, declared = 0;
-    if (at + 16 > size || !u32At(at + 8, type) || !u32At(at + 12, declared)) {
+    if (at + kHead > size || !u32At(at + layout::kTimeSize, type) || !u32At(at + layout::kTimeSize + 4, declared)) {
       framing.cutShort = "the file ends inside the header of reading " + std::to_string(index);
       break;
     }
-    const std::uint64_t payload = type >= 1 && type <= 8 ? kPayloadSize[type] : declared;
-    if (type < 1 || type > 8) ++framing.unknownRecords;
-    if (at + 16 + payload > size) {
+    const bool known = type >= 1 && type <= layout::kLastTypeWithReader;
+    const std::uint64_t payload = known ? layout::PayloadSize(type) : declared;
+    if (!known) ++framing.unknownRecords;
+    if (at + kHead + payload > size) {
       framing.cutShort = "the file ends inside reading " + std::to_string(index) + " (type " + std::to_string(type) + ")";
       break;
     }
-    at += 16 + payload;
+    at += kHead + payload;
     ++index;
   }
-  std::fclose(in);
   return framing;
 }
 
@@ -208,68 +213,84 @@ void ReportText(TextReport& report, const std::string& path, const AncillaryDevi
   }
 }
 
-int RunDevices(const ParsedArgs& args, Context& context) {
-  const std::string& path = args.positional()[0];
+struct DevicesOptions {
+  std::string file;
+  bool records = false;
+  bool json = false;
+};
+
+// A device data file as the library reads it, and how its records are framed.
+struct DeviceReport {
+  AncillaryDevicesData data;
+  Framing framing;
+};
+
+DeviceReport CollectDevices(const std::string& path) {
   const std::uint64_t size = ReadableFileSize(path);
   const std::wstring wide = WidePath(path);
-  AncillaryDevicesData data;
-  const int result = ReadDeviceDataInfo(wide.c_str(), data);
+  DeviceReport report;
+  const int result = ReadDeviceDataInfo(wide.c_str(), report.data);
   if (result == -2) {
-    char signature[8] = {};
-    if (std::FILE* in = std::fopen(path.c_str(), "rb")) {
-      const std::size_t got = std::fread(signature, 1, sizeof signature, in);
-      std::fclose(in);
+    if (const FileHandle in = OpenForReading(path)) {
+      char signature[layout::kSignatureSize] = {};
+      const std::size_t got = std::fread(signature, 1, sizeof signature, in.get());
       throw FileError(path, "not a device data file: its signature is \"" +
-                                PrintableBytes(std::string_view(signature, got)) + "\", expected #KVRDEVC");
+                                PrintableBytes(std::string_view(signature, got)) + "\", expected " + layout::kSignature);
     }
     throw FileError(path, "not a device data file");
   }
   if (result != 0) throw FileError(path, "header cut short: the file holds no readings");
-  const Framing framing = CheckFraming(path, size, data.version);
-  const bool listRecords = args.has("records");
+  report.framing = CheckFraming(path, size, report.data.version);
+  return report;
+}
+
+std::string DevicesJson(const std::string& path, const DeviceReport& report, bool listRecords) {
+  const AncillaryDevicesData& data = report.data;
+  JsonWriter json;
+  json.beginObject();
+  json.field("filename", path).field("version", data.version);
+  CalibrationJson(json, data);
+  json.key("counts").beginObject();
+  json.field("type1", data.type1Records.size()).field("type2", data.type2Records.size());
+  json.field("type3", data.type3Records.size()).field("type4", data.type4Records.size());
+  json.field("type5", data.type5Records.size()).field("type6", data.type6Records.size());
+  json.field("type7", data.type7Records.size()).field("type8", data.type8Records.size());
+  json.field("other", report.framing.unknownRecords);
+  json.endObject();
+  if (listRecords) RecordsJson(json, data);
+  json.endObject();
+  return json.text();
+}
+
+int RunDevices(const DevicesOptions& args, Context& context) {
+  const DeviceReport report = CollectDevices(args.file);
   if (context.json) {
-    JsonWriter json;
-    json.beginObject();
-    json.field("filename", path).field("version", data.version);
-    CalibrationJson(json, data);
-    json.key("counts").beginObject();
-    json.field("type1", data.type1Records.size()).field("type2", data.type2Records.size());
-    json.field("type3", data.type3Records.size()).field("type4", data.type4Records.size());
-    json.field("type5", data.type5Records.size()).field("type6", data.type6Records.size());
-    json.field("type7", data.type7Records.size()).field("type8", data.type8Records.size());
-    json.field("other", framing.unknownRecords);
-    json.endObject();
-    if (listRecords) RecordsJson(json, data);
-    json.endObject();
-    Console::write(json.text());
+    Console::write(DevicesJson(args.file, report, args.records));
   } else {
-    TextReport report;
-    ReportText(report, path, data, framing, listRecords);
-    Console::write(report.text());
+    TextReport text;
+    ReportText(text, args.file, report.data, report.framing, args.records);
+    Console::write(text.text());
   }
-  if (!framing.cutShort.empty()) return context.damaged(path + ": " + framing.cutShort);
+  if (!report.framing.cutShort.empty()) return context.damaged(args.file + ": " + report.framing.cutShort);
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"FILE"};
-
-constexpr OptionSpec kOptions[] = {
-    {"records", 0, "", "list every reading (the JSON then holds them all)"},
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kDevicesCommand{
+constexpr CommandInfo kInfo{
     "devices",
     "FILE [--records] [--json]",
     "a device data file (#KVRDEVC): calibration blocks and readings by type",
     "Tilt angles of the type 1 readings and the type 7 reading nearest each type 2 reading are the\n"
     "library's. The JSON names the fields as the library's AncillaryDevicesData does.",
-    kOptions,
-    kPositional,
-    1,
-    RunDevices,
 };
+
+}  // namespace
+
+void AddDevicesCommand(CommandSet& commands) {
+  auto options = std::make_shared<DevicesOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunDevices);
+  AddInput(command, "FILE", options->file);
+  AddFlag(command, "--records", options->records, "list every reading (the JSON then holds them all)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

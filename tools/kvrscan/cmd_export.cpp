@@ -19,15 +19,22 @@ namespace kvrscan {
 
 namespace {
 
-const kvr::cloud::Palette& ChosenPalette(const ParsedArgs& args) {
-  const std::string name = args.value("palette").value_or("grey");
+struct ExportOptions {
+  std::string scan;
+  std::optional<std::string> output, map, ticks, palette, returns;
+  std::optional<std::int64_t> timeOffset, threads;
+  bool json = false;
+};
+
+const kvr::cloud::Palette& ChosenPalette(const ExportOptions& args) {
+  const std::string name = args.palette.value_or("grey");
   const kvr::cloud::Palette* palette = kvr::cloud::FindPalette(name);
   if (palette == nullptr) throw UsageError("no palette named '" + name + "' (grey, viridis)");
   return *palette;
 }
 
-kvr::cloud::Returns ChosenReturns(const ParsedArgs& args) {
-  const std::string name = args.value("returns").value_or("all");
+kvr::cloud::Returns ChosenReturns(const ExportOptions& args) {
+  const std::string name = args.returns.value_or("all");
   if (name == "all") return kvr::cloud::Returns::kAll;
   if (name == "first") return kvr::cloud::Returns::kFirst;
   if (name == "last") return kvr::cloud::Returns::kLast;
@@ -50,9 +57,9 @@ struct ExportRun {
 };
 
 // Opens the scan, makes its map and writes its points.
-ExportRun CollectExport(const ParsedArgs& args, Context& context) {
+ExportRun CollectExport(const ExportOptions& args, Context& context) {
   ExportRun run;
-  run.output = *args.value("output");
+  run.output = *args.output;
   const std::optional<PointFormat> format = PointFormatOf(run.output);
   if (!format) throw UsageError("the output must end in .ply, .csv or .las, not '" + run.output + "'");
   run.format = *format;
@@ -63,13 +70,13 @@ ExportRun CollectExport(const ParsedArgs& args, Context& context) {
   // Past a few workers the file's reading and writing set the pace, and each
   // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
-      args.integer("threads", 1, 256).value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
+      args.threads.value_or(std::clamp(std::thread::hardware_concurrency(), 1u, 8u)));
   kvr::cloud::ScanOptions options;
-  if (const auto map = args.value("map")) options.map = *map;
-  if (const auto ticks = args.value("ticks")) options.ticks = *ticks;
-  options.timeOffset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
+  if (args.map) options.map = *args.map;
+  if (args.ticks) options.ticks = *args.ticks;
+  options.timeOffset = static_cast<int>(args.timeOffset.value_or(0));
   run.ticks = options.ticks.has_value();
-  ScanSource source(args.positional()[0], options);
+  ScanSource source(args.scan, options);
   const kvr::cloud::Scan& scan = source.scan();
   run.rangeOffset = scan.rangeOffset();
   const MapSource map(source, context.showProgress);
@@ -90,7 +97,7 @@ ExportRun CollectExport(const ParsedArgs& args, Context& context) {
     // LAS has colours (point format 7) only when a palette is asked for.
     const auto writer = OpenPointWriter(run.output, run.format, comments,
                                         {run.palette, map.map().intensityAt95, map.map().gamma},
-                                        kvr::cloud::LasOptions::Of(scan, args.has("palette")));
+                                        kvr::cloud::LasOptions::Of(scan, args.palette.has_value()));
     Progress progress("export " + source.path(), context.showProgress);
     run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress, selection);
     writer->finish();
@@ -119,39 +126,24 @@ void PrintExportText(const ExportRun& run) {
                  " returns without a range), " + ByteSize(run.bytes) + Format(", %.2f s\n", run.summary.seconds));
 }
 
-int RunExport(const ParsedArgs& args, Context& context) {
+int RunExport(const ExportOptions& args, Context& context) {
   const ExportRun run = CollectExport(args, context);
   if (context.json) {
-    PrintExportJson(run, args.positional()[0]);
+    PrintExportJson(run, args.scan);
   } else {
     PrintExportText(run);
   }
   // The points of every readable block are written; the damage still fails the run.
-  if (!run.summary.damage.empty()) return context.damaged(args.positional()[0] + ": " + run.summary.damage);
+  if (!run.summary.damage.empty()) return context.damaged(args.scan + ": " + run.summary.damage);
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"output", 'o', "OUT", "the point file: OUT.ply (binary little-endian), OUT.csv or OUT.las (LAS 1.4)"},
-    kMapOption,
-    kTicksOption,
-    kTimeOffsetOption,
-    kPaletteOption,
-    {"returns", 0, "all|first|last", "which returns of a shot become points (default: all)"},
-    {"threads", 0, "N", "threads decoding blocks and making points (default: one per processor, at most 8)"},
-    kJsonOption,
-};
-
-int RunExportChecked(const ParsedArgs& args, Context& context) {
-  if (!args.has("output")) throw UsageError("missing -o OUT.ply, -o OUT.csv or -o OUT.las");
+int RunExportChecked(const ExportOptions& args, Context& context) {
+  if (!args.output) throw UsageError("missing -o OUT.ply, -o OUT.csv or -o OUT.las");
   return RunExport(args, context);
 }
 
-}  // namespace
-
-const Command kExportCommand{
+constexpr CommandInfo kInfo{
     "export",
     "SCAN -o OUT.ply|OUT.csv|OUT.las [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--returns all|first|last]"
     " [--threads N] [--json]",
@@ -165,10 +157,25 @@ const Command kExportCommand{
     "Workers decode blocks and make their points side by side; the points are written in file order,\n"
     "so the file is the same on any number of threads. LAS: version 1.4, point format 6, or 7 with\n"
     "colours when --palette is given; range, angles, line, shot and normalized intensity as extra bytes.",
-    kOptions,
-    kPositional,
-    1,
-    RunExportChecked,
 };
+
+}  // namespace
+
+void AddExportCommand(CommandSet& commands) {
+  auto options = std::make_shared<ExportOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunExportChecked);
+  AddInput(command, "SCAN", options->scan);
+  AddText(command, "-o,--output", "OUT", options->output,
+          "the point file: OUT.ply (binary little-endian), OUT.csv or OUT.las (LAS 1.4)");
+  AddMapOption(command, options->map);
+  AddTicksOption(command, options->ticks);
+  AddTimeOffsetOption(command, options->timeOffset);
+  AddPaletteOption(command, options->palette);
+  AddText(command, "--returns", "all|first|last", options->returns,
+          "which returns of a shot become points (default: all)");
+  AddInteger(command, "--threads", "N", options->threads, 1, 256,
+             "threads decoding blocks and making points (default: one per processor, at most 8)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

@@ -8,8 +8,9 @@
 
 #include "block_walk.h"
 #include "commands.h"
-#include "errors.h"
 #include "console.h"
+#include "errors.h"
+#include "header/header_layout.h"
 #include "json_writer.h"
 #include "kvr_decode/conversions.h"
 #include "kvr_decode/optical_model.h"
@@ -204,11 +205,13 @@ void HeaderText(TextReport& report, const ScanSource& scan) {
   report.heading("header");
   report.field("PRF", std::to_string(h.prf) + " kHz");
   report.field("data offset", std::to_string(h.dataOffset));
-  std::string blocks = GroupedCount(scan.wholeBlocks()) + " of 65536 bytes";
+  std::string blocks = GroupedCount(scan.wholeBlocks()) + " of " + std::to_string(kBlockSize) + " bytes";
   if (scan.trailingBytes() > 0) blocks += " + " + std::to_string(scan.trailingBytes()) + " bytes of a cut-off block";
   report.field("blocks", blocks);
   report.field("header layout", std::to_string(h.headerLayout) +
-                                    (h.headerLayout == 0 ? " (four texts)" : h.headerLayout == 1 ? " (three texts)" : ""));
+                                    (h.headerLayout == kvr::header::layout::kLayoutWithFourthText      ? " (four texts)"
+                                     : h.headerLayout == kvr::header::layout::kLayoutWithoutFourthText ? " (three texts)"
+                                                                                                      : ""));
   report.field("header words", Join(h.headerWords));
   report.field("id texts", "\"" + FixedText(h.idText1) + "\" \"" + FixedText(h.idText2) + "\" \"" +
                                FixedText(h.idText3) + "\" \"" + FixedText(h.idText4) + "\"");
@@ -297,83 +300,102 @@ void StatisticsText(TextReport& report, const ScanStatistics& s, const BlockWalk
   }
 }
 
-int RunInfo(const ParsedArgs& args, Context& context) {
-  ScanSource scan(args.positional()[0]);
-  const OpticalModel::CalibrationParameters calibration = GetCalibrationParameters(scan.header());
-  const bool withStats = args.has("stats");
-  std::unique_ptr<BlockWalk> walk;
+struct InfoOptions {
+  std::string scan;
+  bool stats = false;
+  bool texts = false;
+  bool json = false;
+};
+
+// What info reports: the header as read, and with --stats a walk of every block.
+struct InfoReport {
+  OpticalModel::CalibrationParameters calibration;
+  std::unique_ptr<BlockWalk> walk;  // with --stats only
   ScanStatistics stats;
+};
+
+InfoReport CollectInfo(ScanSource& scan, bool withStats, bool showProgress) {
+  InfoReport report;
+  report.calibration = GetCalibrationParameters(scan.header());
   if (withStats) {
-    Progress progress("info " + scan.path(), context.showProgress);
-    walk = std::make_unique<BlockWalk>(scan, nullptr, &progress);
-    stats = WalkScan(scan, calibration.rangeOffset, *walk);
+    Progress progress("info " + scan.path(), showProgress);
+    report.walk = std::make_unique<BlockWalk>(scan, nullptr, &progress);
+    report.stats = WalkScan(scan, report.calibration.rangeOffset, *report.walk);
   }
+  return report;
+}
+
+std::string InfoJson(const ScanSource& scan, const InfoReport& info) {
   const RawFileHeader& h = scan.header();
-  if (context.json) {
-    JsonWriter json;
-    json.beginObject();
-    json.field("filename", scan.path());
-    json.field("file_size", scan.fileSize());
-    json.field("scanner", KindName(KindOf(h)));
-    json.field("num_blocks", scan.wholeBlocks());
-    json.field("trailing_bytes", scan.trailingBytes());
-    if (withStats) StatisticsJson(json, stats, *walk);
-    json.key("metadata").beginObject();
-    HeaderJson(json, h);
-    CalibrationJson(json, calibration);
-    json.endObject();
-    json.endObject();
-    Console::write(json.text());
-  } else {
-    TextReport report;
-    report.line(scan.path() + ": raw scan file of a " + std::string(KindName(KindOf(h))) + " scanner (" +
-                SignatureString(h) + "), " + GroupedCount(scan.fileSize()) + " bytes");
-    HeaderText(report, scan);
-    CalibrationText(report, calibration, h.prf);
-    if (withStats) StatisticsText(report, stats, *walk);
-    if (args.has("texts")) {
-      const auto text = [&](std::string_view title, const char* body, std::uint32_t length) {
-        report.heading(title);
-        report.line(PrintableText(StoredText(body, length)));
-      };
-      text("calibration text", h.calibrationText, h.calibrationTextLength);
-      text("parameter text", h.parameterText, h.parameterTextLength);
-      text("optical model text", h.thirdText, h.thirdTextLength);
-      if (h.fourthText != nullptr) text("fourth text", h.fourthText, h.fourthTextLength);
-    }
-    Console::write(report.text());
+  JsonWriter json;
+  json.beginObject();
+  json.field("filename", scan.path());
+  json.field("file_size", scan.fileSize());
+  json.field("scanner", KindName(KindOf(h)));
+  json.field("num_blocks", scan.wholeBlocks());
+  json.field("trailing_bytes", scan.trailingBytes());
+  if (info.walk) StatisticsJson(json, info.stats, *info.walk);
+  json.key("metadata").beginObject();
+  HeaderJson(json, h);
+  CalibrationJson(json, info.calibration);
+  json.endObject();
+  json.endObject();
+  return json.text();
+}
+
+std::string InfoText(const ScanSource& scan, const InfoReport& info, bool withTexts) {
+  const RawFileHeader& h = scan.header();
+  TextReport report;
+  report.line(scan.path() + ": raw scan file of a " + std::string(KindName(KindOf(h))) + " scanner (" +
+              SignatureString(h) + "), " + GroupedCount(scan.fileSize()) + " bytes");
+  HeaderText(report, scan);
+  CalibrationText(report, info.calibration, h.prf);
+  if (info.walk) StatisticsText(report, info.stats, *info.walk);
+  if (withTexts) {
+    const auto text = [&](std::string_view title, const char* body, std::uint32_t length) {
+      report.heading(title);
+      report.line(PrintableText(StoredText(body, length)));
+    };
+    text("calibration text", h.calibrationText, h.calibrationTextLength);
+    text("parameter text", h.parameterText, h.parameterTextLength);
+    text("optical model text", h.thirdText, h.thirdTextLength);
+    if (h.fourthText != nullptr) text("fourth text", h.fourthText, h.fourthTextLength);
   }
-  if (withStats) {
-    const std::string damage = walk->damage(context.log.grew());
+  return report.text();
+}
+
+int RunInfo(const InfoOptions& args, Context& context) {
+  ScanSource scan(args.scan);
+  const InfoReport info = CollectInfo(scan, args.stats, context.showProgress);
+  Console::write(context.json ? InfoJson(scan, info) : InfoText(scan, info, args.texts));
+  if (info.walk) {
+    const std::string damage = info.walk->damage(context.log.grew());
     if (!damage.empty()) return context.damaged(scan.path() + ": " + damage);
   } else if (scan.trailingBytes() > 0) {
-    return context.damaged(scan.path() + ": the file ends inside block " + std::to_string(scan.wholeBlocks()) +
-                           " (" + std::to_string(scan.trailingBytes()) + " of 65536 bytes)");
+    return context.damaged(scan.path() + ": the file ends inside block " + std::to_string(scan.wholeBlocks()) + " (" +
+                           std::to_string(scan.trailingBytes()) + " of " + std::to_string(kBlockSize) + " bytes)");
   }
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"stats", 0, "", "walk every block: shots, returns, points, ranges, bounds"},
-    {"texts", 0, "", "print the header's four texts in full (the JSON always has them)"},
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kInfoCommand{
+constexpr CommandInfo kInfo{
     "info",
     "SCAN [--stats] [--texts] [--json]",
     "the header of a raw scan file: texts, PRF tables, calibration values and parameters, side table",
     "Reads only the header unless --stats is given. The JSON names every header field as the\n"
     "library's RawFileHeader does, under metadata; num_points and bounds (x, y, z as export writes\n"
     "them) come with --stats.",
-    kOptions,
-    kPositional,
-    1,
-    RunInfo,
 };
+
+}  // namespace
+
+void AddInfoCommand(CommandSet& commands) {
+  auto options = std::make_shared<InfoOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunInfo);
+  AddInput(command, "SCAN", options->scan);
+  AddFlag(command, "--stats", options->stats, "walk every block: shots, returns, points, ranges, bounds");
+  AddFlag(command, "--texts", options->texts, "print the header's four texts in full (the JSON always has them)");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

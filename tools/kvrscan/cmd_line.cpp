@@ -18,16 +18,22 @@ namespace {
 
 constexpr double kDegreesPerRadian = 57.29577951308232;
 
-int RunLine(const ParsedArgs& args, Context& context) {
+struct LineOptions {
+  std::string scan;
+  std::int64_t line = 0;
+  std::optional<std::string> map, ticks;
+  std::optional<std::int64_t> timeOffset;
+  bool json = false;
+};
+
+int RunLine(const LineOptions& args, Context& context) {
   kvr::cloud::ScanOptions options;
-  if (const auto map = args.value("map")) options.map = *map;
-  ScanSource scan(args.positional()[0], options);
-  const auto lineIndex = static_cast<int>(ParseInteger(args.positional()[1], "N", 0, INT32_MAX));
-  const auto offset = static_cast<int>(args.integer("time-offset", INT32_MIN, INT32_MAX).value_or(0));
+  if (args.map) options.map = *args.map;
+  ScanSource scan(args.scan, options);
+  const auto lineIndex = static_cast<int>(args.line);
+  const auto offset = static_cast<int>(args.timeOffset.value_or(0));
   std::unique_ptr<TicksManager> ticks;
-  if (const auto tickFile = args.value("ticks")) {
-    ticks = Checked([&] { return std::make_unique<TicksManager>(*tickFile, offset); });
-  }
+  if (const auto& tickFile = args.ticks) ticks = std::make_unique<TicksManager>(*tickFile, offset);
   MapSource source(scan, context.showProgress);
   ScanFileMap& map = source.map();
   const int lines = map.numberOfScanLines < 0 ? 0 : map.numberOfScanLines;
@@ -100,28 +106,26 @@ int RunLine(const ParsedArgs& args, Context& context) {
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"SCAN", "N"};
-
-constexpr OptionSpec kOptions[] = {
-    kMapOption,
-    kTicksOption,
-    kTimeOffsetOption,
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kLineCommand{
+constexpr CommandInfo kInfo{
     "line",
     "SCAN N [--map MAPFILE] [--ticks Serial.dat] [--json]",
     "the shots of scan line N: time, pan and scan angle, and range and intensity of each return",
     "The shots are the library's (GetShotsFromScanLineIndex): a line's own shots and, last, the first\n"
     "shot of the next line. Pan and range come from GetPolarTriplet, the scan angle from the\n"
     "file's scanner model. Angles are radians in the JSON, degrees in the report.",
-    kOptions,
-    kPositional,
-    2,
-    RunLine,
 };
+
+}  // namespace
+
+void AddLineCommand(CommandSet& commands) {
+  auto options = std::make_shared<LineOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunLine);
+  AddInput(command, "SCAN", options->scan);
+  AddInput(command, "N", options->line)->check(kvr::cli::WholeNumber("N", 0, INT32_MAX));
+  AddMapOption(command, options->map);
+  AddTicksOption(command, options->ticks);
+  AddTimeOffsetOption(command, options->timeOffset);
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

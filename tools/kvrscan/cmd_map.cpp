@@ -79,13 +79,20 @@ void MapText(TextReport& report, const ScanFileMap& m, bool listLines) {
   }
 }
 
-int RunMap(const ParsedArgs& args, Context& context) {
-  const std::optional<std::string> save = args.value("output");
-  const std::optional<std::string> load = args.value("load");
+struct MapOptions {
+  std::string scan;
+  std::optional<std::string> output, load;
+  bool lines = false;
+  bool json = false;
+};
+
+int RunMap(const MapOptions& args, Context& context) {
+  const std::optional<std::string>& save = args.output;
+  const std::optional<std::string>& load = args.load;
   if (save && load) throw UsageError("-o and --load exclude each other");
   kvr::cloud::ScanOptions options;
   if (load) options.map = *load;
-  ScanSource scan(args.positional()[0], options);
+  ScanSource scan(args.scan, options);
   MapSource source(scan, context.showProgress);
   ScanFileMap& map = source.map();
 
@@ -107,7 +114,7 @@ int RunMap(const ParsedArgs& args, Context& context) {
     report.line(scan.path() + ": scan file map " +
                 (source.loaded() ? "loaded from " + *load : Format("built in %.2f s", source.seconds())) +
                 (save ? ", saved to " + *save : ""));
-    MapText(report, map, args.has("lines"));
+    MapText(report, map, args.lines);
     text = report.text();
   }
   if (save) {
@@ -118,28 +125,27 @@ int RunMap(const ParsedArgs& args, Context& context) {
   return kExitOk;
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"output", 'o', "MAPFILE", "save the map built from the scan to MAPFILE"},
-    {"load", 0, "MAPFILE", "load the map from MAPFILE (made from this scan) instead of building it"},
-    {"lines", 0, "", "list every line: first block and shot, direction flag, shots, event shots"},
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kMapCommand{
+constexpr CommandInfo kInfo{
     "map",
     "SCAN [-o MAPFILE | --load MAPFILE] [--lines] [--json]",
     "the scan file map: scan lines, maxima, return counts and intensity statistics",
     "Building reads the whole scan twice. The JSON names every field as the library's ScanFileMap\n"
     "does (metadata) and lists every line entry (scanLines). A loaded map carries the minimum\n"
     "normalized intensity in place of the maximum and no histogram, as the map file does.",
-    kOptions,
-    kPositional,
-    1,
-    RunMap,
 };
+
+}  // namespace
+
+void AddMapCommand(CommandSet& commands) {
+  auto options = std::make_shared<MapOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunMap);
+  AddInput(command, "SCAN", options->scan);
+  AddText(command, "-o,--output", "MAPFILE", options->output, "save the map built from the scan to MAPFILE");
+  AddText(command, "--load", "MAPFILE", options->load,
+          "load the map from MAPFILE (made from this scan) instead of building it");
+  AddFlag(command, "--lines", options->lines,
+          "list every line: first block and shot, direction flag, shots, event shots");
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

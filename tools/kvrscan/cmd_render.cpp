@@ -35,19 +35,26 @@ struct RenderRun {
   std::string damage;
 };
 
+struct RenderOptions {
+  std::string scan;
+  std::optional<std::string> output, map, palette;
+  bool shotRows = false;
+  bool json = false;
+};
+
 // Measures the axis, draws every first return in range and writes the image.
-RenderRun CollectRender(const ParsedArgs& args, Context& context) {
-  if (!args.has("output")) throw UsageError("missing -o OUT.png");
+RenderRun CollectRender(const RenderOptions& args, Context& context) {
+  if (!args.output) throw UsageError("missing -o OUT.png");
   RenderRun run;
-  run.output = *args.value("output");
-  const std::string paletteName = args.value("palette").value_or("grey");
+  run.output = *args.output;
+  const std::string paletteName = args.palette.value_or("grey");
   run.palette = kvr::cloud::FindPalette(paletteName);
   if (run.palette == nullptr) throw UsageError("no palette named '" + paletteName + "' (grey, viridis)");
-  run.shotRows = args.has("shot-rows");
+  run.shotRows = args.shotRows;
 
   kvr::cloud::ScanOptions options;
-  if (const auto map = args.value("map")) options.map = *map;
-  ScanSource source(args.positional()[0], options);
+  if (args.map) options.map = *args.map;
+  ScanSource source(args.scan, options);
   const kvr::cloud::Scan& scan = source.scan();
   const MapSource map(source, context.showProgress);
   run.width = map.map().numberOfScanLines;
@@ -113,29 +120,17 @@ void PrintRenderText(const RenderRun& run) {
                  ByteSize(run.bytes) + "\n");
 }
 
-int RunRender(const ParsedArgs& args, Context& context) {
+int RunRender(const RenderOptions& args, Context& context) {
   const RenderRun run = CollectRender(args, context);
   if (context.json) {
-    PrintRenderJson(run, args.positional()[0]);
+    PrintRenderJson(run, args.scan);
   } else {
     PrintRenderText(run);
   }
-  return run.damage.empty() ? kExitOk : context.damaged(args.positional()[0] + ": " + run.damage);
+  return run.damage.empty() ? kExitOk : context.damaged(args.scan + ": " + run.damage);
 }
 
-constexpr std::string_view kPositional[] = {"SCAN"};
-
-constexpr OptionSpec kOptions[] = {
-    {"output", 'o', "OUT.png", "the image to write"},
-    {"shot-rows", 0, "", "one row per shot step, however far apart the lines are (a taller image)"},
-    kMapOption,
-    kPaletteOption,
-    kJsonOption,
-};
-
-}  // namespace
-
-const Command kRenderCommand{
+constexpr CommandInfo kInfo{
     "render",
     "SCAN -o OUT.png [--palette NAME] [--shot-rows] [--map MAPFILE] [--json]",
     "the intensity panorama: one column per scan line, one row per scan-angle step",
@@ -147,10 +142,20 @@ const Command kRenderCommand{
     "and the image has the scene's proportions; a pixel averages the shots of its line that fall\n"
     "on it. --shot-rows takes the shot step alone. Pixels without a first return in range (0.1 m\n"
     "to 2040 m) stay black. The map is built unless --map loads one.",
-    kOptions,
-    kPositional,
-    1,
-    RunRender,
 };
+
+}  // namespace
+
+void AddRenderCommand(CommandSet& commands) {
+  auto options = std::make_shared<RenderOptions>();
+  CLI::App& command = commands.add(kInfo, options, RunRender);
+  AddInput(command, "SCAN", options->scan);
+  AddText(command, "-o,--output", "OUT.png", options->output, "the image to write");
+  AddFlag(command, "--shot-rows", options->shotRows,
+          "one row per shot step, however far apart the lines are (a taller image)");
+  AddMapOption(command, options->map);
+  AddPaletteOption(command, options->palette);
+  AddJsonOption(command, options->json);
+}
 
 }  // namespace kvrscan

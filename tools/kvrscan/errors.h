@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "kvr_cli/arguments.h"
+
 namespace kvrscan {
 
 inline constexpr int kExitOk = 0;
@@ -18,10 +20,7 @@ class ToolError : public std::runtime_error {
 };
 
 // A malformed command line; printed with a pointer to --help, exit kExitUsage.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+using UsageError = kvr::cli::UsageError;
 
 // "path: what" — the one shape of every file error.
 inline ToolError FileError(std::string_view path, std::string_view what) {

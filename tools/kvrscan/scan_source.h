@@ -7,13 +7,14 @@
 #include <string_view>
 
 #include "errors.h"
+#include "fifo/block_layout.h"
 #include "kvr_decode/cloud/error.h"
 #include "kvr_decode/cloud/scan.h"
 #include "kvr_decode/raw_file_header.h"
 
 namespace kvrscan {
 
-inline const std::uint64_t kBlockSize = kvr::cloud::BlockSize();
+inline constexpr std::uint64_t kBlockSize = kvr::fifo::SIZEOFFIFOBLOCK;
 
 // The wide name the library's functions take: the UTF-8 path decoded. ToolError
 // for a name that is not valid UTF-8.

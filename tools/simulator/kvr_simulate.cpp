@@ -6,12 +6,17 @@
 #include <string>
 #include <vector>
 
+#include "kvr_cli/arguments.h"
 #include "kvr_simulator/command_line.h"
 #include "kvr_simulator/scan_set.h"
 
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   kvr::sim::SimulateCommand command;
+  if (kvr::cli::AsksForHelp(arguments)) {
+    std::printf("usage: kvr_%s", kvr::sim::kSimulateUsage);
+    return 0;
+  }
   try {
     command = kvr::sim::ParseSimulateArguments(arguments);
   } catch (const std::invalid_argument& e) {

@@ -2,7 +2,10 @@
 
 #include <charconv>
 #include <cmath>
+#include <optional>
 #include <stdexcept>
+
+#include "kvr_cli/arguments.h"
 
 namespace kvr::sim {
 
@@ -19,7 +22,7 @@ T Number(const std::string& option, const std::string& text) {
   T value{};
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc() || end != text.data() + text.size()) {
-    throw std::invalid_argument(option + " takes a number, not \"" + text + "\"");
+    throw cli::UsageError(option + " takes a number, not \"" + text + "\"");
   }
   return value;
 }
@@ -30,11 +33,19 @@ RoomSize ParseRoom(const std::string& text) {
   std::size_t start = 0;
   for (int i = 0; i < 3; ++i) {
     const std::size_t end = i < 2 ? text.find('x', start) : text.size();
-    if (end == std::string::npos) throw std::invalid_argument("--room takes LxWxH in metres, not \"" + text + "\"");
+    if (end == std::string::npos) throw cli::UsageError("--room takes LxWxH in metres, not \"" + text + "\"");
     *dimensions[i] = Number<double>("--room", text.substr(start, end - start));
     start = end + 1;
   }
   return room;
+}
+
+// A number option read with the message above.
+template <class T>
+CLI::Option* AddNumber(CLI::App& app, const std::string& name, const std::string& valueName, T& target) {
+  return app.add_option_function<std::string>(name, [name, &target](const std::string& text) {
+    target = Number<T>(name, text);
+  })->type_name(valueName);
 }
 
 }  // namespace
@@ -63,7 +74,7 @@ std::uint64_t ParseByteSize(const std::string& text) {
   }
   const double value = Number<double>("--size", digits);
   if (!(value > 0.0) || value * static_cast<double>(unit) > 1e15) {
-    throw std::invalid_argument("--size must be a positive size, not \"" + text + "\"");
+    throw cli::UsageError("--size must be a positive size, not \"" + text + "\"");
   }
   return static_cast<std::uint64_t>(std::llround(value * static_cast<double>(unit)));
 }
@@ -71,44 +82,34 @@ std::uint64_t ParseByteSize(const std::string& text) {
 SimulateCommand ParseSimulateArguments(const std::vector<std::string>& arguments) {
   SimulateCommand command;
   SimulationOptions& o = command.options;
-  bool linesGiven = false;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& a = arguments[i];
-    if (a.rfind("--", 0) != 0) {
-      if (!command.directory.empty()) throw std::invalid_argument("one directory only, \"" + a + "\" is extra");
-      command.directory = a;
-      continue;
-    }
-    if (i + 1 == arguments.size()) throw std::invalid_argument(a + " needs a value");
-    const std::string& v = arguments[++i];
-    if (a == "--seed") {
-      o.seed = Number<std::uint64_t>(a, v);
-    } else if (a == "--kind") {
-      if (v != "90" && v != "360") throw std::invalid_argument("--kind is 90 or 360, not \"" + v + "\"");
-      o.kind = v == "90" ? ScannerKind::kNinetyDegree : ScannerKind::kThreeSixty;
-    } else if (a == "--prf") {
-      o.prf = Number<std::uint32_t>(a, v);
-    } else if (a == "--lines") {
-      o.lines = Number<std::uint32_t>(a, v);
-      linesGiven = true;
-    } else if (a == "--size") {
-      command.scanBytes = ParseByteSize(v);
-    } else if (a == "--lines-per-second") {
-      o.linesPerSecond = Number<double>(a, v);
-    } else if (a == "--room") {
-      o.room = ParseRoom(v);
-    } else if (a == "--signature") {
-      o.signature = v;
-    } else if (a == "--camera-images") {
-      o.cameraImages = Number<std::uint32_t>(a, v);
-    } else if (a == "--threads") {
-      o.threads = Number<unsigned>(a, v);
-    } else {
-      throw std::invalid_argument("unknown option " + a);
-    }
-  }
-  if (command.directory.empty()) throw std::invalid_argument("the directory to write into is missing");
-  if (linesGiven && command.scanBytes) throw std::invalid_argument("--lines and --size exclude each other");
+  std::optional<std::uint32_t> lines;
+  std::string directory;
+  CLI::App app("kvr_simulate");
+  cli::Configure(app);
+  app.add_option("DIR", directory);
+  AddNumber(app, "--seed", "N", o.seed);
+  app.add_option_function<std::string>("--kind", [&o](const std::string& v) {
+    if (v != "90" && v != "360") throw cli::UsageError("--kind is 90 or 360, not \"" + v + "\"");
+    o.kind = v == "90" ? ScannerKind::kNinetyDegree : ScannerKind::kThreeSixty;
+  });
+  AddNumber(app, "--prf", "50|200|500", o.prf);
+  app.add_option_function<std::string>("--lines", [&lines](const std::string& v) {
+    lines = Number<std::uint32_t>("--lines", v);
+  })->type_name("N");
+  app.add_option_function<std::string>("--size", [&command](const std::string& v) {
+    command.scanBytes = ParseByteSize(v);
+  })->type_name("BYTES");
+  AddNumber(app, "--lines-per-second", "R", o.linesPerSecond);
+  app.add_option_function<std::string>("--room", [&o](const std::string& v) { o.room = ParseRoom(v); })
+      ->type_name("LxWxH");
+  app.add_option("--signature", o.signature)->type_name("MAGIC");
+  AddNumber(app, "--camera-images", "N", o.cameraImages);
+  AddNumber(app, "--threads", "N", o.threads);
+  cli::Parse(app, arguments);
+  if (directory.empty()) throw cli::UsageError("the directory to write into is missing");
+  command.directory = directory;
+  if (lines && command.scanBytes) throw cli::UsageError("--lines and --size exclude each other");
+  o.lines = lines.value_or(o.lines);
   ValidateOptions(o);
   return command;
 }

@@ -20,7 +20,8 @@ struct SimulateCommand {
 
 extern const char* const kSimulateUsage;
 
-// Throws std::invalid_argument with a message for the user.
+// Throws std::invalid_argument (kvr::cli::UsageError for a malformed command
+// line) with a message for the user.
 SimulateCommand ParseSimulateArguments(const std::vector<std::string>& arguments);
 
 // "1G", "512M", "64k" or a plain number of bytes.
