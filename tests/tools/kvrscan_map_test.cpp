@@ -267,10 +267,9 @@ TEST_F(KvrscanTest, ExportIsTheSameOnAnyNumberOfThreads) {
 
 TEST_F(KvrscanTest, ExportLasWithColoursAndChosenReturns) {
   WriteLinesScan(path("scan.raw"));
-  const JsonValue summary =
-      RunJson({"export", "scan.raw", "-o", "points.LAS", "--palette", "viridis", "--returns", "last"});
-  EXPECT_EQ(summary["format"].string(), "las");
-  EXPECT_EQ(summary["num_points"].integer(), 10);
+  const Json summary = RunJson({"export", "scan.raw", "-o", "points.LAS", "--palette", "viridis", "--returns", "last"});
+  EXPECT_EQ(summary.at("format").get<std::string>(), "las");
+  EXPECT_EQ(summary.at("num_points").get<std::int64_t>(), 10);
   const std::vector<std::uint8_t> las = ReadFileBytes(path("points.LAS"));
   ASSERT_EQ(las.size(), 1581u + 10 * 68);
   EXPECT_EQ(las[104], 7);  // format 7: a palette was asked for
