@@ -70,4 +70,21 @@ inline std::uint32_t ScanArcToCounts(double arcDegrees, std::uint64_t signature)
   return static_cast<std::uint32_t>(static_cast<std::uint64_t>(static_cast<std::int64_t>(counts)));
 }
 
+// The same conversions as value = counts x factor + offset, for formats that
+// store the counts and let their readers scale them (a reader's product may
+// differ from the functions above in the last bit).
+inline constexpr double kRangePerCount = kTofCountPicoseconds * kPico * 0.5 * kSpeedOfLightInAir;  // metres
+inline constexpr double kPanRadiansPerCount = kPanDegreesPerCount * kDegreesToRadians;
+
+inline double ScanRadiansPerCount(std::uint64_t signature) {
+  if (signature == kSignatureKvrScan || signature == kSignatureMx70Dat) return kScanDegreesPerCount90 * kDegreesToRadians;
+  if (signature == kSignatureMx700Dat) return kScanDegreesPerCount360 * kDegreesToRadians;
+  return 0.0;
+}
+
+inline double ScanRadiansAtZero(std::uint64_t signature) {
+  if (signature == kSignatureKvrScan || signature == kSignatureMx70Dat) return -kScanOffsetDegrees90 * kDegreesToRadians;
+  return 0.0;
+}
+
 }  // namespace kvr::optics

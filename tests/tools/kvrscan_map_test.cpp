@@ -265,11 +265,27 @@ TEST_F(KvrscanTest, ExportIsTheSameOnAnyNumberOfThreads) {
   }
 }
 
+TEST_F(KvrscanTest, ExportLasWithColoursAndChosenReturns) {
+  WriteLinesScan(path("scan.raw"));
+  const Json summary = RunJson({"export", "scan.raw", "-o", "points.LAS", "--palette", "viridis", "--returns", "last"});
+  EXPECT_EQ(summary.at("format").get<std::string>(), "las");
+  EXPECT_EQ(summary.at("num_points").get<std::int64_t>(), 10);
+  const std::vector<std::uint8_t> las = ReadFileBytes(path("points.LAS"));
+  ASSERT_EQ(las.size(), 1581u + 10 * 68);
+  EXPECT_EQ(las[104], 7);  // format 7: a palette was asked for
+}
+
 TEST_F(KvrscanTest, ExportFailures) {
   WriteLinesScan(path("scan.raw"));
-  ExpectOneLineError(Run({"export", "scan.raw"}), 2, "kvrscan export: missing -o OUT.ply or -o OUT.csv", "");
-  ExpectOneLineError(Run({"export", "scan.raw", "-o", "points.las"}), 2,
-                     "kvrscan export: the output must end in .ply or .csv, not 'points.las'", "");
+  ExpectOneLineError(Run({"export", "scan.raw"}), 2, "kvrscan export: missing -o OUT.ply, -o OUT.csv or -o OUT.las",
+                     "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "points.xyz"}), 2,
+                     "kvrscan export: the output must end in .ply, .csv or .las, not 'points.xyz'", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.las", "--returns", "middle"}), 2,
+                     "kvrscan export: --returns takes all, first or last, not 'middle'", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "no/dir/p.las"}), 1,
+                     "kvrscan export: no/dir/p.las: cannot create (No such file or directory)", "");
+  EXPECT_FALSE(std::filesystem::exists(path("no")));
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.ply", "--palette", "jet"}), 2,
                      "kvrscan export: no palette named 'jet' (grey, viridis)", "");
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "no/dir/p.ply"}), 1,

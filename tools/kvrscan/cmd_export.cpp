@@ -1,5 +1,5 @@
-// export SCAN -o OUT.ply|OUT.csv: every return of the scan as a point, streamed
-// block by block.
+// export SCAN -o OUT.ply|OUT.csv|OUT.las: every return of the scan as a point,
+// streamed block by block.
 
 #include <algorithm>
 #include <chrono>
@@ -21,7 +21,7 @@ namespace {
 
 struct ExportOptions {
   std::string scan;
-  std::optional<std::string> output, map, ticks, palette;
+  std::optional<std::string> output, map, ticks, palette, returns;
   std::optional<std::int64_t> timeOffset, threads;
   bool json = false;
 };
@@ -31,6 +31,18 @@ const kvr::cloud::Palette& ChosenPalette(const ExportOptions& args) {
   const kvr::cloud::Palette* palette = kvr::cloud::FindPalette(name);
   if (palette == nullptr) throw UsageError("no palette named '" + name + "' (grey, viridis)");
   return *palette;
+}
+
+kvr::cloud::Returns ChosenReturns(const ExportOptions& args) {
+  const std::string name = args.returns.value_or("all");
+  if (name == "all") return kvr::cloud::Returns::kAll;
+  if (name == "first") return kvr::cloud::Returns::kFirst;
+  if (name == "last") return kvr::cloud::Returns::kLast;
+  throw UsageError("--returns takes all, first or last, not '" + name + "'");
+}
+
+const char* FormatName(PointFormat format) {
+  return format == PointFormat::kPly ? "ply" : format == PointFormat::kCsv ? "csv" : "las";
 }
 
 struct ExportRun {
@@ -49,9 +61,12 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
   ExportRun run;
   run.output = *args.output;
   const std::optional<PointFormat> format = PointFormatOf(run.output);
-  if (!format) throw UsageError("the output must end in .ply or .csv, not '" + run.output + "'");
+  if (!format) throw UsageError("the output must end in .ply, .csv or .las, not '" + run.output + "'");
   run.format = *format;
   run.palette = &ChosenPalette(args);
+  kvr::cloud::Selection selection;
+  selection.returns = ChosenReturns(args);
+  selection.columns = run.format == PointFormat::kLas ? kvr::cloud::LasWriter::kColumns : kvr::cloud::PointWriter::kColumns;
   // Past a few workers the file's reading and writing set the pace, and each
   // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
@@ -79,10 +94,12 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
           FormatDouble(map.map().intensityAt95) + ", gamma " + FormatDouble(map.map().gamma) + ")",
   };
   Checked([&] {
+    // LAS has colours (point format 7) only when a palette is asked for.
     const auto writer = OpenPointWriter(run.output, run.format, comments,
-                                        {run.palette, map.map().intensityAt95, map.map().gamma});
+                                        {run.palette, map.map().intensityAt95, map.map().gamma},
+                                        kvr::cloud::LasOptions::Of(scan, args.palette.has_value()));
     Progress progress("export " + source.path(), context.showProgress);
-    run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress);
+    run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress, selection);
     writer->finish();
   });
   std::error_code ec;
@@ -94,7 +111,7 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
 void PrintExportJson(const ExportRun& run, const std::string& scanPath) {
   JsonWriter json;
   json.beginObject().field("filename", scanPath).field("output", run.output);
-  json.field("format", run.format == PointFormat::kPly ? "ply" : "csv").field("palette", run.palette->name());
+  json.field("format", FormatName(run.format)).field("palette", run.palette->name());
   json.field("num_points", run.summary.points).field("returns_without_range", run.summary.withoutRange);
   json.field("num_shots", run.summary.shots).field("blocks_read", run.summary.blocks);
   json.field("range_offset", run.rangeOffset).field("output_bytes", run.bytes);
@@ -122,13 +139,14 @@ int RunExport(const ExportOptions& args, Context& context) {
 }
 
 int RunExportChecked(const ExportOptions& args, Context& context) {
-  if (!args.output) throw UsageError("missing -o OUT.ply or -o OUT.csv");
+  if (!args.output) throw UsageError("missing -o OUT.ply, -o OUT.csv or -o OUT.las");
   return RunExport(args, context);
 }
 
 constexpr CommandInfo kInfo{
     "export",
-    "SCAN -o OUT.ply|OUT.csv [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--threads N] [--json]",
+    "SCAN -o OUT.ply|OUT.csv|OUT.las [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--returns all|first|last]"
+    " [--threads N] [--json]",
     "every return as a point: x, y, z, intensity, return number and count, line, time and colour",
     "Axes (the scanner's own frame, metres): x = r cos(scan) cos(pan), y = r cos(scan) sin(pan),\n"
     "z = r sin(scan), with r the return's range plus the calibration's rangeOffset, pan and scan\n"
@@ -137,7 +155,8 @@ constexpr CommandInfo kInfo{
     "intensity, scaled for display by the map's intensityAt95 and gamma; the map is built unless\n"
     "--map loads one. The points are written as they are decoded: memory does not grow with the scan.\n"
     "Workers decode blocks and make their points side by side; the points are written in file order,\n"
-    "so the file is the same on any number of threads.",
+    "so the file is the same on any number of threads. LAS: version 1.4, point format 6, or 7 with\n"
+    "colours when --palette is given; range, angles, line, shot and normalized intensity as extra bytes.",
 };
 
 }  // namespace
@@ -146,11 +165,14 @@ void AddExportCommand(CommandSet& commands) {
   auto options = std::make_shared<ExportOptions>();
   CLI::App& command = commands.add(kInfo, options, RunExportChecked);
   AddInput(command, "SCAN", options->scan);
-  AddText(command, "-o,--output", "OUT", options->output, "the point file: OUT.ply (binary little-endian) or OUT.csv");
+  AddText(command, "-o,--output", "OUT", options->output,
+          "the point file: OUT.ply (binary little-endian), OUT.csv or OUT.las (LAS 1.4)");
   AddMapOption(command, options->map);
   AddTicksOption(command, options->ticks);
   AddTimeOffsetOption(command, options->timeOffset);
   AddPaletteOption(command, options->palette);
+  AddText(command, "--returns", "all|first|last", options->returns,
+          "which returns of a shot become points (default: all)");
   AddInteger(command, "--threads", "N", options->threads, 1, 256,
              "threads decoding blocks and making points (default: one per processor, at most 8)");
   AddJsonOption(command, options->json);

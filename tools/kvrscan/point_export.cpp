@@ -34,13 +34,6 @@ void Add(ReadTally& sum, const ReadTally& part) {
   sum.cutShort = sum.cutShort || part.cutShort;
 }
 
-// Every point, with the columns the point files hold.
-kvr::cloud::Selection ExportSelection() {
-  kvr::cloud::Selection selection;
-  selection.columns = kvr::cloud::PointWriter::kColumns;
-  return selection;
-}
-
 // The export on several threads. Workers take runs of consecutive blocks in
 // turn, read their points into a slot of a ring, and whichever worker finds the
 // oldest slot ready writes the ready ones, in file order. A worker waits while
@@ -50,8 +43,10 @@ class ParallelExport {
   // One block a run: its points are still in the processor's cache when written.
   static constexpr std::uint64_t kRunBlocks = 1;
 
-  ParallelExport(const kvr::cloud::Scan& scan, unsigned threads, kvr::cloud::PointWriter& writer, Progress* progress)
-      : scan_(scan), threads_(threads), writer_(writer), progress_(progress), slots_(2 * threads + 1),
+  ParallelExport(const kvr::cloud::Scan& scan, const kvr::cloud::Selection& selection, unsigned threads,
+                 kvr::cloud::PointWriter& writer, Progress* progress)
+      : scan_(scan), selection_(selection), threads_(threads), writer_(writer), progress_(progress),
+        slots_(2 * threads + 1),
         runs_((scan.blockCount() + kRunBlocks - 1) / kRunBlocks) {}
 
   ReadTally run() {
@@ -146,7 +141,7 @@ class ParallelExport {
   }
 
   const kvr::cloud::Scan& scan_;
-  const kvr::cloud::Selection selection_ = ExportSelection();
+  const kvr::cloud::Selection selection_;
   unsigned threads_;
   kvr::cloud::PointWriter& writer_;
   Progress* progress_;
@@ -168,26 +163,35 @@ std::optional<PointFormat> PointFormatOf(std::string_view path) {
   const std::string extension = Lowercase(std::filesystem::path(path).extension().string());
   if (extension == ".ply") return PointFormat::kPly;
   if (extension == ".csv") return PointFormat::kCsv;
+  if (extension == ".las") return PointFormat::kLas;
   return std::nullopt;
 }
 
 std::unique_ptr<kvr::cloud::PointWriter> OpenPointWriter(const std::string& path, PointFormat format,
                                                          const std::vector<std::string>& comments,
-                                                         const kvr::cloud::Colouring& colouring) {
+                                                         const kvr::cloud::Colouring& colouring,
+                                                         const kvr::cloud::LasOptions& las) {
   if (format == PointFormat::kPly) return std::make_unique<kvr::cloud::PlyWriter>(path, comments, colouring);
+  if (format == PointFormat::kLas) return std::make_unique<kvr::cloud::LasWriter>(path, las, colouring);
   return std::make_unique<kvr::cloud::CsvWriter>(path, comments, colouring);
 }
 
+kvr::cloud::Selection PointFileSelection() {
+  kvr::cloud::Selection selection;
+  selection.columns = kvr::cloud::PointWriter::kColumns;
+  return selection;
+}
+
 ExportSummary ExportPoints(const kvr::cloud::Scan& scan, unsigned threads, const LibraryLog* log,
-                           kvr::cloud::PointWriter& writer, Progress* progress) {
+                           kvr::cloud::PointWriter& writer, Progress* progress, const kvr::cloud::Selection& selection) {
   const auto start = std::chrono::steady_clock::now();
   ExportSummary summary;
   ReadTally tally;
   if (std::max(1u, threads) > 1) {
-    ParallelExport parallel(scan, threads, writer, progress);
+    ParallelExport parallel(scan, selection, threads, writer, progress);
     tally = parallel.run();
   } else {
-    PointReader reader(scan, ExportSelection());
+    PointReader reader(scan, selection);
     PointBatch batch;
     while (reader.next(batch)) {
       writer.write(batch);
