@@ -16,6 +16,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "synthetic_scan_file.h"
+
 #include <algorithm>
 #include <ctime>
 #include <thread>
@@ -35,47 +37,14 @@
 
 namespace {
 
-constexpr std::size_t kBlocks = 4096;  // 256 MiB
-constexpr const char* kScanPath = "/tmp/kvrscan_export_bench_v1.raw";
+using kvr::bench::Cpu;
+using kvr::bench::kBlocks;
+using kvr::bench::kScanPath;
+using kvr::bench::Wall;
 
-double Clock(clockid_t clock) {
-  timespec t{};
-  clock_gettime(clock, &t);
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
-}
 
-// Process CPU time: the export's worker threads count as well.
-double Cpu() { return Clock(CLOCK_PROCESS_CPUTIME_ID); }
-double Wall() { return Clock(CLOCK_MONOTONIC); }
 
-void EnsureScan() {
-  static const bool ready = [] {
-    kvr::writers::HeaderBlockFields fields;
-    fields.calibrationText = "rangeOffset = 0.5\n";
-    const std::vector<std::uint8_t> header = kvr::writers::BuildScanFile(fields);
-    std::error_code ec;
-    if (std::filesystem::file_size(kScanPath, ec) != header.size() + kBlocks * 65536) {
-      const std::string partial = std::string(kScanPath) + ".part";
-      std::FILE* out = std::fopen(partial.c_str(), "wb");
-      if (out == nullptr) throw std::runtime_error("cannot write " + partial);
-      std::fwrite(header.data(), 1, header.size(), out);
-      kvr::writers::SyntheticScan scan(20240601, 200, 4);
-      for (std::size_t b = 0; b < kBlocks; ++b) {
-        const std::vector<std::uint8_t> block = scan.NextBlock().build();
-        std::fwrite(block.data(), 1, block.size(), out);
-      }
-      std::fclose(out);
-      std::filesystem::rename(partial, kScanPath);
-    }
-    std::vector<char> buffer(1 << 20);
-    std::FILE* in = std::fopen(kScanPath, "rb");
-    while (std::fread(buffer.data(), 1, buffer.size(), in) > 0) {
-    }
-    std::fclose(in);
-    return true;
-  }();
-  benchmark::DoNotOptimize(ready);
-}
+void EnsureScan() { kvr::bench::EnsureSyntheticScan(); }
 
 // The plain walk: every block through DecodeNextFifoBlock. Returns the shots.
 std::uint64_t WalkPass(kvrscan::ScanSource& scan, FifoBlock& block) {

@@ -15,6 +15,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "synthetic_scan_file.h"
+
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -29,50 +31,19 @@
 
 namespace {
 
-constexpr std::size_t kBlocks = 4096;  // 256 MiB
-constexpr const char* kScanPath = "/tmp/kvrscan_export_bench_v1.raw";
+using kvr::bench::Cpu;
+using kvr::bench::kBlocks;
+using kvr::bench::kScanPath;
+using kvr::bench::Wall;
 // Where the files go: a disk (the page cache writes back behind the export) or tmpfs.
 constexpr const char* kOutputDirectories[] = {"/tmp", "/dev/shm"};
 
-double Clock(clockid_t clock) {
-  timespec t{};
-  clock_gettime(clock, &t);
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
-}
-double Wall() { return Clock(CLOCK_MONOTONIC); }
-// Process CPU time (user and system: the kernel's copy into the page cache
-// counts), steadier than wall-clock time on a shared machine.
-double Cpu() { return Clock(CLOCK_PROCESS_CPUTIME_ID); }
 
 struct Seconds {
   double wall = 0.0, cpu = 0.0;
 };
 
-// The export benchmark's scan: the same header, seed and blocks.
-void EnsureScan() {
-  static const bool ready = [] {
-    kvr::writers::HeaderBlockFields fields;
-    fields.calibrationText = "rangeOffset = 0.5\n";
-    const std::vector<std::uint8_t> header = kvr::writers::BuildScanFile(fields);
-    std::error_code ec;
-    if (std::filesystem::file_size(kScanPath, ec) != header.size() + kBlocks * 65536) {
-      const std::string partial = std::string(kScanPath) + ".las.part";
-      kvr::writers::ScanFileWriter out(partial, fields);
-      kvr::writers::SyntheticScan scan(20240601, 200, 4);
-      for (std::size_t b = 0; b < kBlocks; ++b) out.writeBlock(scan.NextBlock().build());
-      out.close();
-      std::filesystem::rename(partial, kScanPath);
-    }
-    std::vector<char> buffer(1 << 20);
-    std::FILE* in = std::fopen(kScanPath, "rb");
-    if (in == nullptr) throw std::runtime_error(std::string("cannot read ") + kScanPath);
-    while (std::fread(buffer.data(), 1, buffer.size(), in) > 0) {
-    }
-    std::fclose(in);
-    return true;
-  }();
-  benchmark::DoNotOptimize(ready);
-}
+void EnsureScan() { kvr::bench::EnsureSyntheticScan(); }
 
 // Every point of the scan through the writer; seconds to the file's rename.
 Seconds Export(const kvr::cloud::Scan& scan, kvr::cloud::PointWriter& writer, std::uint32_t columns,
