@@ -7,6 +7,7 @@
 
 #include "file_access.h"
 #include "kvr_decode/cloud/error.h"
+#include "platform/little_endian.h"
 #include "kvr_decode/cloud/scan.h"
 #include "kvr_decode/fifo_block.h"
 #include "kvr_decode/nmea_ticks_manager.h"
@@ -31,10 +32,9 @@ class ByteReader {
   }
   template <typename T>
   bool le(T& value) {
-    unsigned char bytes[sizeof(T)] = {};
+    std::uint8_t bytes[sizeof(T)] = {};
     if (!read(bytes, sizeof bytes)) return false;
-    value = 0;
-    for (std::size_t i = sizeof(T); i-- > 0;) value = static_cast<T>((value << 8) | bytes[i]);
+    value = le::Load<T>(bytes);
     return true;
   }
   std::uint64_t offset() const { return offset_; }
@@ -86,15 +86,13 @@ TickFileContents ReadTickFile(const std::filesystem::path& path) {
     if (!reader.le(record.ticks) || !reader.le(record.type)) break;
     if (record.type != layout::kPulseRecordType) {
       if (!reader.le(reserved[0]) || !reader.le(reserved[1])) break;
-      unsigned char lengthBytes[4] = {};
+      std::uint8_t lengthBytes[4] = {};
       if (!reader.read(lengthBytes, sizeof lengthBytes)) {
-        for (std::size_t i = 0; i < reader.got(); ++i) {
-          libraryLength = (libraryLength & ~(0xFFu << (8 * i))) | std::uint32_t{lengthBytes[i]} << (8 * i);
-        }
+        libraryLength = le::MergeArrived(libraryLength, lengthBytes, reader.got());
         if (libraryLength >= kSentenceLimit) refuseLength(record.offset, libraryLength);
         break;
       }
-      for (int i = 3; i >= 0; --i) length = (length << 8) | lengthBytes[i];
+      length = le::LoadU32(lengthBytes);
       libraryLength = length;
       if (length >= kSentenceLimit) refuseLength(record.offset, length);
       record.text.resize(length);
