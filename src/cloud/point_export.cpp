@@ -156,6 +156,7 @@ std::optional<PointFormat> PointFormatOf(const std::filesystem::path& path) {
   if (extension == ".ply") return PointFormat::kPly;
   if (extension == ".csv") return PointFormat::kCsv;
   if (extension == ".las") return PointFormat::kLas;
+  if (extension == ".laz") return PointFormat::kLaz;
   return std::nullopt;
 }
 
@@ -164,12 +165,13 @@ const char* FormatName(PointFormat format) {
     case PointFormat::kPly: return "ply";
     case PointFormat::kCsv: return "csv";
     case PointFormat::kLas: return "las";
+    case PointFormat::kLaz: return "laz";
   }
   return "?";
 }
 
 std::uint32_t ColumnsOf(PointFormat format) {
-  return format == PointFormat::kLas ? LasWriter::kColumns : PointWriter::kColumns;
+  return format == PointFormat::kLas || format == PointFormat::kLaz ? LasWriter::kColumns : PointWriter::kColumns;
 }
 
 std::unique_ptr<PointWriter> OpenPointWriter(const std::filesystem::path& path, PointFormat format,
@@ -178,6 +180,7 @@ std::unique_ptr<PointWriter> OpenPointWriter(const std::filesystem::path& path, 
     case PointFormat::kPly: return std::make_unique<PlyWriter>(path, settings.comments, settings.colouring);
     case PointFormat::kCsv: return std::make_unique<CsvWriter>(path, settings.comments, settings.colouring);
     case PointFormat::kLas: return std::make_unique<LasWriter>(path, settings.las, settings.colouring);
+    case PointFormat::kLaz: return std::make_unique<LazWriter>(path, settings.las, settings.colouring, settings.laz);
   }
   return nullptr;
 }

@@ -277,10 +277,10 @@ TEST_F(KvrscanTest, ExportLasWithColoursAndChosenReturns) {
 
 TEST_F(KvrscanTest, ExportFailures) {
   WriteLinesScan(path("scan.raw"));
-  ExpectOneLineError(Run({"export", "scan.raw"}), 2, "kvrscan export: missing -o OUT.ply, -o OUT.csv or -o OUT.las",
+  ExpectOneLineError(Run({"export", "scan.raw"}), 2, "kvrscan export: missing -o OUT.ply, -o OUT.csv, -o OUT.las or -o OUT.laz",
                      "");
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "points.xyz"}), 2,
-                     "kvrscan export: the output must end in .ply, .csv or .las, not 'points.xyz'", "");
+                     "kvrscan export: the output must end in .ply, .csv, .las or .laz, not 'points.xyz'", "");
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.las", "--returns", "middle"}), 2,
                      "kvrscan export: --returns takes all, first or last, not 'middle'", "");
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "no/dir/p.las"}), 1,

@@ -1,4 +1,4 @@
-// export SCAN -o OUT.ply|OUT.csv|OUT.las: every return of the scan as a point,
+// export SCAN -o OUT.ply|OUT.csv|OUT.las|OUT.laz: every return of the scan as a point,
 // streamed block by block.
 
 #include <algorithm>
@@ -57,7 +57,7 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
   ExportRun run;
   run.output = *args.output;
   const std::optional<PointFormat> format = kvr::cloud::PointFormatOf(run.output);
-  if (!format) throw UsageError("the output must end in .ply, .csv or .las, not '" + run.output + "'");
+  if (!format) throw UsageError("the output must end in .ply, .csv, .las or .laz, not '" + run.output + "'");
   run.format = *format;
   run.palette = &ChosenPalette(args);
   kvr::cloud::Selection selection;
@@ -90,11 +90,12 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
           FormatDouble(map.map().intensityAt95) + ", gamma " + FormatDouble(map.map().gamma) + ")",
   };
   Checked([&] {
-    // LAS has colours (point format 7) only when a palette is asked for.
-    const auto writer = kvr::cloud::OpenPointWriter(
-        run.output, run.format,
-        {comments, {run.palette, map.map().intensityAt95, map.map().gamma},
-         kvr::cloud::LasOptions::Of(scan, args.palette.has_value())});
+    // LAS has colours (point format 7) only when a palette is asked for. LAZ
+    // compresses its chunks on as many threads as decode the blocks.
+    kvr::cloud::WriterSettings settings{comments, {run.palette, map.map().intensityAt95, map.map().gamma},
+                                        kvr::cloud::LasOptions::Of(scan, args.palette.has_value()), {}};
+    settings.laz.threads = threads;
+    const auto writer = kvr::cloud::OpenPointWriter(run.output, run.format, settings);
     Progress progress("export " + source.path(), context.showProgress);
     run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress, selection);
     writer->finish();
@@ -136,13 +137,13 @@ int RunExport(const ExportOptions& args, Context& context) {
 }
 
 int RunExportChecked(const ExportOptions& args, Context& context) {
-  if (!args.output) throw UsageError("missing -o OUT.ply, -o OUT.csv or -o OUT.las");
+  if (!args.output) throw UsageError("missing -o OUT.ply, -o OUT.csv, -o OUT.las or -o OUT.laz");
   return RunExport(args, context);
 }
 
 constexpr CommandInfo kInfo{
     "export",
-    "SCAN -o OUT.ply|OUT.csv|OUT.las [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--returns all|first|last]"
+    "SCAN -o OUT.ply|OUT.csv|OUT.las|OUT.laz [--map MAPFILE] [--ticks Serial.dat] [--palette NAME] [--returns all|first|last]"
     " [--threads N] [--json]",
     "every return as a point: x, y, z, intensity, return number and count, line, time and colour",
     "Axes (the scanner's own frame, metres): x = r cos(scan) cos(pan), y = r cos(scan) sin(pan),\n"
@@ -153,7 +154,9 @@ constexpr CommandInfo kInfo{
     "--map loads one. The points are written as they are decoded: memory does not grow with the scan.\n"
     "Workers decode blocks and make their points side by side; the points are written in file order,\n"
     "so the file is the same on any number of threads. LAS: version 1.4, point format 6, or 7 with\n"
-    "colours when --palette is given; range, angles, line, shot and normalized intensity as extra bytes.",
+    "colours when --palette is given; range, angles, line, shot and normalized intensity as extra bytes.\n"
+    "LAZ: the LAS file compressed (layered chunked LASzip, chunks of 50,000 points, compressed on the\n"
+    "export's threads).",
 };
 
 }  // namespace
@@ -163,7 +166,7 @@ void AddExportCommand(CommandSet& commands) {
   CLI::App& command = commands.add(kInfo, options, RunExportChecked);
   AddInput(command, "SCAN", options->scan);
   AddText(command, "-o,--output", "OUT", options->output,
-          "the point file: OUT.ply (binary little-endian), OUT.csv or OUT.las (LAS 1.4)");
+          "the point file: OUT.ply (binary little-endian), OUT.csv, OUT.las (LAS 1.4) or OUT.laz (compressed LAS)");
   AddMapOption(command, options->map);
   AddTicksOption(command, options->ticks);
   AddTimeOffsetOption(command, options->timeOffset);

@@ -10,6 +10,7 @@
 
 #include "kvr_decode/cloud/export.h"
 #include "kvr_decode/cloud/las_writer.h"
+#include "kvr_decode/cloud/laz_writer.h"
 #include "kvr_decode/cloud/point_reader.h"
 #include "kvr_decode/cloud/point_writer.h"
 #include "kvr_decode/cloud/scan.h"
@@ -18,13 +19,13 @@ namespace kvr::cloud {
 
 // The point file formats, chosen by the output's extension. A new format is
 // one more value here and one more writer class.
-enum class PointFormat { kPly, kCsv, kLas };
+enum class PointFormat { kPly, kCsv, kLas, kLaz };
 
-// The format an output name asks for by its extension (.ply, .csv, .las; any
+// The format an output name asks for by its extension (.ply, .csv, .las, .laz; any
 // case), or nothing.
 KVR_CLOUD_API std::optional<PointFormat> PointFormatOf(const std::filesystem::path& path);
 
-// "ply", "csv", "las": the format's name in reports.
+// "ply", "csv", "las", "laz": the format's name in reports.
 KVR_CLOUD_API const char* FormatName(PointFormat format);
 
 // The batch columns (see Column) the format's writer reads.
@@ -34,7 +35,8 @@ KVR_CLOUD_API std::uint32_t ColumnsOf(PointFormat format);
 struct KVR_CLOUD_API WriterSettings {
   std::vector<std::string> comments;  // PLY and CSV header comments
   Colouring colouring;
-  LasOptions las;
+  LasOptions las;  // LAS and LAZ
+  LazOptions laz;
 };
 
 // The point layer's writer of that format for `path`.
