@@ -155,23 +155,23 @@ void WriteEveryFieldCase(const fs::path& dir, const std::string& name, const fs:
     if (random() % 7 == 0) r[length - 1 - random() % 32] ^= static_cast<std::uint8_t>(random());
   }
   test::WriteFile(dir / (name + ".las"), las);
-  std::vector<std::uint8_t> laz(lazSource.begin(), lazSource.begin() + lazOffset + 8);
-  std::memcpy(&laz[lazOffset + 54 + 12], &chunkSize, 4);
-  laz::ChunkEncoder encoder(colour, 32);
+  std::vector<std::uint8_t> out(lazSource.begin(), lazSource.begin() + lazOffset + 8);
+  std::memcpy(&out[lasOffset + 54 + 12], &chunkSize, 4);  // the LASzip record follows the Extra Bytes one
+  cloud::laz::ChunkEncoder encoder(colour, 32);
   std::vector<std::uint32_t> sizes;
   std::vector<std::uint8_t> chunk;
   for (std::size_t first = 0; first < count; first += chunkSize) {
     const std::size_t points = std::min<std::size_t>(chunkSize, count - first);
     encoder.encode(&las[lasOffset + first * length], points, chunk);
-    laz.insert(laz.end(), chunk.begin(), chunk.end());
+    out.insert(out.end(), chunk.begin(), chunk.end());
     sizes.push_back(static_cast<std::uint32_t>(chunk.size()));
   }
-  const std::uint64_t tableAt = laz.size();
-  std::memcpy(&laz[lazOffset], &tableAt, 8);
-  const std::vector<std::uint8_t> table = laz::ChunkTable(sizes);
-  laz.insert(laz.end(), table.begin(), table.end());
-  test::WriteFile(dir / (name + ".laz"), laz);
-  test::WriteFile(dir / (name + ".threads.laz"), laz);
+  const std::uint64_t tableAt = out.size();
+  std::memcpy(&out[lazOffset], &tableAt, 8);
+  const std::vector<std::uint8_t> table = cloud::laz::ChunkTable(sizes);
+  out.insert(out.end(), table.begin(), table.end());
+  test::WriteFile(dir / (name + ".laz"), out);
+  test::WriteFile(dir / (name + ".threads.laz"), out);
   std::fprintf(list, "%s %u %d 1\n", name.c_str(), chunkSize, colour ? 1 : 0);
 }
 
