@@ -6,8 +6,6 @@ namespace kvr::cloud::laz {
 
 namespace {
 
-constexpr std::uint32_t kMinLength = 0x01000000u;  // below this the top byte is settled
-constexpr std::uint32_t kMaxLength = 0xFFFFFFFFu;
 constexpr std::uint32_t kBitLengthShift = 13;  // length bits dropped before a bit's product
 constexpr std::uint32_t kBitMaxCount = 1u << kBitLengthShift;
 constexpr std::uint32_t kSymbolLengthShift = 15;  // and before a symbol's
@@ -65,41 +63,6 @@ void SymbolModel::update() {
   symbolsUntilUpdate_ = updateCycle_;
 }
 
-void ArithmeticEncoder::reset() {
-  base_ = 0;
-  length_ = kMaxLength;
-  bytes_.clear();
-}
-
-void ArithmeticEncoder::encodeBit(BitModel& model, std::uint32_t bit) {
-  const std::uint32_t x = model.probability0() * (length_ >> kBitLengthShift);
-  if (bit == 0) {
-    length_ = x;
-  } else {
-    addToBase(x);
-    length_ -= x;
-  }
-  if (length_ < kMinLength) renormalize();
-  model.add(bit);
-}
-
-void ArithmeticEncoder::encodeSymbol(SymbolModel& model, std::uint32_t symbol) {
-  std::uint32_t x;
-  if (symbol + 1 == model.symbols()) {
-    // The top symbol takes the rest of the interval: no second product.
-    x = model.start(symbol) * (length_ >> kSymbolLengthShift);
-    addToBase(x);
-    length_ -= x;
-  } else {
-    length_ >>= kSymbolLengthShift;
-    x = model.start(symbol) * length_;
-    addToBase(x);
-    length_ = model.start(symbol + 1) * length_ - x;
-  }
-  if (length_ < kMinLength) renormalize();
-  model.add(symbol);
-}
-
 void ArithmeticEncoder::writeBits(std::uint32_t bits, std::uint32_t value) {
   if (bits > 19) {
     // The interval keeps enough precision for 19 bits at a time.
@@ -123,6 +86,8 @@ void ArithmeticEncoder::writeInt(std::uint32_t value) {
   writeShort(static_cast<std::uint16_t>(value >> 16));
 }
 
+void ArithmeticEncoder::grow() { bytes_.resize(std::max<std::size_t>(4096, 2 * bytes_.size())); }
+
 void ArithmeticEncoder::done() {
   bool anotherByte = true;
   if (length_ > 2 * kMinLength) {
@@ -134,27 +99,19 @@ void ArithmeticEncoder::done() {
     anotherByte = false;
   }
   renormalize();
-  bytes_.push_back(0);
-  bytes_.push_back(0);
-  if (anotherByte) bytes_.push_back(0);
+  if (size_ + 3 > bytes_.size()) grow();
+  for (int i = anotherByte ? 3 : 2; i > 0; --i) bytes_[size_++] = 0;
 }
 
 void ArithmeticEncoder::propagateCarry() {
   // The interval starts at 0 and only a byte already written can overflow into.
-  for (auto at = bytes_.rbegin(); at != bytes_.rend(); ++at) {
-    if (*at != 0xFF) {
-      ++*at;
+  for (std::size_t at = size_; at-- > 0;) {
+    if (bytes_[at] != 0xFF) {
+      ++bytes_[at];
       return;
     }
-    *at = 0;
+    bytes_[at] = 0;
   }
-}
-
-void ArithmeticEncoder::renormalize() {
-  do {
-    bytes_.push_back(static_cast<std::uint8_t>(base_ >> 24));
-    base_ <<= 8;
-  } while ((length_ <<= 8) < kMinLength);
 }
 
 }  // namespace kvr::cloud::laz

@@ -22,6 +22,7 @@ class Byte14Layers {
   std::vector<Layer> layers_;
   std::vector<SymbolModel> models_;
   std::vector<std::uint8_t> last_;
+  std::vector<std::uint32_t> unchanged_;  // points since the chunk began, while a byte is unchanged
 };
 
 }  // namespace kvr::cloud::laz

@@ -19,7 +19,7 @@ std::vector<std::uint8_t> ChunkTable(std::span<const std::uint32_t> chunkBytes) 
     previous = bytes;
   }
   encoder.done();
-  table.insert(table.end(), encoder.bytes().begin(), encoder.bytes().end());
+  table.insert(table.end(), encoder.data(), encoder.data() + encoder.size());
   return table;
 }
 

@@ -19,7 +19,7 @@ struct Layer {
     encoder.reset();
     changed = false;
   }
-  std::uint32_t size() const { return changed ? static_cast<std::uint32_t>(encoder.bytes().size()) : 0u; }
+  std::uint32_t size() const { return changed ? static_cast<std::uint32_t>(encoder.size()) : 0u; }
 };
 
 inline void AppendU32(std::vector<std::uint8_t>& out, std::uint32_t value) {
@@ -27,7 +27,7 @@ inline void AppendU32(std::vector<std::uint8_t>& out, std::uint32_t value) {
 }
 
 inline void AppendLayer(std::vector<std::uint8_t>& out, const Layer& layer) {
-  if (layer.changed) out.insert(out.end(), layer.encoder.bytes().begin(), layer.encoder.bytes().end());
+  if (layer.changed) out.insert(out.end(), layer.encoder.data(), layer.encoder.data() + layer.encoder.size());
 }
 
 }  // namespace kvr::cloud::laz

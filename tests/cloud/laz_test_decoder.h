@@ -5,6 +5,7 @@
 // models, as a LAZ reader does.
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "laz_arithmetic_encoder.h"
@@ -13,7 +14,7 @@ namespace kvr::test {
 
 class LazTestDecoder {
  public:
-  explicit LazTestDecoder(const std::vector<std::uint8_t>& bytes) : bytes_(bytes) {
+  explicit LazTestDecoder(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)) {
     for (int i = 0; i < 4; ++i) value_ = (value_ << 8) | next();
   }
 
@@ -73,7 +74,7 @@ class LazTestDecoder {
     } while ((length_ <<= 8) < kMinLength);
   }
 
-  const std::vector<std::uint8_t>& bytes_;
+  std::vector<std::uint8_t> bytes_;
   std::size_t at_ = 0;
   std::uint32_t value_ = 0, length_ = 0xFFFFFFFFu;
 };
