@@ -51,6 +51,8 @@ class Point14Layers {
   static constexpr std::size_t kLayers = 9;
 
   Point14Layers();
+  Point14Layers(const Point14Layers&) = delete;  // its layer names refer into itself
+  Point14Layers& operator=(const Point14Layers&) = delete;
   // A new chunk whose first point, stored raw, is `record`.
   void start(const std::uint8_t* record);
   void write(const std::uint8_t* record);

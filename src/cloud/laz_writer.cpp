@@ -115,7 +115,7 @@ class LazWriter::Pipeline {
   struct Slot {
     std::vector<std::uint8_t> records, packed;
     std::size_t count = 0;
-    bool queued = false, done = false;
+    bool done = false;
   };
 
   std::size_t length() const { return slots_.front().records.size() / chunkSize_; }
@@ -129,7 +129,6 @@ class LazWriter::Pipeline {
       slot.done = true;
     } else {
       std::lock_guard lock(mutex_);
-      slot.queued = true;
       queue_.push_back(filled_);
     }
     changed_.notify_all();
@@ -170,7 +169,6 @@ class LazWriter::Pipeline {
       }
       {
         std::lock_guard lock(mutex_);
-        slot->queued = false;
         slot->done = true;
       }
       changed_.notify_all();
