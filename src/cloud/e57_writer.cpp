@@ -519,6 +519,7 @@ void E57Writer::finish() {
 
 E57ScanInfo E57ScanInfo::Of(const Scan& scan) {
   E57ScanInfo info;
+  info.guid = NewGuid();
   info.name = scan.path().filename().string();
   info.description = "kvr_decode export of " + info.name;
   const RawFileHeader& h = scan.header();

@@ -36,7 +36,7 @@ struct KVR_CLOUD_API E57ScanInfo {
   // it they are left out.
   std::optional<std::uint32_t> gpsWeek;
 
-  // The scan's name, sensor texts, lines, returns and reach from its header and map.
+  // A new GUID, and the scan's name, sensor texts, lines, returns and reach from its header and map.
   static E57ScanInfo Of(const Scan& scan);
 };
 
