@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -30,6 +31,10 @@ std::uint32_t Crc32c(std::span<const std::uint8_t> bytes);
 // The file offset of a logical byte (logical offsets skip the checksums).
 constexpr std::uint64_t PhysicalOf(std::uint64_t logical) {
   return logical / kPagePayload * kPageSize + logical % kPagePayload;
+}
+
+constexpr std::uint64_t LogicalOf(std::uint64_t physical) {
+  return physical / kPageSize * kPagePayload + physical % kPageSize;
 }
 
 // Writes the logical bytes of a file in pages, each closed by its checksum.
