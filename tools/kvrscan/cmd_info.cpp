@@ -6,7 +6,6 @@
 #include <cstring>
 #include <limits>
 
-#include "e57_info.h"
 #include "block_walk.h"
 #include "commands.h"
 #include "console.h"
