@@ -135,10 +135,11 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
             "colour: palette " + std::string(run.palette->name()) + " over the normalized intensity (intensityAt95 " +
                 FormatDouble(map.map().intensityAt95) + ", gamma " + FormatDouble(map.map().gamma) + ")",
         };
-        kvr::cloud::WriterSettings settings{comments,
-                                            {run.palette, map.map().intensityAt95, map.map().gamma},
-                                            // LAS has colours (point format 7) only when a palette is asked for.
-                                            kvr::cloud::LasOptions::Of(scan, args.palette.has_value())};
+        kvr::cloud::WriterSettings settings;
+        settings.comments = comments;
+        settings.colouring = {run.palette, map.map().intensityAt95, map.map().gamma};
+        // LAS has colours (point format 7) only when a palette is asked for.
+        settings.las = kvr::cloud::LasOptions::Of(scan, args.palette.has_value());
         if (e57) settings.e57 = kvr::cloud::E57ScanInfo::Of(scan);
         writer = kvr::cloud::OpenPointWriter(run.output, run.format, settings);
       } else {
