@@ -19,6 +19,7 @@ from typing import Optional as _Optional, Union as _Union
 from ._kvr_decode import (  # noqa: F401
     BlockIterator,
     ColumnIterator,
+    E57File,
     Error,
     PointIterator,
     Scan,
@@ -30,6 +31,7 @@ from ._kvr_decode import (  # noqa: F401
 )
 
 __all__ = [
+    "E57File",
     "Error",
     "Scan",
     "Ticks",

@@ -6,11 +6,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <new>
 #include <string>
 #include <utility>
 
 #include "kvr_decode/cloud/error.h"
+#include "kvr_decode/cloud/scan.h"
 
 namespace kvr::python {
 
@@ -87,7 +89,11 @@ py::dtype RecordType(std::initializer_list<std::pair<const char*, const char*>> 
 // Paths from Python: str or os.PathLike, taken as UTF-8.
 std::filesystem::path PathOf(const py::object& path);
 
+// The layer's scan of a kvr_decode.Scan, shared with it.
+std::shared_ptr<const cloud::Scan> SharedScanOf(const py::handle& scan);
+
 void BindScan(py::module_& m);
 void BindSideFiles(py::module_& m);
+void BindE57(py::module_& m);
 
 }  // namespace kvr::python

@@ -118,4 +118,5 @@ PYBIND11_MODULE(_kvr_decode, m) {
   });
   kp::BindScan(m);
   kp::BindSideFiles(m);
+  kp::BindE57(m);
 }

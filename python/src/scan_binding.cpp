@@ -603,4 +603,6 @@ void BindScan(py::module_& m) {
           "Iterates over the decoded shots of blocks first .. last - 1: one dict per block.");
 }
 
+std::shared_ptr<const cloud::Scan> SharedScanOf(const py::handle& scan) { return py::cast<const PyScan&>(scan).shared(); }
+
 }  // namespace kvr::python
