@@ -151,8 +151,8 @@ std::uint64_t PagedWriter::finish() {
 }
 
 void BitStream::drain(std::vector<std::uint8_t>& out, bool all) {
-  out.insert(out.end(), bytes_.begin(), bytes_.end());
-  bytes_.clear();
+  out.insert(out.end(), bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(used_));
+  used_ = 0;
   const unsigned whole = all ? (bits_ + 7) / 8 : bits_ / 8;
   for (unsigned i = 0; i < whole; ++i) out.push_back(static_cast<std::uint8_t>(word_ >> (8 * i)));
   if (all) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -91,17 +92,15 @@ class BitStream {
 
   // Moves the complete bytes (and with `all`, the last partial one) into `out`.
   void drain(std::vector<std::uint8_t>& out, bool all);
-  std::size_t bytes() const { return bytes_.size(); }
-  const std::vector<std::uint8_t>& data() const { return bytes_; }
-  void clear() { bytes_.clear(); }
 
  private:
   void store(std::uint64_t word) {
-    const std::size_t at = bytes_.size();
-    bytes_.resize(at + 8);
-    std::memcpy(bytes_.data() + at, &word, 8);
+    if (used_ + 8 > bytes_.size()) bytes_.resize(std::max<std::size_t>(256, 2 * bytes_.size()));
+    std::memcpy(bytes_.data() + used_, &word, 8);
+    used_ += 8;
   }
-  std::vector<std::uint8_t> bytes_;
+  std::vector<std::uint8_t> bytes_;  // complete words, used_ bytes of it
+  std::size_t used_ = 0;
   std::uint64_t word_ = 0;
   unsigned bits_ = 0;
 };

@@ -282,14 +282,19 @@ void E57Writer::State::encode(const PointBatch& batch, std::size_t first, std::s
   for (std::size_t i = first; i < end; ++i) {
     double rho = r[i], az = pan[i], el = scan[i];
     if (rho < 0.0) rho = -rho, az += kPi, el = -el;
-    el = std::remainder(el, 2 * kPi);
+    // Angles are mostly within a turn already: the library call only for the rest.
+    if (!(el >= -kPi && el <= kPi)) el = std::remainder(el, 2 * kPi);
     if (el > kHalfPi) {
       el = kPi - el, az += kPi;
     } else if (el < -kHalfPi) {
       el = -kPi - el, az += kPi;
     }
-    az = std::remainder(az, 2 * kPi);
-    if (az <= -kPi) az += 2 * kPi;
+    if (az > kPi && az <= 3 * kPi) {
+      az -= 2 * kPi;  // exact (Sterbenz): az lies within a factor 2 of 2 pi
+    } else if (!(az > -kPi && az <= kPi)) {
+      az = std::remainder(az, 2 * kPi);
+      if (az <= -kPi) az += 2 * kPi;
+    }
     const double steps = RoundToNearest(rho * kSteps);
     if (!(steps <= static_cast<double>(reach))) Beyond(path, "range", r[i], "the scan's reach");
     const auto q = static_cast<std::int64_t>(steps);
@@ -369,7 +374,8 @@ void E57Writer::State::end() {
   {
     std::vector<BitStream>& streams = groupSection.streams();
     const unsigned idBits = groupFields[0].bits(), indexBits = groupFields[1].bits();
-    const std::size_t perPacket = 8000;  // 3 x 8000 x at most 64 bits: within a packet
+    const std::size_t perPacket =
+        (e57::kMaxPacket - e57::kPacketHeaderSize - 3 * groupFields.size() - 3) * 8 / (idBits + 2 * indexBits);
     for (std::size_t g = 0; g < groups.size(); ++g) {
       streams[0].put(static_cast<std::uint64_t>(groups[g].line + 1), idBits);
       streams[1].put(groups[g].start, indexBits);
