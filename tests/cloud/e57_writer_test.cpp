@@ -269,6 +269,41 @@ TEST_F(E57WriterTest, PointsCarryPositionRowColumnReturnAndTime) {
   EXPECT_NE(file.xml.find("<intensity type=\"Integer\" minimum=\"0\" maximum=\"4095\"/>"), std::string::npos);
 }
 
+TEST_F(E57WriterTest, AnglesPastTheZenithOrNadirLookTheOtherWayRound) {
+  // A full-circle scanner (90 degrees per 65536 scan counts); pan 0.0005625 degrees a count.
+  const struct {
+    std::uint32_t pan, scan;
+    double elevation, azimuth;  // degrees
+  } cases[] = {{0, 0, 0, 0},        {0, 49152, 67.5, 0},  {0, 81920, 67.5, 180}, {0, 131072, 0, 180},
+               {0, 163840, -45, 180}, {0, 229376, -45, 0}, {480000, 0, 0, -90},   {160000, 98304, 45, -90}};
+  FifoBlockBuilder block;
+  for (const auto& c : cases) block.shot(ShotWord({c.pan, c.scan, 1, 100, 0, 0}), {ReturnWord(1100, 10)});
+  HeaderBlockFields fields;
+  fields.signature = "MX700DAT";
+  fields.calibrationText = "rangeOffset = 0.5\n";  // without it the default offset makes the ranges negative
+  WriteFile(path("scan.raw"), FifoFile({block.build()}, 0, BuildScanFile(fields)));
+  const cloud::Scan scan(path("scan.raw"));
+  {
+    cloud::E57Writer writer(path("scan.e57"));
+    writer.beginScan(cloud::E57ScanInfo::Of(scan));
+    cloud::Selection selection;
+    selection.columns = cloud::E57Writer::kColumns;
+    cloud::PointReader reader(scan, selection);
+    while (reader.next(batch_)) writer.write(batch_);
+    writer.finish();
+  }
+  const cloud::E57Summary file = cloud::ReadE57Summary(path("scan.e57"));
+  ASSERT_EQ(file.scans.size(), 1u);
+  const auto values = cloud::ReadE57Fields(path("scan.e57"), file.scans[0]);
+  constexpr double kDegree = std::numbers::pi / 180;
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const double el = std::bit_cast<double>(Field(values, file.scans[0], "sphericalElevation", i));
+    const double az = std::bit_cast<double>(Field(values, file.scans[0], "sphericalAzimuth", i));
+    EXPECT_NEAR(el, cases[i].elevation * kDegree, 1e-12) << i;
+    EXPECT_NEAR(az, cases[i].azimuth * kDegree, 1e-12) << i;
+  }
+}
+
 TEST_F(E57WriterTest, PointsBeyondTheReachOrAnUnwritableOutputLeaveNoFile) {
   WriteScan();
   const cloud::Scan scan(path("scan.raw"));
