@@ -87,6 +87,11 @@ class BitStream {
       bits_ += width;
     }
   }
+  // Appends `count` zero bits.
+  void putZeros(std::uint64_t count) {
+    for (; count >= 48; count -= 48) put(0, 48);
+    if (count > 0) put(0, static_cast<unsigned>(count));
+  }
   // Appends 8 bytes as they lie (doubles); the stream holds nothing else.
   void putWord(std::uint64_t word) { store(word); }
 

@@ -272,7 +272,8 @@ void E57Writer::State::encode(const PointBatch& batch, std::size_t first, std::s
     }
     xyz[a] = seen;
   }
-  for (std::size_t i = first; i < end; ++i) streams[kCartesianInvalid].put(0, bits[kCartesianInvalid]);
+  // Every point has a range: state 0 throughout.
+  streams[kCartesianInvalid].putZeros(std::uint64_t{bits[kCartesianInvalid]} * (end - first));
 
   // The format's spherical coordinates: range >= 0, azimuth in (-pi, pi],
   // elevation in [-pi/2, pi/2]. A scan angle past the zenith or nadir looks

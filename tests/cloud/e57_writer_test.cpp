@@ -73,6 +73,10 @@ TEST(E57BitPacking, PacksValuesFromTheLowBitOnAcrossWords) {
   c.put(1, 1);
   EXPECT_EQ(Drained(c, false), Bytes{});
   EXPECT_EQ(Drained(c, true), (Bytes{0x01}));
+  // Zeros, in runs longer than a put takes.
+  e57::BitStream z;
+  z.put(1, 1), z.putZeros(100), z.put(1, 1);
+  EXPECT_EQ(Drained(z, true), (Bytes{0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x20}));
   // A word as it lies (doubles).
   e57::BitStream d;
   d.putWord(std::bit_cast<std::uint64_t>(1.0));
