@@ -10,7 +10,6 @@
 
 #include "e57_format.h"
 #include "file_access.h"
-#include "fifo/block_format.h"
 #include "kvr_decode/cloud/error.h"
 #include "optics/conversions.h"
 
@@ -142,7 +141,6 @@ struct E57Writer::State {
   std::array<Extent<std::int64_t>, 3> xyz;
   Extent<std::int64_t> range, row, column, returns;
   Extent<double> azimuth, elevation, time;
-  std::uint32_t lastScanImages = 0;
 
   void begin(const E57ScanInfo& scanInfo);
   void encode(const PointBatch& batch, std::size_t first, std::size_t end);
