@@ -137,7 +137,21 @@ def _converted(job: Dict[str, Any], report: Result, started: float, **fields: An
 
 
 def _open(job: Dict[str, Any], map_file: Optional[str] = None) -> kvr_decode.Scan:
+    _log_apart()
     return kvr_decode.open(job["path"], ticks=job["ticks"], map=map_file)
+
+
+def _log_apart() -> None:
+    """Moves the worker into its own folder: the library logs into the current
+    directory, and what one scan logs must not count as another's damage."""
+    try:
+        from distributed import get_worker
+
+        folder = get_worker().local_directory
+    except (ImportError, ValueError):  # not inside a Dask worker
+        return
+    if os.getcwd() != folder:
+        os.chdir(folder)
 
 
 def convert_scan(job: Dict[str, Any], outdir: str, fmt: str, split_blocks: Optional[int] = None) -> Result:
