@@ -39,7 +39,7 @@ def peak_memory():
 
 def convert(root, workers, fmt, outdir):
     started = time.monotonic()
-    with LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None) as cluster, \
+    with LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0") as cluster, \
             Client(cluster) as client:
         client.wait_for_workers(workers)
         ready = time.monotonic()

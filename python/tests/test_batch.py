@@ -41,7 +41,7 @@ def campaign(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def cluster():
-    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None) as local:
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0") as local:
         yield local
 
 
@@ -131,8 +131,8 @@ def test_a_scan_no_larger_than_the_split_is_one_file(campaign, cluster, tmp_path
     jobs = batch.find_scans([str(campaign / "pos03")])
     blocks = kvr_decode.open(jobs[0].path).block_count
     report = _run(jobs, tmp_path, cluster, format="las", split_blocks=blocks)
-    assert [o["path"] for o in report.rows[0].outputs] == [str(tmp_path / "pos03" / "scan.las")]
-    assert not (tmp_path / "pos03" / "scan.manifest.json").exists()
+    assert [o["path"] for o in report.rows[0].outputs] == [str(tmp_path / "scan.las")]
+    assert not (tmp_path / "scan.manifest.json").exists()
 
 
 def _damage(campaign, tmp_path):
@@ -197,11 +197,14 @@ class _KillDuringWrite(WorkerPlugin):
 def test_a_worker_killed_during_the_run_loses_and_duplicates_nothing(campaign, tmp_path):
     jobs = batch.find_scans([str(campaign)])
     marker, out = tmp_path / "killed", tmp_path / "out"
-    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None) as local, \
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0") as local, \
             Client(local) as client:
         client.register_worker_plugin(_KillDuringWrite(str(marker), str(out)), name="kill")
+        before = set(client.run(os.getpid).values())
         report = _run(jobs, out, local, format="ply")
-    assert marker.exists()
+        client.wait_for_workers(2)
+        after = set(client.run(os.getpid).values())
+    assert marker.exists() and len(before - after) == 1  # one worker died and was replaced
     assert report.exit_status == 0, [r.error for r in report.rows]
     assert sorted(r.name for r in report.rows) == [f"pos{i:02d}/scan" for i in range(1, SCANS + 1)]
     assert sorted(glob.glob(str(out / "**" / "*.ply"), recursive=True)) == \

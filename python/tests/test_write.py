@@ -33,6 +33,8 @@ def _body(data, fmt):
     ("points.csv", ["--returns", "last"], "body"),
 ])
 def test_files_equal_kvrscan_exports(scan_set, scan, kvrscan, tmp_path, name, extra, compare):
+    tmp_path = tmp_path / "out"  # the library's log goes into the current folder
+    tmp_path.mkdir()
     theirs = tmp_path / ("kvrscan-" + name)
     subprocess.run([kvrscan, "export", str(scan_set["scan"]), "--ticks", str(scan_set["ticks"]), "-o", str(theirs),
                     *extra], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -85,6 +87,8 @@ def test_point_format_by_name_or_file_name(name, expected):
 
 
 def test_refusals_name_what_is_wrong(scan, tmp_path):
+    tmp_path = tmp_path / "out"
+    tmp_path.mkdir()
     cases = [
         (dict(path=tmp_path / "p.xyz"), ValueError, "extension '.xyz'"),
         (dict(path=tmp_path / "p.ply", format="xyz"), ValueError, "no point format named 'xyz'"),
@@ -103,6 +107,8 @@ def test_refusals_name_what_is_wrong(scan, tmp_path):
 
 @pytest.mark.parametrize("where", ["missing folder", "folder in the way"])
 def test_an_unwritable_output_raises_and_leaves_nothing(scan, tmp_path, where):
+    tmp_path = tmp_path / "out"
+    tmp_path.mkdir()
     target = tmp_path / "no" / "p.las" if where == "missing folder" else tmp_path / "p.las"
     if where == "folder in the way":
         target.mkdir()
@@ -135,6 +141,8 @@ def test_the_gil_is_free_while_a_file_is_written(scan_set, tmp_path):
 
 
 def test_a_saved_map_loads_and_gives_the_same_points(scan_set, scan, points, tmp_path):
+    tmp_path = tmp_path / "out"
+    tmp_path.mkdir()
     target = tmp_path / "scan.map"
     histogram = scan.histogram
     scan.save_map(target)

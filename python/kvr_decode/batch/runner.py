@@ -74,7 +74,7 @@ def _client(options: BatchOptions):
     # Processes, one thread each: a scan is decoded with the GIL released, but
     # one process per task keeps the workers' memory and failures apart.
     cluster = LocalCluster(n_workers=options.workers or 1, threads_per_worker=1, processes=True,
-                           dashboard_address=None)
+                           dashboard_address=":0")
     return Client(cluster), cluster
 
 
