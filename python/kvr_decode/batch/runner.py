@@ -2,7 +2,6 @@
 writes the manifests and the summary from the small dicts the tasks return."""
 
 import glob
-import json
 import os
 import sys
 import time
