@@ -224,6 +224,15 @@ def test_write_failures_name_the_file_and_leave_nothing(campaign, cluster, tmp_p
     assert [r.status for r in report.rows] == ["ok", "failed"]
     assert str(out / "pos02" / "scan.las") in report.rows[1].error
     assert (out / "pos01" / "scan.las").is_file() and _leftovers(out) == []
+    # A part that cannot be written: the scan fails whole, none of its parts are left.
+    split = tmp_path / "split"
+    (split / "pos02" / "scan.part-0001.ply").mkdir(parents=True)
+    report = _run(jobs, split, cluster, format="ply", split_blocks=2)
+    assert [r.status for r in report.rows] == ["ok", "failed"]
+    assert report.rows[1].error.startswith("part 1 (blocks 2..3): ")
+    assert str(split / "pos02" / "scan.part-0001.ply") in report.rows[1].error
+    assert sorted(os.listdir(split / "pos02")) == ["scan.part-0001.ply"]
+    assert (split / "pos01" / "scan.manifest.json").is_file() and _leftovers(split) == []
     # An output folder that cannot be made: exit 1, a message, no files.
     blocker = tmp_path / "file"
     blocker.write_text("")

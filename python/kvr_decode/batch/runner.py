@@ -6,7 +6,7 @@ import os
 import sys
 import time
 from dataclasses import asdict, dataclass, field
-from typing import Any, Dict, List, Optional, TextIO
+from typing import Any, Dict, List, Optional, TextIO, Tuple
 
 from . import tasks
 from .scans import ScanJob
@@ -102,23 +102,24 @@ def run(jobs: List[ScanJob], options: BatchOptions, progress: Optional[TextIO] =
     client, cluster = _client(options)
     try:
         pending = as_completed()
-        owner: Dict[str, int] = {}
+        # Per task: its scan, and for a part its number and blocks.
+        owner: Dict[str, Tuple[int, Dict[str, Any]]] = {}
 
-        def submit(index: int, function, *args) -> None:
+        def submit(index: int, part: Dict[str, Any], function, *args) -> None:
             future = client.submit(function, *args, pure=False, retries=TASK_RETRIES)
-            owner[future.key] = index
+            owner[future.key] = (index, part)
             pending.add(future)
             shown.total += 1
 
         for i, job in enumerate(jobs):
-            submit(i, tasks.convert_scan, asdict(job), outdir, options.format, options.split_blocks)
+            submit(i, {}, tasks.convert_scan, asdict(job), outdir, options.format, options.split_blocks)
         shown.update()
         for future in pending:
-            index = owner.pop(future.key)
+            index, part = owner.pop(future.key)
             try:
                 result = future.result()
             except Exception as error:  # noqa: BLE001 - the task's workers kept dying
-                result = {"error": f"the cluster could not run the task: {type(error).__name__}: {error}"}
+                result = {"error": f"the cluster could not run the task: {type(error).__name__}: {error}", **part}
             shown.done += 1
             split = result.get("split")
             if split:
@@ -126,9 +127,9 @@ def run(jobs: List[ScanJob], options: BatchOptions, progress: Optional[TextIO] =
                 count, step = split["block_count"], options.split_blocks
                 ranges = [(first, min(first + step, count)) for first in range(0, count, step)]
                 parts[index] = []
-                for part, blocks in enumerate(ranges):
-                    submit(index, tasks.convert_part, asdict(jobs[index]), outdir, options.format, part, len(ranges),
-                           blocks, split["map"])
+                for number, blocks in enumerate(ranges):
+                    submit(index, {"part": number, "blocks": list(blocks)}, tasks.convert_part, asdict(jobs[index]),
+                           outdir, options.format, number, len(ranges), blocks, split["map"])
             elif index in parts:
                 parts[index].append(result)
                 shown.points += result.get("points", 0)
@@ -160,7 +161,15 @@ def _finish_split(row: ScanRow, job: ScanJob, results: List[Dict[str, Any]], spl
                   fmt: str) -> None:
     results.sort(key=lambda r: r["part"])
     row.take(merge_parts(results))
-    if not row.error:
+    if not all(r.get("outputs") for r in results):
+        # Without one part the others are no use: nothing is left of the scan.
+        for output in row.outputs:
+            try:
+                os.unlink(output["path"])
+            except OSError:
+                pass
+        row.outputs = []
+    else:  # a damaged scan's parts are written all the same
         try:
             manifest = write_manifest(tasks.manifest_path(outdir, job.name), job, fmt, split["block_count"], results)
             row.outputs.append({"path": manifest, "bytes": os.path.getsize(manifest)})
