@@ -16,6 +16,7 @@ from distributed.diagnostics.plugin import WorkerPlugin
 
 import kvr_decode
 from kvr_decode import batch
+from kvr_decode.batch.__main__ import main
 
 # The workers unpickle this module's plugin without importing the test folder.
 cloudpickle.register_pickle_by_value(sys.modules[__name__])
@@ -172,6 +173,66 @@ def test_a_damaged_scan_fails_alone(campaign, tmp_path):
     assert _leftovers(out) == []
 
 
+def test_write_failures_name_the_file_and_leave_nothing(campaign, cluster, tmp_path, capsys):
+    # A target that is a folder: that scan fails, the others are written.
+    jobs = batch.find_scans([str(campaign / "pos01"), str(campaign / "pos02")])
+    out = tmp_path / "out"
+    (out / "pos02" / "scan.las").mkdir(parents=True)
+    report = _run(jobs, out, cluster, format="las")
+    assert report.exit_status == 1
+    assert [r.status for r in report.rows] == ["ok", "failed"]
+    assert str(out / "pos02" / "scan.las") in report.rows[1].error
+    assert (out / "pos01" / "scan.las").is_file() and _leftovers(out) == []
+    # A part that cannot be written: the scan fails whole, none of its parts are left.
+    split = tmp_path / "split"
+    (split / "pos02" / "scan.part-0001.ply").mkdir(parents=True)
+    report = _run(jobs, split, cluster, format="ply", split_blocks=2)
+    assert [r.status for r in report.rows] == ["ok", "failed"]
+    assert report.rows[1].error.startswith("part 1 (blocks 2..3): ")
+    assert str(split / "pos02" / "scan.part-0001.ply") in report.rows[1].error
+    assert sorted(os.listdir(split / "pos02")) == ["scan.part-0001.ply"]
+    assert (split / "pos01" / "scan.manifest.json").is_file() and _leftovers(split) == []
+    # An output folder that cannot be made: exit 1, a message, no files.
+    blocker = tmp_path / "file"
+    blocker.write_text("")
+    assert main([str(campaign / "pos01"), "-o", str(blocker / "out"), "--workers", "1"]) == 1
+    assert str(blocker / "out") in capsys.readouterr().err
+    assert blocker.read_text() == ""
+
+
+def test_command_line_refusals(campaign, tmp_path, capsys):
+    cases = [
+        (["--workers", "0"], "--workers"),
+        (["--split-blocks", "0"], "--split-blocks"),
+        (["--workers", "2", "--scheduler", "tcp://127.0.0.1:1"], "not allowed with"),
+        (["--format", "xyz"], "invalid choice"),
+    ]
+    for extra, message in cases:
+        with pytest.raises(SystemExit) as exited:
+            main([str(campaign / "pos01"), "-o", str(tmp_path / "out"), *extra])
+        assert (exited.value.code, message in capsys.readouterr().err) == (2, True), extra
+    assert main([str(tmp_path / "nothing"), "-o", str(tmp_path / "out")]) == 1
+    assert "nothing: no such file or folder" in capsys.readouterr().err
+    assert not (tmp_path / "out").exists()
+
+
+def test_scans_are_found_and_named_by_their_place(campaign, tmp_path):
+    found = batch.find_scans([str(campaign)])
+    assert [(j.name, os.path.basename(j.ticks)) for j in found[:2]] == [("pos01/scan", "Serial.dat"),
+                                                                         ("pos02/scan", "Serial.dat")]
+    files = batch.find_scans([str(campaign / "pos02" / "scan.raw"), str(campaign / "pos05")], ticks="none")
+    assert [(j.name, j.ticks) for j in files] == [("pos02/scan", None), ("pos05/scan", None)]
+    assert [j.name for j in batch.find_scans([str(campaign / "pos04" / "scan.raw")])] == ["scan"]
+    # The same scan twice is one job.
+    twice = batch.find_scans([str(campaign / "pos01"), str(campaign / "pos01" / "scan.raw")])
+    assert [j.name for j in twice] == ["scan"]
+    (tmp_path / "empty").mkdir()
+    with pytest.raises(batch.InputError, match="no scan file"):
+        batch.find_scans([str(tmp_path / "empty")])
+    with pytest.raises(ValueError, match="ticks"):
+        batch.find_scans([str(campaign)], ticks="always")
+
+
 class _KillDuringWrite(WorkerPlugin):
     """Ends the first worker that starts a conversion, once an output is being written."""
 
@@ -194,14 +255,14 @@ class _KillDuringWrite(WorkerPlugin):
         os._exit(1)
 
 
-def test_a_worker_killed_during_the_run_loses_and_duplicates_nothing(campaign, tmp_path):
+# Last in the file: it takes a worker of the shared cluster.
+def test_a_worker_killed_during_the_run_loses_and_duplicates_nothing(campaign, cluster, tmp_path):
     jobs = batch.find_scans([str(campaign)])
     marker, out = tmp_path / "killed", tmp_path / "out"
-    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0") as local, \
-            Client(local) as client:
+    with Client(cluster) as client:
         client.register_worker_plugin(_KillDuringWrite(str(marker), str(out)), name="kill")
         before = set(client.run(os.getpid).values())
-        report = _run(jobs, out, local, format="ply")
+        report = _run(jobs, out, cluster, format="ply")
         client.wait_for_workers(2)
         after = set(client.run(os.getpid).values())
     assert marker.exists() and len(before - after) == 1  # one worker died and was replaced
@@ -212,66 +273,3 @@ def test_a_worker_killed_during_the_run_loses_and_duplicates_nothing(campaign, t
     for row in report.rows:
         assert (out / f"{row.name}.ply").read_bytes() == _expected(row.scan, tmp_path, "ply")
     assert _leftovers(out) == []
-
-
-def test_write_failures_name_the_file_and_leave_nothing(campaign, cluster, tmp_path):
-    # A target that is a folder: that scan fails, the others are written.
-    jobs = batch.find_scans([str(campaign / "pos01"), str(campaign / "pos02")])
-    out = tmp_path / "out"
-    (out / "pos02" / "scan.las").mkdir(parents=True)
-    report = _run(jobs, out, cluster, format="las")
-    assert report.exit_status == 1
-    assert [r.status for r in report.rows] == ["ok", "failed"]
-    assert str(out / "pos02" / "scan.las") in report.rows[1].error
-    assert (out / "pos01" / "scan.las").is_file() and _leftovers(out) == []
-    # A part that cannot be written: the scan fails whole, none of its parts are left.
-    split = tmp_path / "split"
-    (split / "pos02" / "scan.part-0001.ply").mkdir(parents=True)
-    report = _run(jobs, split, cluster, format="ply", split_blocks=2)
-    assert [r.status for r in report.rows] == ["ok", "failed"]
-    assert report.rows[1].error.startswith("part 1 (blocks 2..3): ")
-    assert str(split / "pos02" / "scan.part-0001.ply") in report.rows[1].error
-    assert sorted(os.listdir(split / "pos02")) == ["scan.part-0001.ply"]
-    assert (split / "pos01" / "scan.manifest.json").is_file() and _leftovers(split) == []
-    # An output folder that cannot be made: exit 1, a message, no files.
-    blocker = tmp_path / "file"
-    blocker.write_text("")
-    done = subprocess.run([sys.executable, "-m", "kvr_decode.batch", str(campaign / "pos01"), "-o",
-                           str(blocker / "out"), "--workers", "1"], capture_output=True, text=True, timeout=120)
-    assert done.returncode == 1
-    assert str(blocker / "out") in done.stderr
-    assert blocker.read_text() == ""
-
-
-def test_command_line_refusals(campaign, tmp_path):
-    cases = [
-        (["--workers", "0"], 2, "--workers"),
-        (["--split-blocks", "0"], 2, "--split-blocks"),
-        (["--workers", "2", "--scheduler", "tcp://127.0.0.1:1"], 2, "not allowed with"),
-        (["--format", "xyz"], 2, "invalid choice"),
-    ]
-    for extra, status, message in cases:
-        done = subprocess.run([sys.executable, "-m", "kvr_decode.batch", str(campaign / "pos01"), "-o",
-                               str(tmp_path / "out"), *extra], capture_output=True, text=True, timeout=60)
-        assert (done.returncode, message in done.stderr) == (status, True), (extra, done.stderr)
-    missing = subprocess.run([sys.executable, "-m", "kvr_decode.batch", str(tmp_path / "nothing"), "-o",
-                              str(tmp_path / "out")], capture_output=True, text=True, timeout=60)
-    assert missing.returncode == 1 and "nothing: no such file or folder" in missing.stderr
-    assert not (tmp_path / "out").exists()
-
-
-def test_scans_are_found_and_named_by_their_place(campaign, tmp_path):
-    found = batch.find_scans([str(campaign)])
-    assert [(j.name, os.path.basename(j.ticks)) for j in found[:2]] == [("pos01/scan", "Serial.dat"),
-                                                                         ("pos02/scan", "Serial.dat")]
-    files = batch.find_scans([str(campaign / "pos02" / "scan.raw"), str(campaign / "pos05")], ticks="none")
-    assert [(j.name, j.ticks) for j in files] == [("pos02/scan", None), ("pos05/scan", None)]
-    assert [j.name for j in batch.find_scans([str(campaign / "pos04" / "scan.raw")])] == ["scan"]
-    # The same scan twice is one job.
-    twice = batch.find_scans([str(campaign / "pos01"), str(campaign / "pos01" / "scan.raw")])
-    assert [j.name for j in twice] == ["scan"]
-    (tmp_path / "empty").mkdir()
-    with pytest.raises(batch.InputError, match="no scan file"):
-        batch.find_scans([str(tmp_path / "empty")])
-    with pytest.raises(ValueError, match="ticks"):
-        batch.find_scans([str(campaign)], ticks="always")
