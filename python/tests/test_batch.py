@@ -155,8 +155,8 @@ def test_a_damaged_scan_fails_alone(campaign, tmp_path):
     done = subprocess.run([sys.executable, "-m", "kvr_decode.batch", str(root), "-o", str(out), "--workers", "2",
                            "--format", "las"], capture_output=True, text=True, timeout=300)
     assert done.returncode == 1, done.stderr
-    assert f"{root / 'pos03' / 'scan.raw'}: failed:" in done.stderr
-    assert f"{root / 'pos06' / 'scan.raw'}: damaged:" in done.stderr
+    assert f"failed: {root / 'pos03' / 'scan.raw'}: not a raw scan file" in done.stderr
+    assert f"damaged: {root / 'pos06' / 'scan.raw'}: 1 block with a bad signature" in done.stderr
     assert "6 of 8 scans converted" in done.stderr
     assert "8/8 tasks" in done.stderr  # the progress line
     with open(out / "summary.csv", newline="") as f:

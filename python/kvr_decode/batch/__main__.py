@@ -59,7 +59,9 @@ def main(argv: Optional[List[str]] = None) -> int:
         return 1
     for row in report.rows:
         if row.status != "ok":
-            print(f"kvr_decode.batch: {row.scan}: {row.status}: {row.error}", file=sys.stderr)
+            # The library's messages name the file already.
+            where = "" if row.error.startswith(row.scan) else f"{row.scan}: "
+            print(f"kvr_decode.batch: {row.status}: {where}{row.error}", file=sys.stderr)
     print(f"kvr_decode.batch: {len(report.rows) - report.failed} of {len(report.rows)} scans converted in "
           f"{report.seconds:.1f} s; summary in {report.summary_files[0]}", file=sys.stderr)
     return report.exit_status
