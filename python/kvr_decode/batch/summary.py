@@ -9,7 +9,7 @@ from dataclasses import dataclass, field
 from typing import Any, Dict, List, Optional, Tuple
 
 from .scans import ScanJob
-from .tasks import temporary_beside
+from .tasks import replacing
 
 SUMMARY_NAME = "summary"
 CSV_COLUMNS = ["scan", "name", "status", "points", "min_x", "min_y", "min_z", "max_x", "max_y", "max_z",
@@ -78,20 +78,8 @@ def merge_parts(results: List[Dict[str, Any]]) -> Dict[str, Any]:
 
 def write_text(target: str, text: str) -> None:
     """The text under the target's name, complete, or an OSError and the old file kept."""
-    fd, temporary = temporary_beside(target)
-    try:
-        with os.fdopen(fd, "w", encoding="utf-8", newline="") as out:
-            out.write(text)
-            out.flush()
-            os.fsync(out.fileno())
-        os.chmod(temporary, 0o644)
-        os.replace(temporary, target)
-    except BaseException:
-        try:
-            os.unlink(temporary)
-        except OSError:
-            pass
-        raise
+    with replacing(target, "w", encoding="utf-8", newline="") as out:
+        out.write(text)
 
 
 def write_manifest(target: str, job: ScanJob, fmt: str, block_count: int, parts: List[Dict[str, Any]]) -> str:

@@ -7,10 +7,11 @@ than raised: Dask then does not run a task that cannot succeed again, and the
 other scans go on. Every file appears under its name complete or not at all.
 """
 
+import contextlib
 import os
 import tempfile
 import time
-from typing import Any, Dict, List, Optional, Tuple
+from typing import IO, Any, Dict, Iterator, List, Optional, Tuple
 
 import numpy as np
 
@@ -40,10 +41,27 @@ def map_path(outdir: str, name: str) -> str:
     return os.path.join(outdir, head, f".{tail}.batch-map")
 
 
-def temporary_beside(target: str) -> Tuple[int, str]:
-    """An open temporary file beside the target, named as the point layer names its own."""
+@contextlib.contextmanager
+def replacing(target: str, mode: str = "wb", **open_arguments: Any) -> Iterator[IO[Any]]:
+    """A file to write that takes the target's name only once complete: it is
+    written under a temporary name beside it (named as the point layer names
+    its own), flushed to the disk and renamed; on any failure it is removed and
+    a file that had the name keeps it."""
     folder, base = os.path.split(target)
-    return tempfile.mkstemp(prefix=base + ".tmp-", dir=folder or ".")
+    fd, temporary = tempfile.mkstemp(prefix=base + ".tmp-", dir=folder or ".")
+    try:
+        with os.fdopen(fd, mode, **open_arguments) as out:
+            yield out
+            out.flush()
+            os.fsync(out.fileno())
+        os.chmod(temporary, 0o644)  # mkstemp's file is its owner's alone
+        os.replace(temporary, target)
+    except BaseException:
+        try:
+            os.unlink(temporary)
+        except OSError:
+            pass
+        raise
 
 
 # A .npy header whose shape is written once the count is known: it is padded to
@@ -67,35 +85,23 @@ def _npy_header(dtype: np.dtype, count: int) -> bytes:
 def write_npy(scan: kvr_decode.Scan, target: str, blocks: Optional[Tuple[int, int]] = None) -> Result:
     """The points as one .npy of kvr_decode.point_dtype records, streamed batch by batch."""
     start = time.monotonic()
-    fd, temporary = temporary_beside(target)
     count = 0
     low = high = None
     first_time = last_time = None
-    try:
-        with os.fdopen(fd, "wb") as out:
-            out.write(_npy_header(kvr_decode.point_dtype, 0))
-            for batch in scan.points(blocks=blocks):
-                out.write(batch.data)
-                count += len(batch)
-                box = [(batch[a].min(), batch[a].max()) for a in ("X", "Y", "Z")]
-                batch_low, batch_high = [b[0] for b in box], [b[1] for b in box]
-                low = batch_low if low is None else np.minimum(low, batch_low)
-                high = batch_high if high is None else np.maximum(high, batch_high)
-                times = batch["GpsTime"]
-                first_time = times.min() if first_time is None else min(first_time, times.min())
-                last_time = times.max() if last_time is None else max(last_time, times.max())
-            out.seek(0)
-            out.write(_npy_header(kvr_decode.point_dtype, count))
-            out.flush()
-            os.fsync(out.fileno())
-        os.chmod(temporary, 0o644)
-        os.replace(temporary, target)
-    except BaseException:
-        try:
-            os.unlink(temporary)
-        except OSError:
-            pass
-        raise
+    with replacing(target) as out:
+        out.write(_npy_header(kvr_decode.point_dtype, 0))
+        for batch in scan.points(blocks=blocks):
+            out.write(batch.data)
+            count += len(batch)
+            box = [(batch[a].min(), batch[a].max()) for a in ("X", "Y", "Z")]
+            batch_low, batch_high = [b[0] for b in box], [b[1] for b in box]
+            low = batch_low if low is None else np.minimum(low, batch_low)
+            high = batch_high if high is None else np.maximum(high, batch_high)
+            times = batch["GpsTime"]
+            first_time = times.min() if first_time is None else min(first_time, times.min())
+            last_time = times.max() if last_time is None else max(last_time, times.max())
+        out.seek(0)
+        out.write(_npy_header(kvr_decode.point_dtype, count))
     return {
         "path": target,
         "points": count,
