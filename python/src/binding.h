@@ -89,11 +89,16 @@ py::dtype RecordType(std::initializer_list<std::pair<const char*, const char*>> 
 // Paths from Python: str or os.PathLike, taken as UTF-8.
 std::filesystem::path PathOf(const py::object& path);
 
-// The layer's scan of a kvr_decode.Scan, shared with it.
-std::shared_ptr<const cloud::Scan> SharedScanOf(const py::handle& scan);
-
 void BindScan(py::module_& m);
 void BindSideFiles(py::module_& m);
 void BindE57(py::module_& m);
+// Adds the writing methods to kvr_decode.Scan (after BindScan).
+void BindWriters(py::module_& m);
+
+// The scan a kvr_decode.Scan object holds.
+std::shared_ptr<const cloud::Scan> SharedScan(const py::handle& scan);
+// The counts per bin of the map's histogram, binned again from the scan's
+// samples (the map keeps none after its build); empty for a loaded map.
+py::array MapHistogram(const std::shared_ptr<const cloud::Scan>& scan);
 
 }  // namespace kvr::python

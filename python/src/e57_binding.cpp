@@ -27,7 +27,7 @@ class PyE57File {
     cloud::Selection selection;
     selection.returns = ReturnsNamed(returns);
     selection.columns = cloud::E57Writer::kColumns;
-    const std::shared_ptr<const cloud::Scan> shared = SharedScanOf(scan);
+    const std::shared_ptr<const cloud::Scan> shared = SharedScan(scan);
     cloud::E57Writer& writer = open();
     py::gil_scoped_release release;
     Guarded(path_, [&] {

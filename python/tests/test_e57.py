@@ -18,6 +18,9 @@ def test_write_e57_holds_every_point_of_the_scan(scan_set, kvrscan, tmp_path):
     assert [s["name"] for s in info["scans"]] == ["scan.raw"]
     points = scan.read_points(returns="last")
     assert info["num_points"] == len(points)
+    # The same file through the layer's dispatch, on two threads.
+    scan.write(tmp_path / "two.e57", returns="last", threads=2)
+    assert _info(kvrscan, tmp_path / "two.e57")["num_points"] == len(points)
     # One group a line; the shots before the first line make one more.
     assert info["scans"][0]["line_groups"] == len(set(points["Line"].tolist()))
 
