@@ -173,7 +173,7 @@ void OutputFile::commit() {
   if (temporary_.empty()) return;
   std::error_code ec;
   std::filesystem::rename(temporary_, target_, ec);
-  if (ec) fail("cannot replace the file", ec.value());
+  if (ec) throw OutputError(target_, "cannot replace the file (" + ec.message() + ")");
   temporary_.clear();
   forget();
 }

@@ -111,13 +111,17 @@ void SaveMapFile(ScanFileMap& map, const std::filesystem::path& target) {
   if (std::filesystem::is_regular_file(name, ec)) {
     const std::uint64_t expected = SavedMapSize(map);
     const std::uintmax_t written = std::filesystem::file_size(name, ec);
-    if (ec) out.fail("cannot check the written length", ec.value());
+    if (ec) throw OutputError(target, "cannot check the written length (" + ec.message() + ")");
     if (written != expected) {
       // The library's writes report nothing: writing the missing bytes again
       // here shows the system's reason (a full disk, the file size limit).
       int error = EIO;
       if (written < expected) {
+#if defined(_WIN32)
+        const FilePtr again(_wfopen(name.c_str(), L"ab"));
+#else
         const FilePtr again(std::fopen(name.c_str(), "ab"));
+#endif
         const std::vector<char> zeros(static_cast<std::size_t>(std::min<std::uint64_t>(expected - written, 1 << 16)));
         if (!again) {
           error = errno;

