@@ -42,10 +42,11 @@ test-asan: setup $(ASAN_DIR)/CMakeCache.txt
 	  ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
 
 TSAN_DIR ?= build-tsan
-# The tests of the paths that run threads: the parallel export (the tool the
-# tests start is built with the same flags), point readers on disjoint block
-# ranges of one scan, the simulator's workers. Only what they need is built.
-TSAN_TESTS = KvrscanTest.ExportIsTheSameOnAnyNumberOfThreads:PointReaderSplits.*:ScanSet.IsTheSameForASeed*
+# The tests of the paths that run threads: the parallel export, in process and
+# in the tool (which the tests start, built with the same flags), point readers
+# on disjoint block ranges of one scan, the simulator's workers. Only what they
+# need is built.
+TSAN_TESTS = Exports.*:KvrscanTest.ExportIsTheSameOnAnyNumberOfThreads:PointReaderSplits.*:ScanSet.IsTheSameForASeed*
 TSAN_FLAGS = -fsanitize=thread -fno-omit-frame-pointer
 
 $(TSAN_DIR)/CMakeCache.txt: | setup
