@@ -23,12 +23,14 @@ build: setup $(BUILD_DIR)/CMakeCache.txt
 demo: build
 	cmake --build $(BUILD_DIR) --target demo
 
-# The LAS reader test's npm packages go into the build tree (skipped when npm
+# The LAS and E57 reader tests' npm packages go into the build tree (skipped when npm
 # cannot reach its registry); the test's own set-up runs the same script.
 LAS_READER = tests/cloud/las_reader
+E57_READER = tests/cloud/e57_reader
 
 test: build
 	sh $(LAS_READER)/install.sh $(LAS_READER) $(BUILD_DIR)/tests/las_reader
+	sh $(E57_READER)/install.sh $(E57_READER) $(BUILD_DIR)/tests/e57_reader
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
 $(ASAN_DIR)/CMakeCache.txt: | setup
@@ -38,6 +40,7 @@ $(ASAN_DIR)/CMakeCache.txt: | setup
 test-asan: setup $(ASAN_DIR)/CMakeCache.txt
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	sh $(LAS_READER)/install.sh $(LAS_READER) $(ASAN_DIR)/tests/las_reader
+	sh $(E57_READER)/install.sh $(E57_READER) $(ASAN_DIR)/tests/e57_reader
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
 

@@ -156,6 +156,7 @@ std::optional<PointFormat> PointFormatOf(const std::filesystem::path& path) {
   if (extension == ".ply") return PointFormat::kPly;
   if (extension == ".csv") return PointFormat::kCsv;
   if (extension == ".las") return PointFormat::kLas;
+  if (extension == ".e57") return PointFormat::kE57;
   return std::nullopt;
 }
 
@@ -164,11 +165,13 @@ const char* FormatName(PointFormat format) {
     case PointFormat::kPly: return "ply";
     case PointFormat::kCsv: return "csv";
     case PointFormat::kLas: return "las";
+    case PointFormat::kE57: return "e57";
   }
   return "?";
 }
 
 std::uint32_t ColumnsOf(PointFormat format) {
+  if (format == PointFormat::kE57) return E57Writer::kColumns;
   return format == PointFormat::kLas ? LasWriter::kColumns : PointWriter::kColumns;
 }
 
@@ -178,6 +181,7 @@ std::unique_ptr<PointWriter> OpenPointWriter(const std::filesystem::path& path, 
     case PointFormat::kPly: return std::make_unique<PlyWriter>(path, settings.comments, settings.colouring);
     case PointFormat::kCsv: return std::make_unique<CsvWriter>(path, settings.comments, settings.colouring);
     case PointFormat::kLas: return std::make_unique<LasWriter>(path, settings.las, settings.colouring);
+    case PointFormat::kE57: return std::make_unique<E57PointWriter>(path, settings.e57);
   }
   return nullptr;
 }
