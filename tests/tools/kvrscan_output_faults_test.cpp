@@ -99,6 +99,7 @@ struct Output {
   const char* name;
   std::vector<std::string> args;  // writing `target`
   const char* target;
+  bool sameBytes = true;  // false: each file has a GUID and time of its own, only the size repeats
 };
 
 class KvrscanWriteLimit : public KvrscanTest, public ::testing::WithParamInterface<Output> {};
@@ -127,7 +128,11 @@ TEST_P(KvrscanWriteLimit, FailsWholeAtEveryCut) {
     EXPECT_EQ(Names(path("out")), std::set<std::string>{output.target}) << "cut at " << cut;
   }
   ASSERT_EQ(Child(args, size).wait().status, 0);
-  EXPECT_EQ(ReadFileBytes(path("out") / output.target), reference);
+  if (output.sameBytes) {
+    EXPECT_EQ(ReadFileBytes(path("out") / output.target), reference);
+  } else {
+    EXPECT_EQ(fs::file_size(path("out") / output.target), size);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -135,6 +140,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(Output{"Ply", {"export", "room/scan.raw", "-o"}, "points.ply"},
                       Output{"Csv", {"export", "room/scan.raw", "-o"}, "points.csv"},
                       Output{"Las", {"export", "room/scan.raw", "--threads", "2", "-o"}, "points.las"},
+                      Output{"E57", {"export", "room/scan.raw", "-o"}, "points.e57", false},
                       Output{"Png", {"render", "room/scan.raw", "-o"}, "pano.png"},
                       Output{"Map", {"map", "room/scan.raw", "-o"}, "scan.map"}),
     [](const auto& info) { return std::string(info.param.name); });
