@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "binding.h"
+#include "kvr_decode/cloud/map_file.h"
 #include "kvr_decode/cloud/palette.h"
 #include "kvr_decode/cloud/point_export.h"
 #include "kvr_decode/cloud/point_reader.h"
@@ -209,27 +210,17 @@ void SaveMap(const py::object& self, const py::object& path) {
   const std::filesystem::path target = PathOf(path);
   py::gil_scoped_release release;
   Guarded(scan->path(), [&] {
-    const LogWatch watch;
     // The map lives in the scan's own heap state; only saving writes to it.
     auto& map = const_cast<ScanFileMap&>(scan->map());
-    // Saved under a temporary name and renamed, as every output is.
-    std::filesystem::path temporary = target;
-    temporary += ".tmp-" + std::to_string(::getpid());
-    std::wstring wide = cloud::WideName(temporary);
     // Saving clears the record's bin count; the scan keeps its histogram.
     const std::int32_t bins = map.numberOfBins;
-    const int saved = SaveScanFileMap(wide.data(), map);
-    map.numberOfBins = bins;
-    std::error_code ec;
-    if (saved != 0) {
-      std::filesystem::remove(temporary, ec);
-      Refuse(target, "cannot create the map file", watch);
-    }
-    std::filesystem::rename(temporary, target, ec);
-    if (ec) {
-      std::filesystem::remove(temporary, ec);
-      Refuse(target, "cannot rename the map file into place: " + ec.message(), watch);
-    }
+    struct Restore {
+      ScanFileMap& map;
+      std::int32_t bins;
+      ~Restore() { map.numberOfBins = bins; }
+    } restore{map, bins};
+    // A temporary name beside the target, the written length checked, then renamed.
+    cloud::SaveMapFile(map, target);
   });
 }
 
