@@ -140,6 +140,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(Output{"Ply", {"export", "room/scan.raw", "-o"}, "points.ply"},
                       Output{"Csv", {"export", "room/scan.raw", "-o"}, "points.csv"},
                       Output{"Las", {"export", "room/scan.raw", "--threads", "2", "-o"}, "points.las"},
+                      Output{"Laz", {"export", "room/scan.raw", "--threads", "2", "-o"}, "points.laz"},
                       Output{"E57", {"export", "room/scan.raw", "-o"}, "points.e57", false},
                       Output{"Png", {"render", "room/scan.raw", "-o"}, "pano.png"},
                       Output{"Map", {"map", "room/scan.raw", "-o"}, "scan.map"}),
