@@ -194,7 +194,9 @@ TEST_F(KvrscanTest, ExportKilledAtRandomMomentsLeavesTheTargetWhole) {
     }
     ++interrupted;
     EXPECT_EQ(run.status, 128 + signal) << run.err;
-    EXPECT_EQ(ReadFileText(path("out/points.ply")), kPrevious) << "signal " << signal;
+    // A signal after the rename finds the new file in place: whole as well.
+    const std::vector<std::uint8_t> now = ReadFileBytes(path("out/points.ply"));
+    EXPECT_TRUE(now == complete || ReadFileText(path("out/points.ply")) == kPrevious) << "signal " << signal;
     if (signal != SIGKILL) {
       EXPECT_EQ(Names(path("out")), std::set<std::string>{"points.ply"}) << "signal " << signal;
     }
