@@ -49,7 +49,7 @@ TSAN_DIR ?= build-tsan
 # in the tool (which the tests start, built with the same flags), point readers
 # on disjoint block ranges of one scan, the simulator's workers. Only what they
 # need is built.
-TSAN_TESTS = Exports.*:KvrscanTest.ExportIsTheSameOnAnyNumberOfThreads:PointReaderSplits.*:ScanSet.IsTheSameForASeed*
+TSAN_TESTS = Exports.*:LazWriterTest.*:KvrscanTest.ExportIsTheSameOnAnyNumberOfThreads:PointReaderSplits.*:ScanSet.IsTheSameForASeed*
 TSAN_FLAGS = -fsanitize=thread -fno-omit-frame-pointer
 
 $(TSAN_DIR)/CMakeCache.txt: | setup
