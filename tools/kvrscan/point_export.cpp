@@ -19,6 +19,9 @@ using kvr::cloud::PointBatch;
 using kvr::cloud::PointReader;
 using kvr::cloud::ReadTally;
 
+// Shots a batch of the export on one thread.
+constexpr std::size_t kRunShots = 256;
+
 std::string Lowercase(std::string_view text) {
   std::string out(text);
   for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -192,6 +195,7 @@ ExportSummary ExportPoints(const kvr::cloud::Scan& scan, unsigned threads, const
     tally = parallel.run();
   } else {
     PointReader reader(scan, selection);
+    reader.setBatchShots(kRunShots);  // the writer takes a run's points while they are in the cache
     PointBatch batch;
     while (reader.next(batch)) {
       writer.write(batch);
