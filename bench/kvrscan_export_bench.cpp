@@ -110,7 +110,7 @@ void RunExportBenchmark(benchmark::State& state, const std::string& scanPath, co
       own->map();
       source = own.get();
     }
-    auto writer = kvrscan::OpenPointWriter(output, kvrscan::PointFormat::kPly, {}, colouring);
+    auto writer = kvr::cloud::OpenPointWriter(output, kvr::cloud::PointFormat::kPly, {{}, colouring, {}});
     points += kvrscan::ExportPoints(*source, threads, nullptr, *writer, nullptr).points;
     writer->finish();
     exportCpu += Cpu() - cpuStart;

@@ -41,10 +41,6 @@ kvr::cloud::Returns ChosenReturns(const ExportOptions& args) {
   throw UsageError("--returns takes all, first or last, not '" + name + "'");
 }
 
-const char* FormatName(PointFormat format) {
-  return format == PointFormat::kPly ? "ply" : format == PointFormat::kCsv ? "csv" : "las";
-}
-
 struct ExportRun {
   std::string output;
   PointFormat format = PointFormat::kPly;
@@ -60,13 +56,13 @@ struct ExportRun {
 ExportRun CollectExport(const ExportOptions& args, Context& context) {
   ExportRun run;
   run.output = *args.output;
-  const std::optional<PointFormat> format = PointFormatOf(run.output);
+  const std::optional<PointFormat> format = kvr::cloud::PointFormatOf(run.output);
   if (!format) throw UsageError("the output must end in .ply, .csv or .las, not '" + run.output + "'");
   run.format = *format;
   run.palette = &ChosenPalette(args);
   kvr::cloud::Selection selection;
   selection.returns = ChosenReturns(args);
-  selection.columns = run.format == PointFormat::kLas ? kvr::cloud::LasWriter::kColumns : kvr::cloud::PointWriter::kColumns;
+  selection.columns = kvr::cloud::ColumnsOf(run.format);
   // Past a few workers the file's reading and writing set the pace, and each
   // worker holds a few blocks' points: the default stops at eight.
   const auto threads = static_cast<unsigned>(
@@ -95,9 +91,10 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
   };
   Checked([&] {
     // LAS has colours (point format 7) only when a palette is asked for.
-    const auto writer = OpenPointWriter(run.output, run.format, comments,
-                                        {run.palette, map.map().intensityAt95, map.map().gamma},
-                                        kvr::cloud::LasOptions::Of(scan, args.palette.has_value()));
+    const auto writer = kvr::cloud::OpenPointWriter(
+        run.output, run.format,
+        {comments, {run.palette, map.map().intensityAt95, map.map().gamma},
+         kvr::cloud::LasOptions::Of(scan, args.palette.has_value())});
     Progress progress("export " + source.path(), context.showProgress);
     run.summary = ExportPoints(scan, threads, &context.log, *writer, &progress, selection);
     writer->finish();
@@ -111,7 +108,7 @@ ExportRun CollectExport(const ExportOptions& args, Context& context) {
 void PrintExportJson(const ExportRun& run, const std::string& scanPath) {
   JsonWriter json;
   json.beginObject().field("filename", scanPath).field("output", run.output);
-  json.field("format", FormatName(run.format)).field("palette", run.palette->name());
+  json.field("format", kvr::cloud::FormatName(run.format)).field("palette", run.palette->name());
   json.field("num_points", run.summary.points).field("returns_without_range", run.summary.withoutRange);
   json.field("num_shots", run.summary.shots).field("blocks_read", run.summary.blocks);
   json.field("range_offset", run.rangeOffset).field("output_bytes", run.bytes);
