@@ -235,6 +235,35 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
     const std::uint32_t kept = first || last ? 1 : count;
     std::int32_t flights[ReturnWords::kCapacity];
     bool plain = true;  // every kept return has a range (and lies in the window)
+#if defined(__GNUC__)
+    // The four slots as one vector (integer operations: the same values as the loop below).
+    using Lanes = std::int32_t __attribute__((vector_size(16)));
+    const auto broadcast = [](std::int32_t v) { return Lanes{v, v, v, v}; };
+    Lanes words;
+    if (last) {
+      const ReturnWords& r = shot.returns;
+      words = Lanes{static_cast<std::int32_t>(r[k0]), static_cast<std::int32_t>(r[(k0 + 1) & 3]),
+                    static_cast<std::int32_t>(r[(k0 + 2) & 3]), static_cast<std::int32_t>(r[(k0 + 3) & 3])};
+    } else {
+      std::memcpy(&words, shot.returns.begin(), sizeof words);
+    }
+    const Lanes flight = (words & broadcast(0xFFFFF)) - broadcast(static_cast<std::int32_t>(start));
+    const Lanes slotSamples = (words & broadcast(static_cast<std::int32_t>(0xFFF00000u))) | (flight & broadcast(0xFFFFF));
+    std::memcpy(sample + n, &slotSamples, sizeof slotSamples);
+    std::memcpy(flights, &flight, sizeof flights);
+    const std::uint64_t shotOfSlots = std::uint64_t{static_cast<std::uint16_t>(i)} * 0x0001000100010001u;
+    std::memcpy(shotOf + n, &shotOfSlots, sizeof shotOfSlots);
+    const std::uint32_t slotNumbers = (k0 + 1) * 0x01010101u + 0x03020100u;  // k0 + 1 .. k0 + 4
+    std::memcpy(numbers + n, &slotNumbers, sizeof slotNumbers);
+    Lanes ok;
+    if constexpr (kWindow) {
+      ok = (flight >= broadcast(window->first())) & (flight <= broadcast(window->last()));
+    } else {
+      ok = flight >= broadcast(0);
+    }
+    ok |= Lanes{0, 1, 2, 3} >= broadcast(static_cast<std::int32_t>(kept));
+    plain = (ok[0] & ok[1] & ok[2] & ok[3]) != 0;
+#else
     for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
       const std::uint32_t word = shot.returns[(k0 + k) & (ReturnWords::kCapacity - 1)];
       flights[k] = static_cast<std::int32_t>(fifo::StopCounts(word)) - static_cast<std::int32_t>(start);
@@ -247,6 +276,7 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
         plain &= k >= kept || flights[k] >= 0;
       }
     }
+#endif
     if (!plain) [[unlikely]] {
       // A return without a range, or outside the window: the shot's returns one by one.
       std::uint32_t made = 0;
