@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_FLAGS ?=
 
-.PHONY: all setup build demo test test-asan test-windows windows-packages bench fuzz fuzz-seeds clean
+.PHONY: all setup build demo test test-asan test-tsan test-windows windows-packages bench fuzz fuzz-seeds clean
 
 all: build
 
@@ -23,12 +23,14 @@ build: setup $(BUILD_DIR)/CMakeCache.txt
 demo: build
 	cmake --build $(BUILD_DIR) --target demo
 
-# The LAS reader test's npm packages go into the build tree (skipped when npm
+# The LAS and E57 reader tests' npm packages go into the build tree (skipped when npm
 # cannot reach its registry); the test's own set-up runs the same script.
 LAS_READER = tests/cloud/las_reader
+E57_READER = tests/cloud/e57_reader
 
 test: build
 	sh $(LAS_READER)/install.sh $(LAS_READER) $(BUILD_DIR)/tests/las_reader
+	sh $(E57_READER)/install.sh $(E57_READER) $(BUILD_DIR)/tests/e57_reader
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
 $(ASAN_DIR)/CMakeCache.txt: | setup
@@ -38,8 +40,27 @@ $(ASAN_DIR)/CMakeCache.txt: | setup
 test-asan: setup $(ASAN_DIR)/CMakeCache.txt
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	sh $(LAS_READER)/install.sh $(LAS_READER) $(ASAN_DIR)/tests/las_reader
+	sh $(E57_READER)/install.sh $(E57_READER) $(ASAN_DIR)/tests/e57_reader
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
+
+TSAN_DIR ?= build-tsan
+# The tests of the paths that run threads: the parallel export, in process and
+# in the tool (which the tests start, built with the same flags), point readers
+# on disjoint block ranges of one scan, the simulator's workers. Only what they
+# need is built.
+TSAN_TESTS = Exports.*:KvrscanTest.ExportIsTheSameOnAnyNumberOfThreads:PointReaderSplits.*:ScanSet.IsTheSameForASeed*
+TSAN_FLAGS = -fsanitize=thread -fno-omit-frame-pointer
+
+$(TSAN_DIR)/CMakeCache.txt: | setup
+	cmake -S . -B $(TSAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVR_BUILD_BENCH=OFF \
+	  -DKVR_BUILD_PYTHON=OFF -DCMAKE_CXX_FLAGS="$(TSAN_FLAGS)" -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread \
+	  -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread $(CMAKE_FLAGS)
+
+# Any report of ThreadSanitizer fails it (the tool exits 66 and its test fails).
+test-tsan: setup $(TSAN_DIR)/CMakeCache.txt
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target kvr_unit_tests kvrscan
+	cd $(TSAN_DIR)/tests && TSAN_OPTIONS=halt_on_error=1:exitcode=66 ./kvr_unit_tests --gtest_filter='$(TSAN_TESTS)'
 
 WINDOWS_DIR ?= build-windows
 WINDOWS_CMAKE_FLAGS ?=
@@ -80,4 +101,4 @@ fuzz-seeds: build
 	$(BUILD_DIR)/tests/kvr_fuzz_seeds fuzz/corpus
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(FUZZ_DIR) $(WINDOWS_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(TSAN_DIR) $(FUZZ_DIR) $(WINDOWS_DIR)

@@ -110,7 +110,9 @@ void RunExportBenchmark(benchmark::State& state, const std::string& scanPath, co
       own->map();
       source = own.get();
     }
-    auto writer = kvr::cloud::OpenPointWriter(output, kvr::cloud::PointFormat::kPly, {{}, colouring, {}});
+    kvr::cloud::WriterSettings settings;
+    settings.colouring = colouring;
+    auto writer = kvr::cloud::OpenPointWriter(output, kvr::cloud::PointFormat::kPly, settings);
     points += kvrscan::ExportPoints(*source, threads, nullptr, *writer, nullptr).points;
     writer->finish();
     exportCpu += Cpu() - cpuStart;

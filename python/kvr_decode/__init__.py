@@ -7,7 +7,10 @@ names of the point-cloud ecosystem (``X``, ``Y``, ``Z``, ``Intensity``,
 ``ReturnNumber``, ``NumberOfReturns``, ``GpsTime``) and the scanner's own
 (``Range``, ``Pan``, ``ScanAngle``, ``Line``, ``ShotIndex``,
 ``NormalizedIntensity``, ``Block``, ``Flags``). Side files are read with
-:func:`read_ticks`, :func:`read_devices` and :func:`read_camera`.
+:func:`read_ticks`, :func:`read_devices` and :func:`read_camera`. Points
+are written into point files with :meth:`Scan.write` (PLY, CSV, LAS, ... by
+the extension) and :meth:`Scan.write_las`; many scans at once, on a Dask
+cluster, with ``python3 -m kvr_decode.batch`` (:mod:`kvr_decode.batch`).
 
 A missing file raises FileNotFoundError; a damaged or foreign one raises
 :class:`Error`, a ValueError.
@@ -19,22 +22,26 @@ from typing import Optional as _Optional, Union as _Union
 from ._kvr_decode import (  # noqa: F401
     BlockIterator,
     ColumnIterator,
+    E57File,
     Error,
     PointIterator,
     Scan,
     Ticks,
     point_dtype,
+    point_format,
     read_camera,
     read_devices,
     shot_dtype,
 )
 
 __all__ = [
+    "E57File",
     "Error",
     "Scan",
     "Ticks",
     "open",
     "point_dtype",
+    "point_format",
     "read_camera",
     "read_devices",
     "read_ticks",

@@ -6,11 +6,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <new>
 #include <string>
 #include <utility>
 
 #include "kvr_decode/cloud/error.h"
+#include "kvr_decode/cloud/scan.h"
 
 namespace kvr::python {
 
@@ -89,5 +91,14 @@ std::filesystem::path PathOf(const py::object& path);
 
 void BindScan(py::module_& m);
 void BindSideFiles(py::module_& m);
+void BindE57(py::module_& m);
+// Adds the writing methods to kvr_decode.Scan (after BindScan).
+void BindWriters(py::module_& m);
+
+// The scan a kvr_decode.Scan object holds.
+std::shared_ptr<const cloud::Scan> SharedScan(const py::handle& scan);
+// The counts per bin of the map's histogram, binned again from the scan's
+// samples (the map keeps none after its build); empty for a loaded map.
+py::array MapHistogram(const std::shared_ptr<const cloud::Scan>& scan);
 
 }  // namespace kvr::python

@@ -117,5 +117,7 @@ PYBIND11_MODULE(_kvr_decode, m) {
     }
   });
   kp::BindScan(m);
+  kp::BindWriters(m);
   kp::BindSideFiles(m);
+  kp::BindE57(m);
 }

@@ -491,12 +491,7 @@ class PyScan {
     return d;
   }
 
-  py::array histogram() const {
-    const ScanFileMap& m = mapped().map();
-    const std::size_t bins = m.histogram == nullptr || m.numberOfBins <= 0 ? 0 : static_cast<std::size_t>(m.numberOfBins);
-    // A view of the map's own histogram; the array keeps the scan alive.
-    return ViewOf(py::dtype::of<double>(), bins, m.histogram, OwningCapsule(new std::shared_ptr<const cloud::Scan>(scan_)));
-  }
+  py::array histogram() const { return MapHistogram(scan_); }
 
   py::array lineTable() const {
     const ScanFileMap& m = mapped().map();
@@ -565,6 +560,8 @@ class PyScan {
 
 }  // namespace
 
+std::shared_ptr<const cloud::Scan> SharedScan(const py::handle& scan) { return scan.cast<const PyScan&>().shared(); }
+
 void BindScan(py::module_& m) {
   py::class_<PointIterator>(m, "PointIterator", "Arrays of points, one per batch of blocks (see Scan.points).")
       .def("__iter__", [](py::object self) { return self; })
@@ -600,7 +597,7 @@ void BindScan(py::module_& m) {
       .def_property_readonly("line_count", &PyScan::lineCount, "Scan lines of the map (builds the map on first use).")
       .def_property_readonly("map_statistics", &PyScan::mapStatistics, "The map's maxima, intensity model and counts.")
       .def_property_readonly("histogram", &PyScan::histogram,
-                             "The normalized-intensity histogram of a built map (empty for a loaded one); a view.")
+                             "The normalized-intensity histogram of a built map: samples per bin (empty for a loaded one).")
       .def_property_readonly("line_table", &PyScan::lineTable,
                              "One row per map line: line, block, shot in block, shot count, direction bit.")
       .def(

@@ -1,19 +1,72 @@
 #include "file_access.h"
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <system_error>
+#include <utility>
 
 #include "kvr_decode/cloud/error.h"
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+#include <process.h>
+#else
 #include <sys/stat.h>
 #include <unistd.h>
 #endif
 
 namespace kvr::cloud {
+
+namespace {
+
+// The temporary files being written, where a signal handler can find them:
+// fixed storage, read without allocating or locking. A file that finds no free
+// slot (more than kSlotCount at once, or a name longer than kNameRoom) is still
+// removed on every other way out, only not on a signal.
+constexpr int kSlotCount = 64;
+constexpr std::size_t kNameRoom = 4096;
+enum SlotState : int { kFree, kTaken, kLive };
+struct Slot {
+  std::atomic<int> state{kFree};
+  char name[kNameRoom];
+};
+Slot gSlots[kSlotCount];
+
+int Remember([[maybe_unused]] const std::filesystem::path& temporary) {
+#if defined(_WIN32)
+  return -1;
+#else
+  const std::string& name = temporary.native();
+  if (name.size() >= kNameRoom) return -1;
+  for (int i = 0; i < kSlotCount; ++i) {
+    int expected = kFree;
+    if (gSlots[i].state.compare_exchange_strong(expected, kTaken)) {
+      std::memcpy(gSlots[i].name, name.c_str(), name.size() + 1);
+      gSlots[i].state.store(kLive);
+      return i;
+    }
+  }
+  return -1;
+#endif
+}
+
+#if !defined(_WIN32)
+extern "C" void RemoveUnfinishedOutputs(int signal) {
+  const int saved = errno;
+  for (Slot& slot : gSlots) {
+    if (slot.state.load() == kLive) ::unlink(slot.name);
+  }
+  // The default action, once this handler returns and unblocks the signal.
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+  errno = saved;
+}
+#endif
+
+}  // namespace
 
 std::FILE* OpenForReading(const std::filesystem::path& path) {
 #if defined(_WIN32)
@@ -46,7 +99,7 @@ OutputFile::OutputFile(std::filesystem::path target) : target_(std::move(target)
     return;
   }
 #if defined(_WIN32)
-  // Unique enough for one process: the target's name, the process and a counter.
+  // Unique enough: the target's name, the process and a counter.
   static std::atomic<unsigned> counter{0};
   temporary_ = target_;
   temporary_ += L".tmp" + std::to_wstring(_getpid()) + L"-" + std::to_wstring(counter++);
@@ -57,6 +110,7 @@ OutputFile::OutputFile(std::filesystem::path target) : target_(std::move(target)
   const int fd = ::mkstemp(pattern.data());
   if (fd < 0) fail("cannot create", errno);
   temporary_ = pattern;
+  slot_ = Remember(temporary_);
   // mkstemp makes the file readable by its owner only; an output gets the usual mode.
   const mode_t mask = ::umask(0);
   ::umask(mask);
@@ -76,9 +130,15 @@ OutputFile::~OutputFile() {
     std::error_code ec;
     std::filesystem::remove(temporary_, ec);
   }
+  forget();
 }
 
-void OutputFile::fail(const std::string& what, int error) {
+void OutputFile::forget() {
+  if (slot_ >= 0) gSlots[slot_].state.store(kFree);
+  slot_ = -1;
+}
+
+void OutputFile::fail(const std::string& what, int error) const {
   throw OutputError(target_, what + " (" + std::strerror(error) + ")");
 }
 
@@ -94,18 +154,48 @@ void OutputFile::overwrite(std::uint64_t offset, const void* data, std::size_t s
   }
 }
 
+std::filesystem::path OutputFile::handOver() {
+  if (file_ != nullptr) {
+    std::FILE* file = std::exchange(file_, nullptr);
+    if (std::fclose(file) != 0) fail("write failed", errno);
+  }
+  return temporary_.empty() ? target_ : temporary_;
+}
+
 void OutputFile::commit() {
-  std::FILE* file = file_;
-  file_ = nullptr;
-  const bool flushed = std::fflush(file) == 0;
-  int error = flushed ? 0 : errno;
-  if (std::fclose(file) != 0 && error == 0) error = errno;
-  if (!flushed || error != 0) fail("write failed", error != 0 ? error : EIO);
+  if (file_ != nullptr) {
+    std::FILE* file = std::exchange(file_, nullptr);
+    const bool flushed = std::fflush(file) == 0;
+    int error = flushed ? 0 : errno;
+    if (std::fclose(file) != 0 && error == 0) error = errno;
+    if (!flushed || error != 0) fail("write failed", error != 0 ? error : EIO);
+  }
   if (temporary_.empty()) return;
   std::error_code ec;
   std::filesystem::rename(temporary_, target_, ec);
-  if (ec) fail("cannot replace the file", ec.value());
+  if (ec) throw OutputError(target_, "cannot replace the file (" + ec.message() + ")");
   temporary_.clear();
+  forget();
+}
+
+void WriteWholeFile(const std::filesystem::path& path, std::span<const unsigned char> bytes) {
+  OutputFile out(path);
+  out.write(bytes.data(), bytes.size());
+  out.commit();
+}
+
+void RemoveUnfinishedOutputsOnSignal() {
+#if !defined(_WIN32)
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction current {};
+    if (::sigaction(signal, nullptr, &current) != 0 || current.sa_handler == SIG_IGN) continue;
+    struct sigaction action {};
+    action.sa_handler = RemoveUnfinishedOutputs;
+    sigfillset(&action.sa_mask);
+    ::sigaction(signal, &action, nullptr);
+  }
+  std::signal(SIGXFSZ, SIG_IGN);
+#endif
 }
 
 }  // namespace kvr::cloud

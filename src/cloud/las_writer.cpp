@@ -1,5 +1,7 @@
 #include "kvr_decode/cloud/las_writer.h"
 
+#include "las_records.h"
+
 #include <algorithm>
 #include <bit>
 #include <chrono>
@@ -22,12 +24,14 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little, "records are assembled in the machine's byte order");
 
-constexpr std::size_t kHeaderSize = 375;
+constexpr std::size_t kHeaderSize = LasRecords::kHeaderSize;
 constexpr std::size_t kVlrHeaderSize = 54;
 constexpr std::size_t kExtraBytesEntry = 192;
 constexpr std::size_t kExtraCount = 6;
-constexpr std::size_t kPointOffset = kHeaderSize + kVlrHeaderSize + kExtraCount * kExtraBytesEntry;
-constexpr std::size_t kExtraBytes = 4 + 4 + 4 + 4 + 8 + 8;
+static_assert(LasRecords::kExtraBytesVlrSize == kVlrHeaderSize + kExtraCount * kExtraBytesEntry);
+constexpr std::size_t kPointOffset = kHeaderSize + LasRecords::kExtraBytesVlrSize;
+constexpr std::size_t kExtraBytes = LasRecords::kExtraBytes;
+static_assert(kExtraBytes == 4 + 4 + 4 + 4 + 8 + 8);
 constexpr std::size_t kBaseRecord6 = 30, kBaseRecord7 = 36;
 
 constexpr double kScale = 0.0001;  // metres a stored coordinate step is worth
@@ -89,22 +93,21 @@ LasOptions LasOptions::Of(const Scan& scan, bool colour) {
   return options;
 }
 
-LasWriter::LasWriter(const std::filesystem::path& path, const LasOptions& options, const Colouring& colouring)
-    : PointWriter(path, colouring), options_(options),
-      recordLength_((options.colour ? kBaseRecord7 : kBaseRecord6) + kExtraBytes) {
+LasRecords::LasRecords(const LasOptions& options, const std::vector<Rgb>& colours, const DisplayScale& scale)
+    : options_(options), scale_(scale), recordLength_((options.colour ? kBaseRecord7 : kBaseRecord6) + kExtraBytes) {
   if (options_.generatingSoftware.empty()) options_.generatingSoftware = "kvr_decode " KVR_CLOUD_VERSION;
   if (!options_.creationDay) options_.creationDay = Today();
   // 8-bit colours to the format's 16 bits, ready to copy.
-  for (const Rgb& rgb : colours_) {
+  for (const Rgb& rgb : colours) {
     colours16_.push_back({static_cast<std::uint16_t>(rgb.r << 8), static_cast<std::uint16_t>(rgb.g << 8),
                           static_cast<std::uint16_t>(rgb.b << 8), 0});
   }
   low_.fill(INT32_MAX);
   high_.fill(INT32_MIN);
-  // The header is written again, complete, by complete(); this copy holds the place.
-  char* at = claim(kPointOffset);
-  std::memset(at, 0, kPointOffset);
-  char* vlr = at + kHeaderSize;
+}
+
+void LasRecords::putExtraBytesVlr(char* vlr) const {
+  std::memset(vlr, 0, kExtraBytesVlrSize);
   PutText(vlr + 2, 16, "LASF_Spec");
   Put(vlr + 18, std::uint16_t{4});
   Put(vlr + 20, static_cast<std::uint16_t>(kExtraCount * kExtraBytesEntry));
@@ -121,7 +124,26 @@ LasWriter::LasWriter(const std::filesystem::path& path, const LasOptions& option
   for (std::size_t i = 0; i < kExtraCount; ++i) PutExtra(vlr + kVlrHeaderSize + i * kExtraBytesEntry, extras[i]);
 }
 
+LasWriter::LasWriter(const std::filesystem::path& path, const LasOptions& options, const Colouring& colouring)
+    : PointWriter(path, colouring), records_(std::make_unique<LasRecords>(options, colours_, scale_)) {
+  // The header is written again, complete, by complete(); this copy holds the place.
+  char* at = claim(kPointOffset);
+  std::memset(at, 0, kHeaderSize);
+  records_->putExtraBytesVlr(at + kHeaderSize);
+}
+
+LasWriter::~LasWriter() = default;
+
 void LasWriter::encode(const PointBatch& batch) {
+  const std::size_t length = records_->recordLength();
+  for (std::size_t first = 0; first < batch.size(); first += kRun) {
+    const std::size_t end = std::min(batch.size(), first + kRun);
+    records_->encode(batch, first, end, claim((end - first) * length), path_);
+  }
+}
+
+void LasRecords::encode(const PointBatch& batch, std::size_t first, std::size_t end, char* at,
+                        const std::filesystem::path& path) {
   const bool colour = options_.colour;
   const bool table = scale_.hasTable();
   const DisplayScale::Levels levels = table ? scale_.levels() : DisplayScale::Levels{};
@@ -146,15 +168,13 @@ void LasWriter::encode(const PointBatch& batch) {
   std::int16_t angleUnits = 0;
   bool haveAngle = false;
   constexpr double kReach = 2147483647.0;
-  for (std::size_t first = 0; first < batch.size(); first += kRun) {
-    const std::size_t end = std::min(batch.size(), first + kRun);
-    char* at = claim((end - first) * length);
+  {
     for (std::size_t i = first; i < end; ++i, at += length) {
       const double sx = RoundToNearest(x[i] * kSteps), sy = RoundToNearest(y[i] * kSteps);
       const double sz = RoundToNearest(z[i] * kSteps);
       // Also false for NaN.
       if (!(std::fabs(sx) <= kReach && std::fabs(sy) <= kReach && std::fabs(sz) <= kReach)) {
-        OutOfReach(path_, x[i], y[i], z[i]);
+        OutOfReach(path, x[i], y[i], z[i]);
       }
       const auto ix = static_cast<std::int32_t>(sx), iy = static_cast<std::int32_t>(sy);
       const auto iz = static_cast<std::int32_t>(sz);
@@ -201,8 +221,9 @@ void LasWriter::encode(const PointBatch& batch) {
   high_ = {highX, highY, highZ};
 }
 
-void LasWriter::complete() {
-  char header[kHeaderSize] = {};
+void LasRecords::putHeader(char* header, std::uint64_t count, std::uint32_t pointOffset, std::uint32_t vlrCount,
+                           std::uint8_t formatFlags) const {
+  std::memset(header, 0, kHeaderSize);
   PutText(header, 4, "LASF");
   Put(header + 4, options_.sourceId);
   Put(header + 6, kWktBit);
@@ -213,21 +234,26 @@ void LasWriter::complete() {
   Put(header + 90, (*options_.creationDay)[0]);
   Put(header + 92, (*options_.creationDay)[1]);
   Put(header + 94, static_cast<std::uint16_t>(kHeaderSize));
-  Put(header + 96, static_cast<std::uint32_t>(kPointOffset));
-  Put(header + 100, std::uint32_t{1});
-  header[104] = static_cast<char>(options_.colour ? 7 : 6);
+  Put(header + 96, pointOffset);
+  Put(header + 100, vlrCount);
+  header[104] = static_cast<char>(pointFormat() | formatFlags);
   Put(header + 105, static_cast<std::uint16_t>(recordLength_));
   // The legacy counts (107 to 130) stay zero, as formats 6 and up require.
   for (int axis = 0; axis < 3; ++axis) {
     Put(header + 131 + 8 * axis, kScale);
     Put(header + 155 + 8 * axis, 0.0);  // the scanner sits at the origin
-    const bool any = count_ > 0;
+    const bool any = count > 0;
     Put(header + 179 + 16 * axis, any ? high_[axis] * kScale : 0.0);
     Put(header + 187 + 16 * axis, any ? low_[axis] * kScale : 0.0);
   }
   // No waveform data, no extended records (227 to 246 stay zero).
-  Put(header + 247, count_);
+  Put(header + 247, count);
   for (std::size_t i = 0; i < byReturn_.size(); ++i) Put(header + 255 + 8 * i, byReturn_[i]);
+}
+
+void LasWriter::complete() {
+  char header[kHeaderSize];
+  records_->putHeader(header, count_, static_cast<std::uint32_t>(kPointOffset), 1, 0);
   out_->overwrite(0, header, kHeaderSize, "cannot write the header's counts and bounds");
 }
 

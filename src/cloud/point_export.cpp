@@ -160,6 +160,8 @@ std::optional<PointFormat> PointFormatOf(const std::filesystem::path& path) {
   if (extension == ".ply") return PointFormat::kPly;
   if (extension == ".csv") return PointFormat::kCsv;
   if (extension == ".las") return PointFormat::kLas;
+  if (extension == ".laz") return PointFormat::kLaz;
+  if (extension == ".e57") return PointFormat::kE57;
   return std::nullopt;
 }
 
@@ -168,12 +170,15 @@ const char* FormatName(PointFormat format) {
     case PointFormat::kPly: return "ply";
     case PointFormat::kCsv: return "csv";
     case PointFormat::kLas: return "las";
+    case PointFormat::kLaz: return "laz";
+    case PointFormat::kE57: return "e57";
   }
   return "?";
 }
 
 std::uint32_t ColumnsOf(PointFormat format) {
-  return format == PointFormat::kLas ? LasWriter::kColumns : PointWriter::kColumns;
+  if (format == PointFormat::kE57) return E57Writer::kColumns;
+  return format == PointFormat::kLas || format == PointFormat::kLaz ? LasWriter::kColumns : PointWriter::kColumns;
 }
 
 std::unique_ptr<PointWriter> OpenPointWriter(const std::filesystem::path& path, PointFormat format,
@@ -182,6 +187,8 @@ std::unique_ptr<PointWriter> OpenPointWriter(const std::filesystem::path& path, 
     case PointFormat::kPly: return std::make_unique<PlyWriter>(path, settings.comments, settings.colouring);
     case PointFormat::kCsv: return std::make_unique<CsvWriter>(path, settings.comments, settings.colouring);
     case PointFormat::kLas: return std::make_unique<LasWriter>(path, settings.las, settings.colouring);
+    case PointFormat::kLaz: return std::make_unique<LazWriter>(path, settings.las, settings.colouring, settings.laz);
+    case PointFormat::kE57: return std::make_unique<E57PointWriter>(path, settings.e57);
   }
   return nullptr;
 }

@@ -12,6 +12,7 @@
 #include "file_access.h"
 #include "fifo/block_format.h"
 #include "kvr_decode/cloud/error.h"
+#include "kvr_decode/cloud/map_file.h"
 #include "kvr_decode/cloud/tick_file.h"
 #include "kvr_decode/file_header.h"
 #include "kvr_decode/optical_model.h"
@@ -297,12 +298,9 @@ void Scan::State::FillMap() const {
   } releaser{made.get()};
   if (options.map) {
     const std::filesystem::path& file = *options.map;
-    ReadableFileSize(file);
+    CheckMapFile(file);  // the library would load a cut or foreign file as it is
     std::wstring wide = WideName(file);
     if (LoadScanFileMap(wide.data(), *made) != 0) throw InputError(file, "cannot open the map file");
-    if (std::string_view(made->mapSignature, 8) != "#KVRMAPF") {
-      throw InputError(file, "not a map file: no \"#KVRMAPF\" at offset 26");
-    }
     if (made->dataStartOffset != header.dataOffset || !SameInstrumentAndScan(made->fileHeader, header)) {
       throw InputError(file, "not the map of " + path.string() + " (its header or data offset differ)");
     }

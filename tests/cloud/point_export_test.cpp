@@ -22,15 +22,22 @@ TEST(PointFormats, ChosenByExtensionInAnyCase) {
   const Case cases[] = {
       {"a.ply", PointFormat::kPly},   {"dir.x/A.PLY", PointFormat::kPly}, {"b.csv", PointFormat::kCsv},
       {"c.Las", PointFormat::kLas},   {"d.txt", std::nullopt},            {"las", std::nullopt},
-      {"e.las.gz", std::nullopt},     {"f.", std::nullopt},
+      {"e.las.gz", std::nullopt},     {"f.", std::nullopt},               {"g.E57", PointFormat::kE57},
+      {"h.LAZ", PointFormat::kLaz},
   };
   for (const Case& c : cases) EXPECT_EQ(PointFormatOf(c.path), c.format) << c.path;
   EXPECT_STREQ(FormatName(PointFormat::kPly), "ply");
   EXPECT_STREQ(FormatName(PointFormat::kCsv), "csv");
   EXPECT_STREQ(FormatName(PointFormat::kLas), "las");
+  EXPECT_STREQ(FormatName(PointFormat::kLaz), "laz");
+  EXPECT_STREQ(FormatName(PointFormat::kE57), "e57");
   // LAS also stores the shot index and the counts the angles come from.
   EXPECT_EQ(ColumnsOf(PointFormat::kPly), PointWriter::kColumns);
   EXPECT_EQ(ColumnsOf(PointFormat::kLas) & (kShotIndexColumn | kCountColumns), kShotIndexColumn | kCountColumns);
+  // E57 stores the range, the angles and the shot's place in its line.
+  EXPECT_EQ(ColumnsOf(PointFormat::kE57) & (kRangeColumn | kAngleColumns | kShotIndexColumn),
+            kRangeColumn | kAngleColumns | kShotIndexColumn);
+  EXPECT_EQ(ColumnsOf(PointFormat::kLaz) & (kShotIndexColumn | kCountColumns), kShotIndexColumn | kCountColumns);
 }
 
 class Exports : public ::testing::Test {

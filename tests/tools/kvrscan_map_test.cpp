@@ -2,6 +2,7 @@
 
 #include <png.h>
 
+#include "kvr_writers/camera_file_writer.h"
 #include "kvr_writers/tick_file_writer.h"
 #include "tools/kvrscan_fixture.h"
 
@@ -94,7 +95,7 @@ TEST_F(KvrscanTest, MapFailures) {
   ExpectOneLineError(Run({"map", "scan.raw", "-o", "a.map", "--load", "scan.map"}), 2,
                      "kvrscan map: -o and --load exclude each other", "");
   ExpectOneLineError(Run({"map", "scan.raw", "-o", "no/such/dir/a.map"}), 1,
-                     "kvrscan map: no/such/dir/a.map: cannot create the map file", "KVR_Decode.log");
+                     "kvrscan map: no/such/dir/a.map: cannot create (No such file or directory)", "");
   // Without a single valid return the library cannot size the histogram.
   FifoBlockBuilder empty;
   empty.shot(ShotWord({0, 0, 0, 100})).shot(ShotWord({0, 0, 0, 100, 0, 2}));
@@ -275,12 +276,62 @@ TEST_F(KvrscanTest, ExportLasWithColoursAndChosenReturns) {
   EXPECT_EQ(las[104], 7);  // format 7: a palette was asked for
 }
 
+TEST_F(KvrscanTest, ExportsScansAndCameraImagesIntoOneE57FileThatInfoReadsBack) {
+  WriteLinesScan(path("scan.raw"));
+  // A netpbm image (2 x 1 grey), a JPEG frame header of 640 x 480, and a text.
+  CameraFileBuilder camera({});
+  camera.record({1, {}, ImageBytes("P5\n2 1\n255\nab")})
+      .record({2, {}, {0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x01, 0xE0, 0x02, 0x80, 0x01, 0x01, 0x11, 0x00}})
+      .record({3, {}, ImageBytes("hello")});
+  WriteFile(path("camera.dat"), camera.bytes());
+  const ToolRun run = Run({"export", "scan.raw", "scan.raw", "-o", "set.e57", "--camera", "camera.dat", "--json"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.err.find("camera.dat: 1 records hold no JPEG, PNG or netpbm image; skipped\n"), std::string::npos);
+  const Json summary = Json::parse(run.out);
+  EXPECT_EQ(summary.at("format").get<std::string>(), "e57");
+  EXPECT_EQ(summary.at("num_points").get<std::int64_t>(), 20);
+  EXPECT_EQ(summary.at("num_scans").get<std::int64_t>(), 2);
+  EXPECT_EQ(summary.at("num_images").get<std::int64_t>(), 2);
+  const Json info = RunJson({"info", "set.e57"});
+  ASSERT_EQ(info.at("scans").size(), 2u);
+  for (const Json& scan : info.at("scans")) {
+    EXPECT_EQ(scan.at("name").get<std::string>(), "scan.raw");
+    EXPECT_EQ(scan.at("num_points").get<std::int64_t>(), 10);
+    EXPECT_EQ(scan.at("line_groups").get<std::int64_t>(), 4);  // lines -1, 0, 1, 2
+  }
+  EXPECT_NE(info.at("scans")[0].at("guid"), info.at("scans")[1].at("guid"));
+  const Json& images = info.at("images");
+  ASSERT_EQ(images.size(), 2u);
+  EXPECT_EQ(images[0].at("name").get<std::string>(), "image_0000");
+  EXPECT_EQ(images[0].at("type").get<std::string>(), "png");
+  EXPECT_EQ(images[0].at("width").get<std::int64_t>(), 2);
+  EXPECT_EQ(images[0].at("height").get<std::int64_t>(), 1);
+  EXPECT_EQ(images[1].at("type").get<std::string>(), "jpeg");
+  EXPECT_EQ(images[1].at("width").get<std::int64_t>(), 640);
+  EXPECT_EQ(images[1].at("height").get<std::int64_t>(), 480);
+  EXPECT_EQ(images[1].at("scan"), info.at("scans")[0].at("guid"));
+  // A changed byte fails its page's checksum.
+  std::vector<std::uint8_t> bytes = ReadFileBytes(path("set.e57"));
+  bytes[1500] ^= 1;
+  WriteFile(path("set.e57"), bytes);
+  ExpectOneLineError(Run({"info", "set.e57"}), 1, "kvrscan info: set.e57: the checksum of page 1 is wrong", "");
+}
+
 TEST_F(KvrscanTest, ExportFailures) {
   WriteLinesScan(path("scan.raw"));
-  ExpectOneLineError(Run({"export", "scan.raw"}), 2, "kvrscan export: missing -o OUT.ply, -o OUT.csv or -o OUT.las",
-                     "");
+  ExpectOneLineError(Run({"export", "scan.raw"}), 2,
+                     "kvrscan export: missing -o OUT.ply, -o OUT.csv, -o OUT.las, -o OUT.laz or -o OUT.e57", "");
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "points.xyz"}), 2,
-                     "kvrscan export: the output must end in .ply, .csv or .las, not 'points.xyz'", "");
+                     "kvrscan export: the output must end in .ply, .csv, .las, .laz or .e57, not 'points.xyz'", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "scan.raw", "-o", "p.las"}), 2,
+                     "kvrscan export: several scans go only into one E57 file (-o OUT.e57)", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.ply", "--camera", "c.dat"}), 2,
+                     "kvrscan export: --camera images go only into an E57 file (-o OUT.e57)", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "no/dir/p.e57"}), 1,
+                     "kvrscan export: no/dir/p.e57: cannot create (No such file or directory)", "");
+  ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.e57", "--camera", "absent.dat"}), 1,
+                     "kvrscan export: absent.dat: ", "");
+  EXPECT_FALSE(std::filesystem::exists(path("p.e57")));
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "p.las", "--returns", "middle"}), 2,
                      "kvrscan export: --returns takes all, first or last, not 'middle'", "");
   ExpectOneLineError(Run({"export", "scan.raw", "-o", "no/dir/p.las"}), 1,

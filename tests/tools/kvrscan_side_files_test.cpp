@@ -199,9 +199,9 @@ TEST_F(KvrscanTest, CameraExtractionFailureKeepsNoStreamOrPartFile) {
   EXPECT_THROW(kvrscan::ReadCameraContents("cam.dat", std::string("images")), kvrscan::ToolError);
   EXPECT_EQ(openStreams(), before);
   EXPECT_EQ(ReadFileText(path("images/image_0000.jpg")), "\xFF\xD8\xFF jpeg");
-  EXPECT_FALSE(std::filesystem::exists(path("images/image_0001.png.part")));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path("images")), {}), 2);
   ExpectOneLineError(Run({"camera", "cam.dat", "-x", "images"}), 1,
-                     "kvrscan camera: images/image_0001.png: cannot replace (Is a directory)", "");
+                     "kvrscan camera: images/image_0001.png: cannot replace the file (Is a directory)", "");
 }
 
 TEST_F(KvrscanTest, CameraOnDamagedFiles) {

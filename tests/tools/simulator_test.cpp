@@ -302,7 +302,8 @@ TEST(ScanSet, FailuresSayWhatCouldNotBeWritten) {
     WriteScanSet(dir / "taken", SmallScan(1, 1));
     ADD_FAILURE() << "no exception";
   } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()), "cannot create " + (dir / "taken" / "scan.raw").string());
+    EXPECT_TRUE(std::string(e.what()).starts_with((dir / "taken" / "scan.raw").string() + ": cannot replace the file ("))
+        << e.what();
   }
 }
 

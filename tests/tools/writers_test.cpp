@@ -276,10 +276,15 @@ TEST(FileOutputWriter, FailuresNameTheFile) {
     WriteTextFile(missing, "x");
     ADD_FAILURE() << "no exception";
   } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()), "cannot create " + missing.string());
+    EXPECT_EQ(std::string(e.what()), missing.string() + ": cannot create (No such file or directory)");
   }
   EXPECT_THROW(WriteBinaryFile(dir.path(), Hex("00")), std::runtime_error);  // a directory
   EXPECT_FALSE(std::filesystem::exists(missing));
+  // An unfinished file leaves the previous one and nothing else.
+  WriteTextFile(dir / "kept.txt", "previous");
+  { StreamingFile(dir / "kept.txt").write(Hex("0102")); }
+  EXPECT_EQ(test::ReadFileText(dir / "kept.txt"), "previous");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
 }
 
 }  // namespace

@@ -63,7 +63,8 @@ std::string_view ImageType(std::span<const unsigned char> image) {
   return "bin";
 }
 
-CameraContents ReadCameraContents(const std::string& path, const std::optional<std::string>& extractTo) {
+CameraContents ReadCameraContents(const std::string& path, const std::optional<std::string>& extractTo,
+                                  const CameraImageVisitor& onImage) {
   const std::uint64_t size = ReadableFileSize(path);
   const std::wstring wide = WidePath(path);
   CameraReader file;
@@ -127,6 +128,7 @@ CameraContents ReadCameraContents(const std::string& path, const std::optional<s
     out.imageSize = r.imageSize;
     out.type = ImageType(image);
     if (extractTo) out.extractedTo = ExtractImage(*extractTo, index, out.type, image);
+    if (onImage) onImage(out, image);
     contents.imageBytes += r.imageSize;
   }
   return contents;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -37,7 +38,10 @@ struct CameraContents {
 // there as image_NNNN.<type> (the directory is created). ToolError for a file
 // the library refuses or whose header is cut short; damage found after the
 // header ends the records early and is returned in `damage`.
-CameraContents ReadCameraContents(const std::string& path, const std::optional<std::string>& extractTo);
+// `onImage`, when given, sees each record's image bytes as it is read.
+using CameraImageVisitor = std::function<void(const CameraImage&, std::span<const unsigned char> bytes)>;
+CameraContents ReadCameraContents(const std::string& path, const std::optional<std::string>& extractTo,
+                                  const CameraImageVisitor& onImage = {});
 
 // The image format by its first bytes, as a file name extension ("bin" when unknown).
 std::string_view ImageType(std::span<const unsigned char> image);

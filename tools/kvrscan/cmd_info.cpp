@@ -9,6 +9,7 @@
 #include "block_walk.h"
 #include "commands.h"
 #include "console.h"
+#include "e57_info.h"
 #include "errors.h"
 #include "header/header_layout.h"
 #include "json_writer.h"
@@ -365,6 +366,7 @@ std::string InfoText(const ScanSource& scan, const InfoReport& info, bool withTe
 }
 
 int RunInfo(const InfoOptions& args, Context& context) {
+  if (IsE57Name(args.scan)) return RunE57Info(args.scan, context);
   ScanSource scan(args.scan);
   const InfoReport info = CollectInfo(scan, args.stats, context.showProgress);
   Console::write(context.json ? InfoJson(scan, info) : InfoText(scan, info, args.texts));
@@ -380,11 +382,12 @@ int RunInfo(const InfoOptions& args, Context& context) {
 
 constexpr CommandInfo kInfo{
     "info",
-    "SCAN [--stats] [--texts] [--json]",
+    "SCAN|FILE.e57 [--stats] [--texts] [--json]",
     "the header of a raw scan file: texts, PRF tables, calibration values and parameters, side table",
     "Reads only the header unless --stats is given. The JSON names every header field as the\n"
     "library's RawFileHeader does, under metadata; num_points and bounds (x, y, z as export writes\n"
-    "them) come with --stats.",
+    "them) come with --stats. An .e57 file (as export writes them) lists its scans, point counts\n"
+    "and images, every page's checksum checked.",
 };
 
 }  // namespace

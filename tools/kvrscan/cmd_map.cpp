@@ -8,6 +8,7 @@
 #include "console.h"
 #include "errors.h"
 #include "json_writer.h"
+#include "kvr_decode/cloud/map_file.h"
 #include "map_source.h"
 
 namespace kvrscan {
@@ -117,10 +118,7 @@ int RunMap(const MapOptions& args, Context& context) {
     MapText(report, map, args.lines);
     text = report.text();
   }
-  if (save) {
-    std::wstring wide = WidePath(*save);
-    if (SaveScanFileMap(wide.data(), map) != 0) throw FileError(*save, "cannot create the map file");
-  }
+  if (save) Checked([&] { kvr::cloud::SaveMapFile(map, *save); });
   Console::write(text);
   return kExitOk;
 }

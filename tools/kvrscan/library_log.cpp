@@ -1,11 +1,14 @@
 #include "library_log.h"
 
 #include <filesystem>
+#include <fstream>
+#include <string_view>
 
 namespace kvrscan {
 
 namespace {
 constexpr const char* kLogName = "KVR_Decode.log";
+constexpr std::string_view kStartMarker = ": API started";
 
 std::uintmax_t CurrentSize() {
   std::error_code ec;
@@ -16,7 +19,21 @@ std::uintmax_t CurrentSize() {
 
 LibraryLog::LibraryLog() : initialSize_(CurrentSize()) {}
 
-bool LibraryLog::grew() const { return CurrentSize() > initialSize_; }
+bool LibraryLog::grew() const {
+  const std::uintmax_t size = CurrentSize();
+  if (size <= initialSize_) return false;
+  // Another process started in this directory appends its start marker too:
+  // only an entry of another kind is a report of this run.
+  constexpr std::uintmax_t kMostRead = 1 << 20;
+  if (size - initialSize_ > kMostRead) return true;
+  std::ifstream log(kLogName, std::ios::binary);
+  log.seekg(static_cast<std::streamoff>(initialSize_));
+  for (std::string line; std::getline(log, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty() && !line.ends_with(kStartMarker)) return true;
+  }
+  return false;
+}
 
 std::string LibraryLog::path() const {
   std::error_code ec;

@@ -12,8 +12,8 @@ set -eu
 # One variable per purpose; a new need is a new line here and a word in `packages`.
 cli_packages="libcli11-dev"         # kvrscan's and kvr_simulate's command lines
 test_packages="nlohmann-json3-dev"  # the tests read the tool's JSON back
-# The Python package kvr_decode, its tests and its wheel
-python_packages="pybind11-dev python3-numpy python3-pytest python3-setuptools python3-build"
+# The Python package kvr_decode, its tests and its wheel; its batch runner (Dask)
+python_packages="pybind11-dev python3-numpy python3-pytest python3-setuptools python3-build python3-dask python3-distributed"
 # make test-windows only: the cross compiler and Wine to run its tests.
 windows_packages="g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64"
 packages="$cli_packages $test_packages $python_packages"

@@ -7,8 +7,11 @@
 #include <string_view>
 #include <vector>
 
-// Writing finished bytes to disk. Failures throw std::runtime_error naming the
-// file: the writers serve tools and tests, which stop on the first failure.
+// Writing finished bytes to disk, each file under a temporary name beside it
+// and renamed over it once whole, so a failure leaves the previous file (or
+// none) and no part of the new one. Failures throw std::runtime_error: "FILE:
+// what failed (the system's reason)"; the writers serve tools and tests, which
+// stop on the first failure.
 namespace kvr::writers {
 
 void WriteBinaryFile(const std::filesystem::path& path, std::span<const std::uint8_t> bytes);
@@ -26,11 +29,13 @@ class StreamingFile {
   void write(std::span<const std::uint8_t> bytes);
   void writeZeros(std::uint64_t count);
   std::uint64_t size() const { return size_; }
-  // Flushes and closes; throws when anything failed to reach the file.
+  // Flushes, closes and renames over the target; throws when anything failed
+  // to reach the file. Destroyed before close(), nothing of it is left.
   void close();
 
  private:
   std::filesystem::path path_;
+  std::filesystem::path temporary_;  // empty when written in place
   std::FILE* file_ = nullptr;
   std::vector<char> buffer_;
   std::uint64_t size_ = 0;

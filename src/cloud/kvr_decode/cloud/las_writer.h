@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +13,8 @@
 #include "kvr_decode/cloud/scan.h"
 
 namespace kvr::cloud {
+
+class LasRecords;
 
 // What a LAS file says about the scan beside its points.
 struct KVR_CLOUD_API LasOptions {
@@ -40,6 +43,7 @@ struct KVR_CLOUD_API LasOptions {
 class KVR_CLOUD_API LasWriter final : public PointWriter {
  public:
   LasWriter(const std::filesystem::path& path, const LasOptions& options, const Colouring& colouring);
+  ~LasWriter() override;
 
   // The columns of the batches it reads (see Column).
   static constexpr std::uint32_t kColumns = kPositionColumns | kIntensityColumn | kNormalizedColumn |
@@ -50,13 +54,7 @@ class KVR_CLOUD_API LasWriter final : public PointWriter {
   void encode(const PointBatch& batch) override;
   void complete() override;
 
-  using Rgb16 = std::array<std::uint16_t, 4>;  // red, green, blue, padding
-
-  LasOptions options_;
-  std::vector<Rgb16> colours16_;  // per display level
-  std::size_t recordLength_;
-  std::array<std::uint64_t, 15> byReturn_{};
-  std::array<std::int32_t, 3> low_{}, high_{};
+  std::unique_ptr<LasRecords> records_;
 };
 
 }  // namespace kvr::cloud

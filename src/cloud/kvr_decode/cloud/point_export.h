@@ -8,8 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "kvr_decode/cloud/e57_writer.h"
 #include "kvr_decode/cloud/export.h"
 #include "kvr_decode/cloud/las_writer.h"
+#include "kvr_decode/cloud/laz_writer.h"
 #include "kvr_decode/cloud/point_reader.h"
 #include "kvr_decode/cloud/point_writer.h"
 #include "kvr_decode/cloud/scan.h"
@@ -18,13 +20,13 @@ namespace kvr::cloud {
 
 // The point file formats, chosen by the output's extension. A new format is
 // one more value here and one more writer class.
-enum class PointFormat { kPly, kCsv, kLas };
+enum class PointFormat { kPly, kCsv, kLas, kLaz, kE57 };
 
-// The format an output name asks for by its extension (.ply, .csv, .las; any
-// case), or nothing.
+// The format an output name asks for by its extension (.ply, .csv, .las, .laz,
+// .e57; any case), or nothing.
 KVR_CLOUD_API std::optional<PointFormat> PointFormatOf(const std::filesystem::path& path);
 
-// "ply", "csv", "las": the format's name in reports.
+// "ply", "csv", "las", "laz", "e57": the format's name in reports.
 KVR_CLOUD_API const char* FormatName(PointFormat format);
 
 // The batch columns (see Column) the format's writer reads.
@@ -34,7 +36,9 @@ KVR_CLOUD_API std::uint32_t ColumnsOf(PointFormat format);
 struct KVR_CLOUD_API WriterSettings {
   std::vector<std::string> comments;  // PLY and CSV header comments
   Colouring colouring;
-  LasOptions las;
+  LasOptions las;  // LAS and LAZ
+  LazOptions laz;
+  E57ScanInfo e57;  // the first scan; an E57PointWriter's file() takes more
 };
 
 // The point layer's writer of that format for `path`.

@@ -1,0 +1,73 @@
+#include "laz_integer_compressor.h"
+
+#include <algorithm>
+
+namespace kvr::cloud::laz {
+
+IntegerCompressor::IntegerCompressor(ArithmeticEncoder& encoder, std::uint32_t bits, std::uint32_t contexts)
+    : encoder_(encoder) {
+  if (bits > 0 && bits < 32) {
+    correctorBits_ = bits;
+    correctorRange_ = 1u << bits;
+    correctorMin_ = -static_cast<std::int32_t>(correctorRange_ / 2);
+    correctorMax_ = correctorMin_ + static_cast<std::int32_t>(correctorRange_ - 1);
+  } else {
+    correctorBits_ = 32;
+    correctorRange_ = 0;
+    correctorMin_ = INT32_MIN;
+    correctorMax_ = INT32_MAX;
+  }
+  kModels_.assign(contexts, SymbolModel(correctorBits_ + 1));
+  for (std::uint32_t k = 1; k <= correctorBits_; ++k) {
+    classModels_.emplace_back(1u << std::min(k, kBitsHigh));
+  }
+}
+
+void IntegerCompressor::reset() {
+  for (SymbolModel& model : kModels_) model.reset();
+  zeroOrOne_.reset();
+  for (SymbolModel& model : classModels_) model.reset();
+  k_ = 0;
+}
+
+void IntegerCompressor::compress(std::int32_t predicted, std::int32_t real, std::uint32_t context) {
+  // Differences wrap as the decoder's additions do.
+  auto c = static_cast<std::int32_t>(static_cast<std::uint32_t>(real) - static_cast<std::uint32_t>(predicted));
+  if (correctorRange_ != 0) {
+    if (c < correctorMin_) {
+      c += static_cast<std::int32_t>(correctorRange_);
+    } else if (c > correctorMax_) {
+      c -= static_cast<std::int32_t>(correctorRange_);
+    }
+  }
+  writeCorrector(c, kModels_[context]);
+}
+
+void IntegerCompressor::writeCorrector(std::int32_t c, SymbolModel& kModel) {
+  // k is the bit length of |c| for c <= 0 and of c - 1 above: class k holds
+  // -(2^k - 1) .. -2^(k-1) and 2^(k-1) + 1 .. 2^k.
+  std::uint32_t c1 = c <= 0 ? 0u - static_cast<std::uint32_t>(c) : static_cast<std::uint32_t>(c) - 1u;
+  std::uint32_t k = 0;
+  while (c1 != 0) {
+    c1 >>= 1;
+    ++k;
+  }
+  k_ = k;
+  encoder_.encodeSymbol(kModel, k);
+  if (k == 0) {
+    encoder_.encodeBit(zeroOrOne_, static_cast<std::uint32_t>(c));
+    return;
+  }
+  if (k == 32) return;  // only INT32_MIN: the class says it all
+  // The place within the class, from 0.
+  const std::uint32_t place = c < 0 ? static_cast<std::uint32_t>(c) + ((1u << k) - 1u) : static_cast<std::uint32_t>(c) - 1u;
+  if (k <= kBitsHigh) {
+    encoder_.encodeSymbol(classModels_[k - 1], place);
+  } else {
+    const std::uint32_t low = k - kBitsHigh;
+    encoder_.encodeSymbol(classModels_[k - 1], place >> low);
+    encoder_.writeBits(low, place & ((1u << low) - 1u));
+  }
+}
+
+}  // namespace kvr::cloud::laz
