@@ -5,6 +5,11 @@
 #include <optional>
 #include <type_traits>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
 #include "binding.h"
 #include "kvr_decode/cloud/point_reader.h"
 #include "kvr_decode/cloud/scan.h"
@@ -25,8 +30,9 @@ struct PointRecord {
   std::uint32_t Block;
   std::uint16_t Intensity;
   std::uint8_t ReturnNumber, NumberOfReturns, Flags;
+  std::uint8_t padding[3];  // written as zeros, so that the array's bytes depend on the points alone
 };
-static_assert(std::is_standard_layout_v<PointRecord>);
+static_assert(std::is_standard_layout_v<PointRecord> && sizeof(PointRecord) == 88);
 
 // The columns a PointRecord takes from a batch.
 constexpr std::uint32_t kRecordColumns = cloud::kPositionColumns | cloud::kRangeColumn | cloud::kAngleColumns |
@@ -50,10 +56,19 @@ const py::dtype& PointType() {
   return *type;
 }
 
+// Shots a batch of the reader: the columns of a run stay in the processor's
+// cache until they are copied into records.
+constexpr std::size_t kRunShots = 256;
+
 // Records from the C allocator that grow as batches arrive; numpy takes the
 // memory over at the end (realloc moves large blocks by remapping, not copying).
 // Batches of a few blocks stay below the allocator's mapping threshold once it
 // has risen, so a loop that drops each batch reuses the same pages.
+//
+// Fresh pages cost a fault each, and a whole scan's records are gigabytes: in
+// a large buffer, the pages about to be written are asked of the kernel a few
+// megabytes at a time in one call (Linux 5.14 on; elsewhere, or when refused,
+// they fault as usual).
 class RecordBuffer {
  public:
   ~RecordBuffer() { std::free(data_); }
@@ -61,6 +76,7 @@ class RecordBuffer {
   void append(const cloud::PointBatch& batch) {
     const std::size_t n = batch.size();
     if (size_ + n > capacity_) grow(size_ + n);
+    prepare((size_ + n) * sizeof(PointRecord));
     const double *x = batch.x().data(), *y = batch.y().data(), *z = batch.z().data();
     const double *time = batch.time().data(), *range = batch.range().data(), *pan = batch.pan().data();
     const double *scan = batch.scanAngle().data(), *normalized = batch.normalizedIntensity().data();
@@ -73,7 +89,7 @@ class RecordBuffer {
     PointRecord* out = data_ + size_;
     for (std::size_t i = 0; i < n; ++i) {
       out[i] = PointRecord{x[i],        y[i],    z[i],    time[i],  range[i],     pan[i],       scan[i],
-                           normalized[i], shot[i], line[i], block, intensity[i], number[i], count[i], flags[i]};
+                           normalized[i], shot[i], line[i], block, intensity[i], number[i], count[i], flags[i], {}};
     }
     size_ += n;
   }
@@ -86,6 +102,7 @@ class RecordBuffer {
     const std::size_t size = size_;
     data_ = nullptr;
     size_ = capacity_ = 0;
+    populated_ = 0;
     if (data == nullptr) return ViewOf(PointType(), 0, nullptr, py::none());
     return ViewOf(PointType(), size, data, FreeingCapsule(data));
   }
@@ -100,8 +117,28 @@ class RecordBuffer {
     capacity_ = capacity;
   }
 
+  // Populates the whole pages of the records' first `bytes` and a stretch
+  // beyond them, if not done yet (a hint: no failure is an error).
+  void prepare(std::size_t bytes) {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+    // Below the allocator's largest mapping threshold, pages are often reused ones.
+    constexpr std::size_t kFresh = std::size_t{32} << 20, kStretch = std::size_t{4} << 20;
+    if (bytes <= populated_ || capacity_ * sizeof(PointRecord) < kFresh || !populate_) return;
+    const std::size_t end = std::min(capacity_ * sizeof(PointRecord), std::max(bytes, populated_ + kStretch));
+    static const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const auto from = (reinterpret_cast<std::uintptr_t>(data_) + populated_ + page - 1) & ~(page - 1);
+    const auto to = (reinterpret_cast<std::uintptr_t>(data_) + end) & ~(page - 1);
+    if (to > from && ::madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE) != 0) populate_ = false;
+    populated_ = end;
+#else
+    (void)bytes;
+#endif
+  }
+
   PointRecord* data_ = nullptr;
   std::size_t size_ = 0, capacity_ = 0;
+  std::size_t populated_ = 0;  // bytes of the records whose pages were asked for
+  bool populate_ = true;
 };
 
 // [first, last) from None, a (first, last) pair or a range of step 1.
@@ -131,6 +168,7 @@ class PointIterator {
     py::gil_scoped_release release;
     Guarded(scan_->path(), [&] {
       reader_ = std::make_unique<cloud::PointReader>(*scan_, request.first, request.last, request.selection);
+      reader_->setBatchShots(kRunShots);
     });
   }
 
@@ -140,14 +178,26 @@ class PointIterator {
       py::gil_scoped_release release;
       std::lock_guard<std::mutex> lock(mutex_);  // one iterator may be shared between threads
       Guarded(scan_->path(), [&] {
-        while (!done_ && buffer.size() == 0) {
-          for (std::size_t blocks = 0; blocks < batchBlocks_; ++blocks) {
-            if (!reader_->next(batch_)) {
-              done_ = true;
-              break;
-            }
-            buffer.append(batch_);
+        // The reader hands out runs of a block's shots: a batch of the next
+        // block waits in batch_ for the next array once this one has its blocks.
+        std::size_t blocks = 0;
+        std::int64_t block = -1;
+        while (!done_) {
+          if (!held_ && !reader_->next(batch_)) {
+            done_ = true;
+            break;
           }
+          held_ = true;
+          if (batch_.block() != block) {
+            if (blocks == batchBlocks_) {
+              if (buffer.size() > 0) break;
+              blocks = 0;  // blocks without points: an array holds points
+            }
+            ++blocks;
+            block = batch_.block();
+          }
+          buffer.append(batch_);
+          held_ = false;
         }
       });
     }
@@ -160,6 +210,7 @@ class PointIterator {
   std::size_t batchBlocks_;
   std::unique_ptr<cloud::PointReader> reader_;
   cloud::PointBatch batch_;
+  bool held_ = false;  // batch_ holds points not yet in an array
   bool done_ = false;
   std::mutex mutex_;
 };
@@ -495,6 +546,7 @@ class PyScan {
       py::gil_scoped_release release;
       Guarded(scan_->path(), [&] {
         cloud::PointReader reader(*scan_, r.first, r.last, r.selection);
+        reader.setBatchShots(kRunShots);
         cloud::PointBatch batch;
         while (reader.next(batch)) buffer.append(batch);
       });

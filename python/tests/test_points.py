@@ -52,6 +52,14 @@ def test_batches_and_block_ranges_put_together_are_the_whole_scan(scan, points, 
     batches = list(scan.points(batch_blocks=batch_blocks))
     assert all(len(b) > 0 for b in batches)
     np.testing.assert_array_equal(np.concatenate(batches), points)
+    # Each array holds whole blocks, batch_blocks of them at most.
+    spans = [np.unique(b["Block"]) for b in batches]
+    assert all(len(s) <= batch_blocks for s in spans)
+    assert all(a[-1] < b[0] for a, b in zip(spans, spans[1:]))
+    if batch_blocks == 1:
+        assert len(batches) == len(np.unique(points["Block"]))
+    # The records' bytes, padding included, are the same on every read.
+    assert b"".join(b.tobytes() for b in batches) == points.tobytes()
     cut = scan.block_count // 3
     parts = [scan.read_points(blocks=(0, cut)), scan.read_points(blocks=range(cut, scan.block_count + 5))]
     np.testing.assert_array_equal(np.concatenate(parts), points)

@@ -12,6 +12,10 @@ namespace kvr::cloud {
 
 namespace {
 
+// Shots a batch of the export on one thread: the writer takes a run's points
+// while they are in the processor's cache.
+constexpr std::size_t kRunShots = 256;
+
 std::string Lowercase(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
@@ -199,10 +203,12 @@ ExportResult ExportPoints(const Scan& scan, PointWriter& writer, const Selection
     result.tally = parallel.run();
   } else {
     PointReader reader(scan, selection);
+    reader.setBatchShots(kRunShots);
     PointBatch batch;
+    std::uint64_t reported = 0;
     while (reader.next(batch)) {
       writer.write(batch);
-      if (progress) progress(reader.tally().blocks, scan.blockCount());
+      if (progress && reader.tally().blocks != reported) progress(reported = reader.tally().blocks, scan.blockCount());
     }
     result.tally = reader.tally();
   }

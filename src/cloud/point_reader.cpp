@@ -61,20 +61,35 @@ struct PointReader::State {
   FifoBlock block;
   std::vector<std::int32_t> shotLines;
   ReadTally tally;
+  std::size_t batchShots = 0;  // 0: a whole block a batch
+  std::uint32_t current = 0;   // the block decoded last
+  std::size_t nextShot = 0;    // its first shot not yet made
+  bool midBlock = false;       // shots of it are still to be made
 
-  void Make(PointBatch& batch, std::uint32_t number);
+  void Make(PointBatch& batch);
   template <bool kWindow>
-  std::size_t MakeShots(PointBatch& batch, std::span<const RawShot> shots);
+  std::size_t MakeShots(PointBatch& batch, std::span<const RawShot> shots, std::size_t begin, std::size_t end);
+  // What a shot's points share, in its four slots.
   static void FillShot(std::uint8_t* counts, std::int32_t* lines, double* time, std::size_t n, std::uint32_t count,
-                       std::int32_t line, double tow);
-  void Place(const RawShot& shot, const std::int32_t (&flights)[4], std::size_t n, std::uint32_t& panCount,
-             double& cosPan, double& sinPan, double* x, double* y, double* z, double* range, double rangeOffset) const;
+                       std::int32_t line, double tow) {
+    for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
+      counts[n + k] = static_cast<std::uint8_t>(count);
+      lines[n + k] = line;
+      time[n + k] = tow;
+    }
+  }
+  void Place(PointBatch& batch, std::span<const RawShot> shots, std::size_t placed) const;
   void MakeColumns(PointBatch& batch, std::span<const RawShot> shots);
 
   // Per point: its return word with the stop count replaced by the flight
   // count (the form the intensity model takes), and its shot in the block.
   scanmap::SampleBatch samples;
   std::unique_ptr<std::uint16_t[]> pointShots{new std::uint16_t[scanmap::SampleBatch::kCapacity]};
+  // Per shot that made points, in order: its index in the block and its first point.
+  struct Placed {
+    std::uint32_t shot, point;
+  };
+  std::vector<Placed> placed;
   std::uint64_t signature;
 };
 
@@ -123,7 +138,10 @@ void PointReader::moveTo(std::uint64_t first, std::uint64_t last) {
   }
   std::clearerr(s.stream.get());
   s.next = s.first;
+  s.midBlock = false;
 }
+
+void PointReader::setBatchShots(std::size_t shots) { state_->batchShots = shots; }
 
 PointReader::~PointReader() { ReleaseFileHeader(state_->header); }
 
@@ -133,6 +151,10 @@ const ReadTally& PointReader::tally() const { return state_->tally; }
 
 bool PointReader::next(PointBatch& batch) {
   State& s = *state_;
+  if (s.midBlock) {
+    s.Make(batch);
+    return true;
+  }
   std::FILE* stream = s.stream.get();
   while (s.next < s.last) {
     const auto number = static_cast<std::uint32_t>(s.next);
@@ -151,7 +173,11 @@ bool PointReader::next(PointBatch& batch) {
       continue;
     }
     s.tally.shots += s.block.shots.size();
-    s.Make(batch, number);
+    s.current = number;
+    s.nextShot = 0;
+    s.shotLines.resize(s.block.shots.size());
+    s.lines.LinesOf(number, s.shotLines);
+    s.Make(batch);
     return true;
   }
   batch.size_ = 0;
@@ -163,22 +189,26 @@ bool PointReader::next(PointBatch& batch) {
 // so a loop over a shot's returns would spend its time in mispredicted
 // branches: all four return slots are made, and the next shot's land on those
 // not kept. The second pass makes the normalized intensities (their divisions
-// overlap in a loop of their own) and the columns few callers ask for.
-void PointReader::State::Make(PointBatch& batch, std::uint32_t number) {
+// overlap in a loop of their own) and the columns few callers ask for. With
+// batches of a run of shots, both passes take the run's shots only.
+void PointReader::State::Make(PointBatch& batch) {
   const std::span<const RawShot> shots(block.shots);
-  const std::size_t shotCount = shots.size();
-  shotLines.resize(shotCount);
-  lines.LinesOf(number, shotLines);
-  batch.reserve(shotCount * ReturnWords::kCapacity);
-  batch.block_ = number;
+  const std::size_t begin = nextShot;
+  const std::size_t end = batchShots == 0 ? shots.size() : std::min(shots.size(), begin + batchShots);
+  nextShot = end;
+  midBlock = end < shots.size();
+  batch.reserve((end - begin) * ReturnWords::kCapacity);
+  batch.block_ = current;
   batch.timeOfWeek_ = ticks != nullptr;
-  batch.size_ = window ? MakeShots<true>(batch, shots) : MakeShots<false>(batch, shots);
+  if (placed.size() < end - begin) placed.resize(end - begin);
+  batch.size_ = window ? MakeShots<true>(batch, shots, begin, end) : MakeShots<false>(batch, shots, begin, end);
   samples.count = batch.size_;
   MakeColumns(batch, shots);
 }
 
 template <bool kWindow>
-std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const RawShot> shots) {
+std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const RawShot> shots, std::size_t begin,
+                                          std::size_t end) {
   const std::int32_t lowLine = selection.firstLine.value_or(INT32_MIN);
   const std::int32_t highLine = selection.lastLine.value_or(INT32_MAX);
   const bool lineRange = selection.firstLine || selection.lastLine;
@@ -191,15 +221,10 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
   std::uint8_t* const counts = batch.returnCount_.data();
   std::int32_t* const lineOf = batch.line_.data();
   double* const time = batch.time_.data();
-  double *const x = batch.x_.data(), *const y = batch.y_.data(), *const z = batch.z_.data();
-  // The range column only when asked for: the point files do without it.
-  double* const range = (selection.columns & kRangeColumn) != 0 ? batch.range_.data() : nullptr;
-  const double rangeOffset = offset;
-
-  std::uint32_t panCount = UINT32_MAX;
-  double cosPan = 1.0, sinPan = 0.0;
+  Placed* const shotsPlaced = placed.data();
+  std::size_t shotsMade = 0;  // shots that made points
   std::size_t n = 0;
-  for (std::size_t i = 0; i < shots.size(); ++i) {
+  for (std::size_t i = begin; i < end; ++i) {
     const RawShot& shot = shots[i];
     const auto count = static_cast<std::uint32_t>(shot.returns.size());
     if (count == 0) continue;  // the sky: shots without returns come in runs
@@ -210,6 +235,35 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
     const std::uint32_t kept = first || last ? 1 : count;
     std::int32_t flights[ReturnWords::kCapacity];
     bool plain = true;  // every kept return has a range (and lies in the window)
+#if defined(__GNUC__)
+    // The four slots as one vector (integer operations: the same values as the loop below).
+    using Lanes = std::int32_t __attribute__((vector_size(16)));
+    const auto broadcast = [](std::int32_t v) { return Lanes{v, v, v, v}; };
+    Lanes words;
+    if (last) {
+      const ReturnWords& r = shot.returns;
+      words = Lanes{static_cast<std::int32_t>(r[k0]), static_cast<std::int32_t>(r[(k0 + 1) & 3]),
+                    static_cast<std::int32_t>(r[(k0 + 2) & 3]), static_cast<std::int32_t>(r[(k0 + 3) & 3])};
+    } else {
+      std::memcpy(&words, shot.returns.begin(), sizeof words);
+    }
+    const Lanes flight = (words & broadcast(0xFFFFF)) - broadcast(static_cast<std::int32_t>(start));
+    const Lanes slotSamples = (words & broadcast(static_cast<std::int32_t>(0xFFF00000u))) | (flight & broadcast(0xFFFFF));
+    std::memcpy(sample + n, &slotSamples, sizeof slotSamples);
+    std::memcpy(flights, &flight, sizeof flights);
+    const std::uint64_t shotOfSlots = std::uint64_t{static_cast<std::uint16_t>(i)} * 0x0001000100010001u;
+    std::memcpy(shotOf + n, &shotOfSlots, sizeof shotOfSlots);
+    const std::uint32_t slotNumbers = (k0 + 1) * 0x01010101u + 0x03020100u;  // k0 + 1 .. k0 + 4
+    std::memcpy(numbers + n, &slotNumbers, sizeof slotNumbers);
+    Lanes ok;
+    if constexpr (kWindow) {
+      ok = (flight >= broadcast(window->first())) & (flight <= broadcast(window->last()));
+    } else {
+      ok = flight >= broadcast(0);
+    }
+    ok |= Lanes{0, 1, 2, 3} >= broadcast(static_cast<std::int32_t>(kept));
+    plain = (ok[0] & ok[1] & ok[2] & ok[3]) != 0;
+#else
     for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
       const std::uint32_t word = shot.returns[(k0 + k) & (ReturnWords::kCapacity - 1)];
       flights[k] = static_cast<std::int32_t>(fifo::StopCounts(word)) - static_cast<std::int32_t>(start);
@@ -222,6 +276,7 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
         plain &= k >= kept || flights[k] >= 0;
       }
     }
+#endif
     if (!plain) [[unlikely]] {
       // A return without a range, or outside the window: the shot's returns one by one.
       std::uint32_t made = 0;
@@ -236,68 +291,71 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
         flights[made++] = flights[k];
       }
       if (made == 0) continue;
-      // The slots past those made hold what the loops below may write.
-      for (std::uint32_t k = made; k < ReturnWords::kCapacity; ++k) flights[k] = 0;
       if (perShot) FillShot(counts, lineOf, time, n, count, line, shot.shotTow);
-      if (positions) Place(shot, flights, n, panCount, cosPan, sinPan, x, y, z, range, rangeOffset);
+      shotsPlaced[shotsMade++] = {static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(n)};
       n += made;
       continue;
     }
     if (perShot) FillShot(counts, lineOf, time, n, count, line, shot.shotTow);
-    if (positions) Place(shot, flights, n, panCount, cosPan, sinPan, x, y, z, range, rangeOffset);
+    shotsPlaced[shotsMade++] = {static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(n)};
     n += kept;
   }
+  if (positions) Place(batch, shots, shotsMade);
   return n;
 }
 
-// What a shot's points share, in its four slots.
-void PointReader::State::FillShot(std::uint8_t* counts, std::int32_t* lines, double* time, std::size_t n,
-                                         std::uint32_t count, std::int32_t line, double tow) {
-  for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
-    counts[n + k] = static_cast<std::uint8_t>(count);
-    lines[n + k] = line;
-    time[n + k] = tow;
-  }
-}
-
-// The positions of a shot's four slots: its direction is the same in each, so
-// the four are one vector (the compiler's generic vectors: the same operations
-// in the same order as the scalar formulas, so the same bits). The head turns
-// slower than the mirror, so the pan's sine and cosine are kept from shot to shot.
-void PointReader::State::Place(const RawShot& shot, const std::int32_t (&flights)[4], std::size_t n,
-                               std::uint32_t& panCount, double& cosPan, double& sinPan, double* x, double* y,
-                               double* z, double* range, double rangeOffset) const {
-  const std::uint32_t pan = fifo::PanCounts(shot.shotWord);
-  if (pan != panCount) {
-    panTrig(pan, cosPan, sinPan);
-    panCount = pan;
-  }
-  double cosScan, sinScan;
-  scanTrig(shot.scanAngleCounts, cosScan, sinScan);
+// The positions, in a loop of their own over the shots that made points: its
+// iterations are short, so the chains of table lookups and products of several
+// shots overlap. A shot's direction is the same in its four slots, so the four
+// are one vector (the compiler's generic vectors: the same operations in the
+// same order as the scalar formulas, so the same bits); the ranges come back
+// from the samples, whose low 20 bits are the flight counts. Slots past a
+// shot's points are written and then overwritten by the next shot's. The head
+// turns slower than the mirror, so the pan's sine and cosine are kept from shot
+// to shot.
+void PointReader::State::Place(PointBatch& batch, std::span<const RawShot> shots, std::size_t placedShots) const {
+  const std::uint32_t* const sample = samples.sample.get();
+  double *const x = batch.x_.data(), *const y = batch.y_.data(), *const z = batch.z_.data();
+  // The range column only when asked for: the point files do without it.
+  double* const range = (selection.columns & kRangeColumn) != 0 ? batch.range_.data() : nullptr;
+  const double rangeOffset = offset;
+  std::uint32_t panCount = UINT32_MAX;
+  double cosPan = 1.0, sinPan = 0.0;
+  for (std::size_t j = 0; j < placedShots; ++j) {
+    const RawShot& shot = shots[placed[j].shot];
+    const std::size_t n = placed[j].point;
+    const std::uint32_t pan = fifo::PanCounts(shot.shotWord);
+    if (pan != panCount) {
+      panTrig(pan, cosPan, sinPan);
+      panCount = pan;
+    }
+    double cosScan, sinScan;
+    scanTrig(shot.scanAngleCounts, cosScan, sinScan);
 #if defined(__GNUC__)
-  using Lanes = double __attribute__((vector_size(32)));
-  using Counts = std::int32_t __attribute__((vector_size(16)));
-  Counts counts;
-  std::memcpy(&counts, flights, sizeof counts);
-  Lanes r = __builtin_convertvector(counts, Lanes);
-  optics::CountsToMetres(r);
-  r += rangeOffset;
-  const Lanes horizontal = r * cosScan;
-  const Lanes xs = horizontal * cosPan, ys = horizontal * sinPan, zs = r * sinScan;
-  std::memcpy(x + n, &xs, sizeof xs);
-  std::memcpy(y + n, &ys, sizeof ys);
-  std::memcpy(z + n, &zs, sizeof zs);
-  if (range != nullptr) std::memcpy(range + n, &r, sizeof r);
+    using Lanes = double __attribute__((vector_size(32)));
+    using Counts = std::int32_t __attribute__((vector_size(16)));
+    Counts counts;
+    std::memcpy(&counts, sample + n, sizeof counts);
+    Lanes r = __builtin_convertvector(counts & 0xFFFFF, Lanes);
+    optics::CountsToMetres(r);
+    r += rangeOffset;
+    const Lanes horizontal = r * cosScan;
+    const Lanes xs = horizontal * cosPan, ys = horizontal * sinPan, zs = r * sinScan;
+    std::memcpy(x + n, &xs, sizeof xs);
+    std::memcpy(y + n, &ys, sizeof ys);
+    std::memcpy(z + n, &zs, sizeof zs);
+    if (range != nullptr) std::memcpy(range + n, &r, sizeof r);
 #else
-  for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
-    const double r = scanmap::RangeWindow::Range(flights[k]) + rangeOffset;
-    const double horizontal = r * cosScan;
-    if (range != nullptr) range[n + k] = r;
-    x[n + k] = horizontal * cosPan;
-    y[n + k] = horizontal * sinPan;
-    z[n + k] = r * sinScan;
-  }
+    for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
+      const double r = scanmap::RangeWindow::Range(scanmap::SampleDifference(sample[n + k])) + rangeOffset;
+      const double horizontal = r * cosScan;
+      if (range != nullptr) range[n + k] = r;
+      x[n + k] = horizontal * cosPan;
+      y[n + k] = horizontal * sinPan;
+      z[n + k] = r * sinScan;
+    }
 #endif
+  }
 }
 
 void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot> shots) {

@@ -98,6 +98,7 @@ PlyWriter::PlyWriter(const std::filesystem::path& path, const std::vector<std::s
       "property uchar return_number\nproperty uchar number_of_returns\nproperty int line\n"
       "property double time\nproperty uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n";
   std::memcpy(claim(header.size()), header.data(), header.size());
+  for (const Rgb& c : colours_) colourWords_.push_back(std::uint32_t{c.r} | std::uint32_t{c.g} << 8 | std::uint32_t{c.b} << 16);
 }
 
 void PlyWriter::encode(const PointBatch& batch) {
@@ -106,20 +107,24 @@ void PlyWriter::encode(const PointBatch& batch) {
   const std::uint16_t* intensity = batch.intensity().data();
   const std::uint8_t *number = batch.returnNumber().data(), *count = batch.numberOfReturns().data();
   const std::int32_t* line = batch.line().data();
+  const std::uint32_t* colours = colourWords_.data();
   const LevelOf levels(scale_);
   for (std::size_t first = 0; first < batch.size(); first += kPlyRun) {
     const std::size_t end = std::min(batch.size(), first + kPlyRun);
-    char* at = claim((end - first) * kPlyRecord);
+    // One byte more: a record's colour is stored as a word whose fourth byte
+    // lands on the next record's first, which that record's position overwrites.
+    char* at = claim((end - first) * kPlyRecord + 1);
     for (std::size_t i = first; i < end; ++i, at += kPlyRecord) {
       const float position[3] = {static_cast<float>(x[i]), static_cast<float>(y[i]), static_cast<float>(z[i])};
+      const std::uint32_t returns = std::uint32_t{intensity[i]} | std::uint32_t{number[i]} << 16 |
+                                    std::uint32_t{count[i]} << 24;
       std::memcpy(at, position, 12);
-      std::memcpy(at + 12, &intensity[i], 2);
-      at[14] = static_cast<char>(number[i]);
-      at[15] = static_cast<char>(count[i]);
+      std::memcpy(at + 12, &returns, 4);
       std::memcpy(at + 16, &line[i], 4);
       std::memcpy(at + 20, &time[i], 8);
-      std::memcpy(at + 28, &colours_[static_cast<std::size_t>(levels(normalized[i]))], 3);
+      std::memcpy(at + 28, &colours[levels(normalized[i])], 4);
     }
+    giveBack(1);
   }
 }
 

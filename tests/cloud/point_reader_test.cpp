@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "cloud/small_scan.h"
 #include "kvr_decode/cloud/error.h"
@@ -236,14 +237,60 @@ TEST(PointReaderSplits, AnySplitGivesTheWholeScansPoints) {
     ASSERT_EQ(pieces.size(), expected.size()) << step;
     for (std::size_t b = 0; b < pieces.size(); ++b) EXPECT_TRUE(same(pieces[b], expected[b])) << step << " " << b;
   }
-  // One reader moved from range to range, backwards.
+  // One reader moved from range to range, backwards, taking runs of shots;
+  // a move in the middle of a block leaves the rest of it.
   PointReader moved(scan, 0, 0);
   PointBatch batch;
   for (std::uint64_t b = scan.blockCount(); b-- > 0;) {
+    moved.setBatchShots(0);
     moved.moveTo(b, b + 1);
     ASSERT_TRUE(moved.next(batch));
     EXPECT_TRUE(same(batch, expected[b])) << b;
     EXPECT_FALSE(moved.next(batch));
+    moved.setBatchShots(5);
+    moved.moveTo(b, b + 1);
+    ASSERT_TRUE(moved.next(batch));
+  }
+}
+
+// Batches of runs of a block's shots, put end to end, are the block's batch.
+TEST(PointReaderSplits, RunsOfShotsPutTogetherAreTheBlocksPoints) {
+  const TempDir dir;
+  sim::SimulationOptions options;
+  options.lines = 12;
+  sim::WriteScanSet(dir.path(), options);
+  const Scan scan(dir / "scan.raw");
+  PointReader whole(scan);
+  const std::vector<PointBatch> blocks = test::ReadAll(whole);
+  const auto point = [](const PointBatch& b, std::size_t i) {
+    return std::tuple(b.x()[i], b.y()[i], b.z()[i], b.range()[i], b.normalizedIntensity()[i], b.intensity()[i],
+                      b.returnNumber()[i], b.numberOfReturns()[i], b.line()[i], b.shotIndex()[i], b.time()[i],
+                      b.flags()[i], b.pan()[i], b.scanAngle()[i], b.panCounts()[i], b.scanCounts()[i],
+                      b.flightCounts()[i]);
+  };
+  for (const std::size_t shots : {1u, 7u, 256u}) {
+    PointReader reader(scan);
+    reader.setBatchShots(shots);
+    const std::vector<PointBatch> runs = test::ReadAll(reader);
+    std::size_t r = 0;
+    for (const PointBatch& block : blocks) {
+      std::size_t at = 0;
+      for (; r < runs.size() && runs[r].block() == block.block(); ++r) {
+        for (std::size_t i = 0; i < runs[r].size(); ++i, ++at) {
+          ASSERT_LT(at, block.size()) << shots;
+          ASSERT_EQ(point(runs[r], i), point(block, at)) << shots << " block " << block.block() << " point " << at;
+        }
+      }
+      EXPECT_EQ(at, block.size()) << shots << " block " << block.block();
+    }
+    EXPECT_EQ(r, runs.size()) << shots;
+    // A run's points come from at most `shots` consecutive shots.
+    for (const PointBatch& run : runs) {
+      if (!run.empty()) {
+        EXPECT_LT(run.shotIndex().back() - run.shotIndex().front(), shots) << shots;
+      }
+    }
+    EXPECT_EQ(reader.tally().shots, whole.tally().shots) << shots;
   }
 }
 

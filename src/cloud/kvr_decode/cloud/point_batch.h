@@ -26,9 +26,10 @@ enum Column : std::uint32_t {
   kAllColumns = (1u << 11) - 1,
 };
 
-// The points of one block, column by column: entry i of every column belongs
-// to point i. A batch is reused from block to block; its columns only grow, so
-// once it has held the fullest block nothing is allocated.
+// The points of one block (or of a run of its shots, see
+// PointReader::setBatchShots), column by column: entry i of every column
+// belongs to point i. A batch is reused from block to block; its columns only
+// grow, so once it has held the fullest block nothing is allocated.
 //
 // Positions are in the scanner's own frame, metres: x = r cos(scan) cos(pan),
 // y = r cos(scan) sin(pan), z = r sin(scan), with r = range (the decoder's range

@@ -44,8 +44,8 @@ struct ReadTally {
   bool cutShort = false;           // the file ended before the range did
 };
 
-// The points of the blocks [first, last) of a scan, one batch per block, in
-// file order. A reader keeps no state from block to block beyond its stream:
+// The points of the blocks [first, last) of a scan, one batch per block (or per
+// run of a block's shots), in file order. A reader keeps no state from block to block beyond its stream:
 // the points of any split of a scan into ranges, read in order and put end to
 // end, are the points of the whole scan. Each reader has its own stream and tick
 // manager, so readers of one Scan may run on different threads.
@@ -59,9 +59,16 @@ class KVR_CLOUD_API PointReader {
   PointReader(const PointReader&) = delete;
   PointReader& operator=(const PointReader&) = delete;
 
-  // The points of the next good block into `batch` (possibly none); false at
-  // the end of the range or of the file.
+  // The points of the next good block, or of its next run of shots (see
+  // setBatchShots), into `batch` (possibly none); false at the end of the range
+  // or of the file.
   bool next(PointBatch& batch);
+
+  // Batches of at most `shots` shots: a block's points then come in several
+  // batches, each a run of its shots in order, small enough to stay in the
+  // processor's cache while a writer encodes them. 0 (the default): one batch
+  // a block. Takes effect from the next batch on.
+  void setBatchShots(std::size_t shots);
 
   // Moves the reader to the blocks [first, last) (clamped as above; a line range
   // still narrows them), keeping its tables, stream and tally: cheaper than a

@@ -79,6 +79,7 @@ class KVR_CLOUD_API PlyWriter final : public PointWriter {
   void encode(const PointBatch& batch) override;
   void complete() override;
   std::uint64_t countOffset_ = 0;
+  std::vector<std::uint32_t> colourWords_;  // per display level: red, green, blue, 0
 };
 
 // CSV: "#" comment lines, a header row, one row per point (x, y, z, intensity,
