@@ -27,10 +27,11 @@ demo: build
 # cannot reach its registry); the test's own set-up runs the same script.
 LAS_READER = tests/cloud/las_reader
 E57_READER = tests/cloud/e57_reader
+NPM_READER = tests/support/install_npm_reader.sh
 
 test: build
-	sh $(LAS_READER)/install.sh $(LAS_READER) $(BUILD_DIR)/tests/las_reader
-	sh $(E57_READER)/install.sh $(E57_READER) $(BUILD_DIR)/tests/e57_reader
+	sh $(NPM_READER) $(LAS_READER) $(BUILD_DIR)/tests/las_reader copc
+	sh $(NPM_READER) $(E57_READER) $(BUILD_DIR)/tests/e57_reader web-e57
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
 $(ASAN_DIR)/CMakeCache.txt: | setup
@@ -39,8 +40,8 @@ $(ASAN_DIR)/CMakeCache.txt: | setup
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer; any report fails it.
 test-asan: setup $(ASAN_DIR)/CMakeCache.txt
 	cmake --build $(ASAN_DIR) -j $(JOBS)
-	sh $(LAS_READER)/install.sh $(LAS_READER) $(ASAN_DIR)/tests/las_reader
-	sh $(E57_READER)/install.sh $(E57_READER) $(ASAN_DIR)/tests/e57_reader
+	sh $(NPM_READER) $(LAS_READER) $(ASAN_DIR)/tests/las_reader copc
+	sh $(NPM_READER) $(E57_READER) $(ASAN_DIR)/tests/e57_reader web-e57
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
 

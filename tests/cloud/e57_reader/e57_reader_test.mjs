@@ -25,7 +25,7 @@ async function loadReader() {
       console.log(`skipped: the E57 reader is not installed (${fs.readFileSync(marker, 'utf8').trim()})`);
       process.exit(SKIP);
     }
-    throw new Error(`the E57 reader is not installed in ${installDir} (tests/cloud/e57_reader/install.sh)`);
+    throw new Error(`the E57 reader is not installed in ${installDir} (tests/support/install_npm_reader.sh)`);
   }
   return import(pathToFileURL(entry).href);
 }

@@ -23,7 +23,7 @@ function loadReader() {
       console.log(`skipped: the LAS reader is not installed (${fs.readFileSync(marker, 'utf8').trim()})`);
       process.exit(SKIP);
     }
-    throw new Error(`the LAS reader is not installed in ${installDir} (tests/cloud/las_reader/install.sh): ${error.message}`);
+    throw new Error(`the LAS reader is not installed in ${installDir} (tests/support/install_npm_reader.sh): ${error.message}`);
   }
 }
 

@@ -24,7 +24,7 @@ function loadDecoder() {
       console.log(`skipped: the LAZ decoder is not installed (${fs.readFileSync(marker, 'utf8').trim()})`);
       process.exit(SKIP);
     }
-    throw new Error(`the LAZ decoder is not installed in ${installDir} (tests/cloud/las_reader/install.sh): ${error.message}`);
+    throw new Error(`the LAZ decoder is not installed in ${installDir} (tests/support/install_npm_reader.sh): ${error.message}`);
   }
 }
 
