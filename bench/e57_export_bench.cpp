@@ -12,7 +12,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "synthetic_scan_file.h"
+#include "writer_pass.h"
 
 #include <filesystem>
 #include <string>
@@ -28,19 +28,8 @@ using kvr::bench::kScanPath;
 using kvr::bench::Wall;
 constexpr const char* kOutputDirectories[] = {"/tmp", "/dev/shm"};
 
-struct Seconds {
-  double wall = 0.0, cpu = 0.0;
-};
-
-Seconds Export(const kvr::cloud::Scan& scan, kvr::cloud::PointWriter& writer, std::uint32_t columns,
-               kvr::cloud::PointBatch& batch, Seconds start) {
-  kvr::cloud::Selection selection;
-  selection.columns = columns;
-  kvr::cloud::PointReader reader(scan, selection);
-  while (reader.next(batch)) writer.write(batch);
-  writer.finish();
-  return {Wall() - start.wall, Cpu() - start.cpu};
-}
+using kvr::bench::Export;
+using kvr::bench::Seconds;
 
 void E57AgainstLas(benchmark::State& state) {
   kvr::bench::EnsureSyntheticScan();

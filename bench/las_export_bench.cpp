@@ -15,7 +15,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "synthetic_scan_file.h"
+#include "writer_pass.h"
 
 #include <cstdio>
 #include <ctime>
@@ -39,22 +39,10 @@ using kvr::bench::Wall;
 constexpr const char* kOutputDirectories[] = {"/tmp", "/dev/shm"};
 
 
-struct Seconds {
-  double wall = 0.0, cpu = 0.0;
-};
+using kvr::bench::Export;
+using kvr::bench::Seconds;
 
 void EnsureScan() { kvr::bench::EnsureSyntheticScan(); }
-
-// Every point of the scan through the writer; seconds to the file's rename.
-Seconds Export(const kvr::cloud::Scan& scan, kvr::cloud::PointWriter& writer, std::uint32_t columns,
-               kvr::cloud::PointBatch& batch, Seconds start) {
-  kvr::cloud::Selection selection;
-  selection.columns = columns;
-  kvr::cloud::PointReader reader(scan, selection);
-  while (reader.next(batch)) writer.write(batch);
-  writer.finish();
-  return {Wall() - start.wall, Cpu() - start.cpu};
-}
 
 void LasAgainstPly(benchmark::State& state) {
   EnsureScan();
