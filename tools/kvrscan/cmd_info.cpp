@@ -11,6 +11,7 @@
 #include "console.h"
 #include "e57_info.h"
 #include "errors.h"
+#include "fifo/block_format.h"
 #include "header/header_layout.h"
 #include "json_writer.h"
 #include "kvr_decode/conversions.h"
@@ -68,12 +69,12 @@ ScanStatistics WalkScan(ScanSource& scan, double rangeOffset, BlockWalk& walk) {
       stats.lastTime = shot.shotTow;
       ++stats.shots;
       ++stats.shotsByReturns[shot.returns.size()];
-      if ((shot.shotWord >> 57 & 0xF) != 0) ++stats.flaggedShots;
-      const auto t0 = static_cast<std::uint32_t>(shot.shotWord >> 41 & 0xFFFF);
-      geometry.aim(static_cast<std::uint32_t>(shot.shotWord & 0xFFFFF), shot.scanAngleCounts);
+      if (kvr::fifo::ShotFlags(shot.shotWord) != 0) ++stats.flaggedShots;
+      const std::uint32_t t0 = kvr::fifo::StartCounts(shot.shotWord);
+      geometry.aim(kvr::fifo::PanCounts(shot.shotWord), shot.scanAngleCounts);
       for (const std::uint32_t word : shot.returns) {
         ++stats.returnWords;
-        const double range = CalculateRange(word & 0xFFFFF, t0);
+        const double range = CalculateRange(kvr::fifo::StopCounts(word), t0);
         if (range < 0.0) {
           ++stats.invalidReturns;
           continue;
@@ -81,8 +82,8 @@ ScanStatistics WalkScan(ScanSource& scan, double rangeOffset, BlockWalk& walk) {
         ++stats.points;
         stats.minRange = std::min(stats.minRange, range);
         stats.maxRange = std::max(stats.maxRange, range);
-        stats.minIntensity = std::min(stats.minIntensity, word >> 20);
-        stats.maxIntensity = std::max(stats.maxIntensity, word >> 20);
+        stats.minIntensity = std::min(stats.minIntensity, kvr::fifo::RawIntensity(word));
+        stats.maxIntensity = std::max(stats.maxIntensity, kvr::fifo::RawIntensity(word));
         double p[3];
         geometry.place(range, p[0], p[1], p[2]);
         for (int k = 0; k < 3; ++k) {

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "console.h"
 #include "errors.h"
+#include "fifo/block_format.h"
 #include "json_writer.h"
 #include "kvr_decode/conversions.h"
 #include "kvr_decode/optical_model.h"
@@ -79,7 +80,7 @@ int RunLine(const LineOptions& args, Context& context) {
       json.key("returns").beginArray();
       for (std::size_t k = 0; k < shot.returns.size(); ++k) {
         GetPolarTriplet(shot, static_cast<int>(k), pan, scanAngle, range);
-        json.beginObject().field("range", range).field("intensity", shot.returns[k] >> 20).endObject();
+        json.beginObject().field("range", range).field("intensity", kvr::fifo::RawIntensity(shot.returns[k])).endObject();
       }
       json.endArray().endObject();
     } else {
@@ -87,7 +88,7 @@ int RunLine(const LineOptions& args, Context& context) {
       for (std::size_t k = 0; k < shot.returns.size(); ++k) {
         double p = 0.0, s = 0.0;
         GetPolarTriplet(shot, static_cast<int>(k), p, s, range);
-        returns += Format("  %.4f / %u", range, shot.returns[k] >> 20);
+        returns += Format("  %.4f / %u", range, kvr::fifo::RawIntensity(shot.returns[k]));
       }
       const std::string time = shot.shotTow < 0.0 ? "unknown" : Format("%.7f", shot.shotTow);
       report.line(Format("%6zu %16s %15llu %11.6f %11.6f%s%s", i, time.c_str(),
