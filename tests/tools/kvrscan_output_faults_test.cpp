@@ -21,62 +21,6 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kPrevious = "the previous complete file\n";
 
-// A kvrscan child in the current directory: standard output discarded, standard
-// error through a pipe. With a size limit, every regular file it writes stops
-// there; SIGXFSZ is ignored, so the write fails with EFBIG instead.
-class Child {
- public:
-  explicit Child(const std::vector<std::string>& args, std::optional<rlim_t> sizeLimit = std::nullopt) {
-    std::vector<std::string> words{KVRSCAN_PATH};
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    int pipeEnds[2];
-    if (pipe2(pipeEnds, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    pid_ = fork();
-    if (pid_ == 0) {
-      // Only async-signal-safe calls between fork and exec.
-      if (sizeLimit) {
-        const rlimit limit{*sizeLimit, *sizeLimit};
-        setrlimit(RLIMIT_FSIZE, &limit);
-      }
-      signal(SIGXFSZ, SIG_IGN);
-      const int null = open("/dev/null", O_RDWR);
-      dup2(null, 0);
-      dup2(null, 1);
-      dup2(pipeEnds[1], 2);
-      close(pipeEnds[0]);
-      execv(KVRSCAN_PATH, argv.data());
-      _exit(127);
-    }
-    close(pipeEnds[1]);
-    errors_ = pipeEnds[0];
-  }
-  ~Child() {
-    if (pid_ > 0) wait();
-  }
-
-  void kill(int signal) const { ::kill(pid_, signal); }
-
-  // The status as a shell gives it (128 + the signal that ended it) and standard error.
-  ToolRun wait() {
-    ToolRun run;
-    char buffer[4096];
-    for (ssize_t n; (n = read(errors_, buffer, sizeof buffer)) > 0;) run.err.append(buffer, static_cast<std::size_t>(n));
-    close(errors_);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return run;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int errors_ = -1;
-};
-
 // The names in a directory, to show that no temporary file was left.
 std::set<std::string> Names(const fs::path& dir) {
   std::set<std::string> names;
