@@ -2,7 +2,8 @@
 // package's tests:
 //   time SCAN        the point layer's reader makes every point of SCAN with the
 //                    columns the package's arrays hold; prints points and seconds
-//   collect SCAN     the same points kept as the records of one array, filled by
+//   collect SCAN [THREADS]
+//                    the same points kept as the records of one array, filled by
 //                    the package's own code (what read_points does without Python)
 //   dump SCAN FILE   the same points' x y z time (doubles) and intensity, line,
 //                    shot index (64-bit integers), point by point
@@ -74,16 +75,14 @@ int Read(const char* scanPath, std::FILE* dump) {
   return 0;
 }
 
-int Collect(const char* scanPath) {
+int Collect(const char* scanPath, unsigned threads) {
   kvr::cloud::Scan scan(scanPath);
   scan.map();
   kvr::cloud::Selection selection;
   selection.columns = kvr::python::kRecordColumns;
   const auto start = std::chrono::steady_clock::now();
-  kvr::python::RecordBuffer records;
-  kvr::python::ReadRecords(scan, 0, scan.blockCount(), selection, records);
+  const auto [data, size] = kvr::python::ReadRecordsOnThreads(scan, 0, scan.blockCount(), selection, threads);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  const auto [data, size] = records.take();
   std::printf("%llu points %.6f seconds %g\n", static_cast<unsigned long long>(size), seconds, size > 0 ? data[0].X : 0.0);
   std::free(data);
   return 0;
@@ -96,7 +95,9 @@ int main(int argc, char** argv) {
   try {
     if (command == "synthetic" && argc == 3) return WriteSynthetic(argv[2]);
     if (command == "time" && argc == 3) return Read(argv[2], nullptr);
-    if (command == "collect" && argc == 3) return Collect(argv[2]);
+    if (command == "collect" && (argc == 3 || argc == 4)) {
+      return Collect(argv[2], argc == 4 ? static_cast<unsigned>(std::stoul(argv[3])) : 1u);
+    }
     if (command == "dump" && argc == 4) {
       std::FILE* dump = std::fopen(argv[3], "wb");
       if (dump == nullptr) return Fail(std::string("cannot create ") + argv[3]);
@@ -106,6 +107,6 @@ int main(int argc, char** argv) {
   } catch (const std::exception& error) {
     return Fail(error.what());
   }
-  std::fprintf(stderr, "usage: kvr_point_reader_timer time SCAN | collect SCAN | dump SCAN FILE | synthetic FILE\n");
+  std::fprintf(stderr, "usage: kvr_point_reader_timer time SCAN | collect SCAN [THREADS] | dump SCAN FILE | synthetic FILE\n");
   return 2;
 }

@@ -12,6 +12,8 @@ pages alone is a large part of its time. So the C++ side is timed twice: the
 reader's batches alone, and the same reader keeping the same records in one
 array with the package's own fill code (`collect`), which is what read_points
 costs without Python; the second ratio is the binding's own overhead.
+read_points is timed on one thread and on two (its parts' records filled in
+place side by side), against the C++ side on as many.
 """
 
 import argparse
@@ -37,18 +39,24 @@ def main():
 
     scan = kvr_decode.open(args.scan)
     scan.line_count  # the map, outside the clock as on the C++ side
-    cpp, kept, py, batches, views = [], [], [], [], []
+    cpp, kept, kept2, py, py2, batches, views = [], [], [], [], [], [], []
     points = 0
     for _ in range(args.runs):
         out = subprocess.run([timer, "time", args.scan], check=True, capture_output=True, text=True).stdout.split()
         cpp.append(float(out[2]))
         out = subprocess.run([timer, "collect", args.scan], check=True, capture_output=True, text=True).stdout.split()
         kept.append(float(out[2]))
+        out = subprocess.run([timer, "collect", args.scan, "2"], check=True, capture_output=True, text=True).stdout.split()
+        kept2.append(float(out[2]))
         start = time.perf_counter()
-        array = scan.read_points()
+        array = scan.read_points(threads=1)
         py.append(time.perf_counter() - start)
         points = len(array)
         assert points == int(out[0]), (points, out)
+        del array
+        start = time.perf_counter()
+        array = scan.read_points(threads=2)
+        py2.append(time.perf_counter() - start)
         del array
         start = time.perf_counter()
         for batch in scan.points():
@@ -59,12 +67,15 @@ def main():
             pass
         views.append(time.perf_counter() - start)
 
-    c, k, p, b, v = (statistics.median(t) for t in (cpp, kept, py, batches, views))
+    c, k, k2, p, p2, b, v = (statistics.median(t) for t in (cpp, kept, kept2, py, py2, batches, views))
     print(f"scan {args.scan}: {os.path.getsize(args.scan) / 2**20:.0f} MiB, {points} points, {args.runs} runs")
     print(f"C++ PointReader     median {c:.3f} s  (runs {', '.join(f'{t:.3f}' for t in cpp)})")
     print(f"C++ records kept    median {k:.3f} s  (runs {', '.join(f'{t:.3f}' for t in kept)})  {k / c:.2f} x")
+    print(f"C++ records kept, 2 threads  median {k2:.3f} s  {k2 / c:.2f} x")
     print(f"Python read_points  median {p:.3f} s  (runs {', '.join(f'{t:.3f}' for t in py)})  {p / c:.2f} x, "
           f"{p / k:.2f} x the C++ records kept")
+    print(f"Python read_points, 2 threads  median {p2:.3f} s  {p2 / c:.2f} x, {p2 / k2:.2f} x the C++ records kept "
+          f"on 2 threads")
     print(f"Python points()     median {b:.3f} s  (16 blocks a batch)  {b / c:.2f} x")
     print(f"Python point_columns median {v:.3f} s  (views, no copy)  {v / c:.2f} x")
 

@@ -69,6 +69,10 @@ auto Guarded(const std::filesystem::path& path, Call&& call) -> decltype(call())
 // Refuses `path` with `reason` (raised as kvr_decode.Error).
 [[noreturn]] void Refuse(const std::filesystem::path& path, const std::string& reason, const LogWatch& watch);
 
+// The threads a `threads=` argument asks for: None is one per processor, at
+// most 8; otherwise 1 to 256 (ValueError).
+unsigned ThreadsOf(const py::object& threads);
+
 // Memory from the C allocator handed to numpy: the array's base is a capsule
 // that frees it, so the array owns C++ memory without copying it.
 py::capsule FreeingCapsule(void* memory);

@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <thread>
 
 #include "binding.h"
 
@@ -63,6 +65,14 @@ std::string LogWatch::added() const {
 
 void Refuse(const std::filesystem::path& path, const std::string& reason, const LogWatch& watch) {
   throw BindingError{path.string(), reason, path.string() + ": " + reason, watch.added()};
+}
+
+unsigned ThreadsOf(const py::object& threads) {
+  // As kvrscan export: past a few threads the file's reading and writing set the pace.
+  if (threads.is_none()) return std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  const auto n = threads.cast<std::int64_t>();
+  if (n < 1 || n > 256) throw py::value_error("threads: 1 to 256");
+  return static_cast<unsigned>(n);
 }
 
 py::capsule FreeingCapsule(void* memory) {

@@ -444,15 +444,14 @@ class PyScan {
     return r;
   }
 
-  py::array readPoints(const ReadRequest& r) const {
-    RecordBuffer buffer;
+  py::array readPoints(const ReadRequest& r, unsigned threads) const {
+    std::pair<PointRecord*, std::size_t> records{nullptr, 0};
     {
       py::gil_scoped_release release;
-      Guarded(scan_->path(), [&] {
-        ReadRecords(*scan_, r.first, r.last, r.selection, buffer);
-      });
+      Guarded(scan_->path(), [&] { records = ReadRecordsOnThreads(*scan_, r.first, r.last, r.selection, threads); });
     }
-    return Release(buffer);
+    if (records.first == nullptr) return ViewOf(PointType(), 0, nullptr, py::none());
+    return ViewOf(PointType(), records.second, records.first, FreeingCapsule(records.first));
   }
 
  private:
@@ -517,12 +516,15 @@ void BindScan(py::module_& m) {
       .def(
           "read_points",
           [](const PyScan& s, const std::string& returns, const py::object& blocks, const py::object& lines,
-             const py::object& nearLimit, const py::object& farLimit) {
-            return s.readPoints(s.request(returns, blocks, lines, nearLimit, farLimit));
+             const py::object& nearLimit, const py::object& farLimit, const py::object& threads) {
+            return s.readPoints(s.request(returns, blocks, lines, nearLimit, farLimit), ThreadsOf(threads));
           },
           py::arg("returns") = "all", py::arg("blocks") = py::none(), py::arg("lines") = py::none(),
-          py::arg("near") = py::none(), py::arg("far") = py::none(),
-          (std::string("All selected points as one structured array.\n") + selection("")).c_str())
+          py::arg("near") = py::none(), py::arg("far") = py::none(), py::arg("threads") = py::none(),
+          (std::string("All selected points as one structured array.\n") + selection("") +
+           "threads: threads making the points, each on its own part of the blocks (default: one per\n"
+           "processor, at most 8); the array is the same on any number.\n")
+              .c_str())
       .def(
           "point_columns",
           [](const PyScan& s, const std::string& returns, const py::object& blocks, const py::object& lines,
@@ -539,7 +541,7 @@ void BindScan(py::module_& m) {
           "line",
           [](const PyScan& s, std::int64_t n, const std::string& returns) {
             if (n < 0 || n >= s.lineCount()) throw py::index_error("line " + std::to_string(n) + " is not in the scan");
-            return s.readPoints(s.request(returns, py::none(), py::make_tuple(n, n + 1), py::none(), py::none()));
+            return s.readPoints(s.request(returns, py::none(), py::make_tuple(n, n + 1), py::none(), py::none()), 1);
           },
           py::arg("n"), py::arg("returns") = "all", "The points of the shots of scan line n, one structured array.")
       .def(

@@ -170,11 +170,6 @@ py::dict ReportDict(const WriteRequest& request, const WriteReport& report) {
   return d;
 }
 
-unsigned DefaultThreads() {
-  // As kvrscan export: past a few threads the file's reading and writing set the pace.
-  return std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
-}
-
 py::dict WriteMethod(const py::object& self, const py::object& path, const py::object& format,
                      const std::string& returns, const py::object& palette, const py::object& blocks,
                      const py::object& threads) {
@@ -190,13 +185,7 @@ py::dict WriteMethod(const py::object& self, const py::object& path, const py::o
     if (first < 0 || last < first) throw py::value_error("blocks: (first, last) with 0 <= first <= last");
     request.blocks = std::pair{static_cast<std::uint64_t>(first), static_cast<std::uint64_t>(last)};
   }
-  if (threads.is_none()) {
-    request.threads = DefaultThreads();
-  } else {
-    const auto n = threads.cast<std::int64_t>();
-    if (n < 1 || n > 256) throw py::value_error("threads: 1 to 256");
-    request.threads = static_cast<unsigned>(n);
-  }
+  request.threads = ThreadsOf(threads);
   WriteReport report;
   {
     py::gil_scoped_release release;

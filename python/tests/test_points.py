@@ -15,7 +15,7 @@ def scan(scan_set):
 
 @pytest.fixture(scope="module")
 def points(scan):
-    return scan.read_points()
+    return scan.read_points(threads=1)
 
 
 def test_points_equal_the_point_layers(scan_set, reader_timer, points, tmp_path):
@@ -124,6 +124,25 @@ def test_two_threads_on_disjoint_blocks_give_the_whole_scan(scan, points):
     for t in threads:
         t.join()
     np.testing.assert_array_equal(np.concatenate([results[0], results[1]]), points)
+
+
+@pytest.mark.parametrize("threads", [2, 3, 7])
+def test_read_points_gives_the_same_array_on_any_number_of_threads(scan, points, threads):
+    assert scan.read_points(threads=threads).tobytes() == points.tobytes()  # padding included
+    # Parts fewer than threads; selections that leave some parts without points.
+    # (A masked copy's padding is numpy's, so these compare the fields.)
+    np.testing.assert_array_equal(scan.read_points(blocks=(2, 4), threads=threads),
+                                  points[(points["Block"] >= 2) & (points["Block"] < 4)])
+    in_lines = (points["Line"] >= 3) & (points["Line"] < 5)
+    np.testing.assert_array_equal(scan.read_points(lines=(3, 5), threads=threads), points[in_lines])
+    window = (points["Range"] > 2.0) & (points["Range"] <= 5.0) & (points["ReturnNumber"] == 1)
+    np.testing.assert_array_equal(scan.read_points(returns="first", near=2.0, far=5.0, threads=threads),
+                                  points[window])
+    empty = scan.read_points(lines=(0, 0), threads=threads)
+    assert len(empty) == 0 and empty.dtype == points.dtype
+    for wrong in (0, 257):
+        with pytest.raises(ValueError, match="threads"):
+            scan.read_points(threads=wrong)
 
 
 def _resident_kib():
