@@ -39,6 +39,7 @@ class SymbolModel {
 
   // Where the symbol's share of an interval starts, in 15 bits.
   std::uint32_t start(std::uint32_t symbol) const { return distribution_[symbol]; }
+  const std::uint32_t* distribution() const { return distribution_.data(); }
   // Counts a coded symbol.
   void add(std::uint32_t symbol) {
     ++count_[symbol];
@@ -68,32 +69,35 @@ class ArithmeticEncoder {
     size_ = 0;
   }
 
+  // The coding steps work on local copies of the interval: a byte stored to the
+  // output may alias any member, which would otherwise send every step through memory.
   void encodeBit(BitModel& model, std::uint32_t bit) {
-    const std::uint32_t x = model.probability0() * (length_ >> kBitLengthShift);
+    std::uint32_t base = base_, length = length_;
+    const std::uint32_t x = model.probability0() * (length >> kBitLengthShift);
     if (bit == 0) {
-      length_ = x;
+      length = x;
     } else {
-      addToBase(x);
-      length_ -= x;
+      base = added(base, x);
+      length -= x;
     }
-    if (length_ < kMinLength) renormalize();
+    settle(base, length);
     model.add(bit);
   }
 
   void encodeSymbol(SymbolModel& model, std::uint32_t symbol) {
+    const std::uint32_t* start = model.distribution();
+    std::uint32_t base = base_, length = length_;
     std::uint32_t x;
     if (symbol + 1 == model.symbols()) {
       // The top symbol takes the rest of the interval: no second product.
-      x = model.start(symbol) * (length_ >> kSymbolLengthShift);
-      addToBase(x);
-      length_ -= x;
+      x = start[symbol] * (length >> kSymbolLengthShift);
+      length -= x;
     } else {
-      length_ >>= kSymbolLengthShift;
-      x = model.start(symbol) * length_;
-      addToBase(x);
-      length_ = model.start(symbol + 1) * length_ - x;
+      length >>= kSymbolLengthShift;
+      x = start[symbol] * length;
+      length = start[symbol + 1] * length - x;
     }
-    if (length_ < kMinLength) renormalize();
+    settle(added(base, x), length);
     model.add(symbol);
   }
 
@@ -116,22 +120,30 @@ class ArithmeticEncoder {
   static constexpr std::uint32_t kBitLengthShift = 13;     // length bits dropped before a bit's product
   static constexpr std::uint32_t kSymbolLengthShift = 15;  // and before a symbol's
 
-  void addToBase(std::uint32_t x) {
-    const std::uint32_t before = base_;
-    base_ += x;
-    if (base_ < before) propagateCarry();
+  // base + x, the carry (when the sum wraps) propagated into the bytes written.
+  std::uint32_t added(std::uint32_t base, std::uint32_t x) {
+    base += x;
+    if (base < x) propagateCarry();
+    return base;
   }
+  void addToBase(std::uint32_t x) { base_ = added(base_, x); }
+  // Stores the interval, writing out the top bytes it has settled.
+  void settle(std::uint32_t base, std::uint32_t length) {
+    if (length < kMinLength) {
+      // At most four bytes a call: room for them is made once.
+      if (size_ + 4 > bytes_.size()) grow();
+      std::uint8_t* out = bytes_.data() + size_;
+      do {
+        *out++ = static_cast<std::uint8_t>(base >> 24);
+        base <<= 8;
+      } while ((length <<= 8) < kMinLength);
+      size_ = static_cast<std::size_t>(out - bytes_.data());
+    }
+    base_ = base;
+    length_ = length;
+  }
+  void renormalize() { settle(base_, length_); }
   void propagateCarry();
-  void renormalize() {
-    // At most four bytes a call: room for them is made once.
-    if (size_ + 4 > bytes_.size()) grow();
-    std::uint8_t* out = bytes_.data() + size_;
-    do {
-      *out++ = static_cast<std::uint8_t>(base_ >> 24);
-      base_ <<= 8;
-    } while ((length_ <<= 8) < kMinLength);
-    size_ = static_cast<std::size_t>(out - bytes_.data());
-  }
   void grow();
 
   std::uint32_t base_ = 0, length_ = 0;

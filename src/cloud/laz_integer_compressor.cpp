@@ -1,6 +1,7 @@
 #include "laz_integer_compressor.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace kvr::cloud::laz {
 
@@ -46,12 +47,8 @@ void IntegerCompressor::compress(std::int32_t predicted, std::int32_t real, std:
 void IntegerCompressor::writeCorrector(std::int32_t c, SymbolModel& kModel) {
   // k is the bit length of |c| for c <= 0 and of c - 1 above: class k holds
   // -(2^k - 1) .. -2^(k-1) and 2^(k-1) + 1 .. 2^k.
-  std::uint32_t c1 = c <= 0 ? 0u - static_cast<std::uint32_t>(c) : static_cast<std::uint32_t>(c) - 1u;
-  std::uint32_t k = 0;
-  while (c1 != 0) {
-    c1 >>= 1;
-    ++k;
-  }
+  const std::uint32_t c1 = c <= 0 ? 0u - static_cast<std::uint32_t>(c) : static_cast<std::uint32_t>(c) - 1u;
+  const auto k = static_cast<std::uint32_t>(std::bit_width(c1));
   k_ = k;
   encoder_.encodeSymbol(kModel, k);
   if (k == 0) {

@@ -63,15 +63,12 @@ TEST(Point14Layers, StoresOnlyTheLayersWhoseFieldChanges) {
   };
   const Case cases[] = {{0, 0}, {8, 1}, {16, 2}, {15, 3}, {12, 4}, {18, 5}, {17, 6}, {20, 7}, {22, 8}, {29, 8}};
   for (const Case& c : cases) {
-    std::array<std::uint8_t, 30> first{};
-    first[14] = 0x11;  // 1 of 1
-    std::array<std::uint8_t, 30> second = first;
-    second[c.byte] ^= 1;
+    // Three records: the second differs from the first and third in one byte.
+    std::array<std::uint8_t, 90> records{};
+    for (const std::size_t at : {0, 30, 60}) records[at + 14] = 0x11;  // 1 of 1
+    records[30 + c.byte] ^= 1;
     Point14Layers layers;
-    layers.start(first.data());
-    layers.write(second.data());
-    layers.write(first.data());
-    layers.done();
+    layers.encode(records.data(), 3, 30);
     const std::vector<std::uint32_t> sizes = SizesOf(layers);
     ASSERT_EQ(sizes.size(), 9u);
     for (std::size_t layer = 0; layer < 9; ++layer) {
@@ -85,21 +82,19 @@ TEST(Rgb14Layer, IsEmptyUnlessAColourChanges) {
   std::array<std::uint8_t, 6> blue = grey;
   blue[5] = 0x21;
   for (const bool change : {false, true}) {
+    std::array<std::uint8_t, 66> records;
+    for (std::size_t i = 0; i < 11; ++i) std::memcpy(&records[6 * i], (change && i == 6 ? blue : grey).data(), 6);
     Rgb14Layer layer;
-    layer.start(grey.data());
-    for (int i = 0; i < 10; ++i) layer.write((change && i == 5 ? blue : grey).data());
-    layer.done();
+    layer.encode(records.data(), 11, 6);
     EXPECT_EQ(SizesOf(layer)[0] > 0, change);
   }
 }
 
 TEST(Byte14Layers, StoresEachByteThatChangesInALayerOfItsOwn) {
   Byte14Layers layers(4);
-  const std::uint8_t a[4] = {1, 2, 3, 4}, b[4] = {1, 9, 3, 0};
-  layers.start(a);
-  layers.write(a);
-  layers.write(b);
-  layers.done();
+  // Records of 5 bytes (the layers' 4 and one that is not theirs, changing).
+  const std::uint8_t records[] = {1, 2, 3, 4, 7, 1, 2, 3, 4, 8, 1, 9, 3, 0, 9};
+  layers.encode(records, 3, 5);
   const std::vector<std::uint32_t> sizes = SizesOf(layers);
   ASSERT_EQ(sizes.size(), 4u);
   EXPECT_EQ(sizes[0], 0u);
