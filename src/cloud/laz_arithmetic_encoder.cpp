@@ -86,7 +86,9 @@ void ArithmeticEncoder::writeInt(std::uint32_t value) {
   writeShort(static_cast<std::uint16_t>(value >> 16));
 }
 
-void ArithmeticEncoder::grow() { bytes_.resize(std::max<std::size_t>(4096, 2 * bytes_.size())); }
+void ArithmeticEncoder::grow(std::size_t bytes) {
+  bytes_.resize(std::max({std::size_t{4096}, 2 * bytes_.size(), size_ + bytes}));
+}
 
 void ArithmeticEncoder::done() {
   bool anotherByte = true;
@@ -99,18 +101,18 @@ void ArithmeticEncoder::done() {
     anotherByte = false;
   }
   renormalize();
-  if (size_ + 3 > bytes_.size()) grow();
+  reserve(3);
   for (int i = anotherByte ? 3 : 2; i > 0; --i) bytes_[size_++] = 0;
 }
 
-void ArithmeticEncoder::propagateCarry() {
+void ArithmeticEncoder::propagateCarry(std::uint8_t* end) {
   // The interval starts at 0 and only a byte already written can overflow into.
-  for (std::size_t at = size_; at-- > 0;) {
-    if (bytes_[at] != 0xFF) {
-      ++bytes_[at];
+  while (end != bytes_.data()) {
+    if (*--end != 0xFF) {
+      ++*end;
       return;
     }
-    bytes_[at] = 0;
+    *end = 0;
   }
 }
 

@@ -69,36 +69,36 @@ class ArithmeticEncoder {
     size_ = 0;
   }
 
-  // The coding steps work on local copies of the interval: a byte stored to the
-  // output may alias any member, which would otherwise send every step through memory.
   void encodeBit(BitModel& model, std::uint32_t bit) {
-    std::uint32_t base = base_, length = length_;
-    const std::uint32_t x = model.probability0() * (length >> kBitLengthShift);
+    reserve(kMaxBytesPerStep);
+    State state = this->state();
+    const std::uint32_t x = model.probability0() * (state.length >> kBitLengthShift);
     if (bit == 0) {
-      length = x;
+      state.length = x;
     } else {
-      base = added(base, x);
-      length -= x;
+      add(state, x);
+      state.length -= x;
     }
-    settle(base, length);
+    settle(state);
+    store(state);
     model.add(bit);
   }
 
   void encodeSymbol(SymbolModel& model, std::uint32_t symbol) {
-    const std::uint32_t* start = model.distribution();
-    std::uint32_t base = base_, length = length_;
-    std::uint32_t x;
-    if (symbol + 1 == model.symbols()) {
-      // The top symbol takes the rest of the interval: no second product.
-      x = start[symbol] * (length >> kSymbolLengthShift);
-      length -= x;
-    } else {
-      length >>= kSymbolLengthShift;
-      x = start[symbol] * length;
-      length = start[symbol + 1] * length - x;
-    }
-    settle(added(base, x), length);
-    model.add(symbol);
+    reserve(kMaxBytesPerStep);
+    State state = this->state();
+    symbolStep(state, model, symbol);
+    store(state);
+  }
+
+  // Codes `count` symbols of one model, each from next(): the interval stays in
+  // registers for the whole run.
+  template <typename Next>
+  void encodeSymbols(SymbolModel& model, std::size_t count, Next&& next) {
+    reserve(count * kMaxBytesPerStep);
+    State state = this->state();
+    for (std::size_t i = 0; i < count; ++i) symbolStep(state, model, next());
+    store(state);
   }
 
   // Raw bits, equally likely: `bits` from 1 to 32.
@@ -120,31 +120,68 @@ class ArithmeticEncoder {
   static constexpr std::uint32_t kBitLengthShift = 13;     // length bits dropped before a bit's product
   static constexpr std::uint32_t kSymbolLengthShift = 15;  // and before a symbol's
 
-  // base + x, the carry (when the sum wraps) propagated into the bytes written.
-  std::uint32_t added(std::uint32_t base, std::uint32_t x) {
-    base += x;
-    if (base < x) propagateCarry();
-    return base;
+  static constexpr std::size_t kMaxBytesPerStep = 4;  // a step leaves a length of at least 1
+
+  // The interval and where the next byte goes, as coding steps change them.
+  // Steps work on this local copy: a byte stored to the output may alias any
+  // member, which would otherwise send every step through memory.
+  struct State {
+    std::uint32_t base, length;
+    std::uint8_t* out;
+  };
+  State state() { return {base_, length_, bytes_.data() + size_}; }
+  void store(const State& state) {
+    base_ = state.base;
+    length_ = state.length;
+    size_ = static_cast<std::size_t>(state.out - bytes_.data());
   }
-  void addToBase(std::uint32_t x) { base_ = added(base_, x); }
-  // Stores the interval, writing out the top bytes it has settled.
-  void settle(std::uint32_t base, std::uint32_t length) {
-    if (length < kMinLength) {
-      // At most four bytes a call: room for them is made once.
-      if (size_ + 4 > bytes_.size()) grow();
-      std::uint8_t* out = bytes_.data() + size_;
-      do {
-        *out++ = static_cast<std::uint8_t>(base >> 24);
-        base <<= 8;
-      } while ((length <<= 8) < kMinLength);
-      size_ = static_cast<std::size_t>(out - bytes_.data());
+  void reserve(std::size_t bytes) {
+    if (size_ + bytes > bytes_.size()) grow(bytes);
+  }
+
+  void symbolStep(State& state, SymbolModel& model, std::uint32_t symbol) {
+    const std::uint32_t* start = model.distribution();
+    std::uint32_t x;
+    if (symbol + 1 == model.symbols()) {
+      // The top symbol takes the rest of the interval: no second product.
+      x = start[symbol] * (state.length >> kSymbolLengthShift);
+      state.length -= x;
+    } else {
+      state.length >>= kSymbolLengthShift;
+      x = start[symbol] * state.length;
+      state.length = start[symbol + 1] * state.length - x;
     }
-    base_ = base;
-    length_ = length;
+    add(state, x);
+    settle(state);
+    model.add(symbol);
   }
-  void renormalize() { settle(base_, length_); }
-  void propagateCarry();
-  void grow();
+  // base + x, the carry (when the sum wraps) propagated into the bytes written.
+  void add(State& state, std::uint32_t x) {
+    state.base += x;
+    if (state.base < x) propagateCarry(state.out);
+  }
+  // Writes out the top bytes the interval has settled.
+  static void settle(State& state) {
+    while (state.length < kMinLength) {
+      *state.out++ = static_cast<std::uint8_t>(state.base >> 24);
+      state.base <<= 8;
+      state.length <<= 8;
+    }
+  }
+  // For the rarer steps: the members through a State.
+  void addToBase(std::uint32_t x) {
+    State state = this->state();
+    add(state, x);
+    store(state);
+  }
+  void renormalize() {
+    reserve(kMaxBytesPerStep);
+    State state = this->state();
+    settle(state);
+    store(state);
+  }
+  void propagateCarry(std::uint8_t* end);
+  void grow(std::size_t bytes);
 
   std::uint32_t base_ = 0, length_ = 0;
   std::vector<std::uint8_t> bytes_;  // the first size_ are written

@@ -16,9 +16,18 @@ Byte14Layers::Byte14Layers(std::size_t count) : layers_(count), models_(count, S
 
 void Byte14Layers::encode(const std::uint8_t* first, std::size_t count, std::size_t stride) {
   for (Layer& layer : layers_) layer.reset();
+  // Which bytes differ from the first record's anywhere in the chunk, in one
+  // pass over the records: the others are never looked at again.
+  changes_.assign(layers_.size(), 0);
+  for (std::size_t i = 1; i < count; ++i) {
+    const std::uint8_t* bytes = first + i * stride;
+    for (std::size_t byte = 0; byte < changes_.size(); ++byte) changes_[byte] |= bytes[byte] ^ first[byte];
+  }
   for (std::size_t from = 1; from < count; from += kBlockPoints) {
     const std::size_t to = std::min(count, from + kBlockPoints);
-    for (std::size_t byte = 0; byte < layers_.size(); ++byte) encodeColumn(byte, first + byte, from, to, stride);
+    for (std::size_t byte = 0; byte < layers_.size(); ++byte) {
+      if (changes_[byte] != 0) encodeColumn(byte, first + byte, from, to, stride);
+    }
   }
   for (Layer& layer : layers_) layer.encoder.done();
 }
@@ -35,12 +44,14 @@ void Byte14Layers::encodeColumn(std::size_t byte, const std::uint8_t* column, st
     if (i == to) return;
     layer.changed = true;
     model.reset();
-    for (std::size_t k = 1; k < i; ++k) layer.encoder.encodeSymbol(model, 0);
+    layer.encoder.encodeSymbols(model, i - 1, [] { return 0u; });
   }
-  ArithmeticEncoder& out = layer.encoder;
-  for (const std::uint8_t* at = column + i * stride; i < to; ++i, at += stride) {
-    out.encodeSymbol(model, static_cast<std::uint32_t>(at[0] - at[-static_cast<std::ptrdiff_t>(stride)]) & 0xFFu);
-  }
+  const std::uint8_t* at = column + i * stride;
+  layer.encoder.encodeSymbols(model, to - i, [&] {
+    const std::uint32_t diff = static_cast<std::uint32_t>(at[0] - at[-static_cast<std::ptrdiff_t>(stride)]) & 0xFFu;
+    at += stride;
+    return diff;
+  });
 }
 
 void Byte14Layers::appendSizes(std::vector<std::uint8_t>& out) const {

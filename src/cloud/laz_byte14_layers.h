@@ -25,6 +25,7 @@ class Byte14Layers {
 
   std::vector<Layer> layers_;
   std::vector<SymbolModel> models_;
+  std::vector<std::uint8_t> changes_;  // a byte's bits that differ from the first record's
 };
 
 }  // namespace kvr::cloud::laz
