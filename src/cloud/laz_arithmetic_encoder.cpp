@@ -34,7 +34,7 @@ void BitModel::update() {
 }
 
 SymbolModel::SymbolModel(std::uint32_t symbols)
-    : symbols_(symbols), distribution_(symbols), count_(symbols) {
+    : symbols_(symbols), distribution_(symbols + 1), count_(symbols) {
   reset();
 }
 
@@ -61,24 +61,6 @@ void SymbolModel::update() {
   const std::uint32_t maxCycle = (symbols_ + 6) << 3;
   if (updateCycle_ > maxCycle) updateCycle_ = maxCycle;
   symbolsUntilUpdate_ = updateCycle_;
-}
-
-void ArithmeticEncoder::writeBits(std::uint32_t bits, std::uint32_t value) {
-  if (bits > 19) {
-    // The interval keeps enough precision for 19 bits at a time.
-    writeShort(static_cast<std::uint16_t>(value & 0xFFFFu));
-    value >>= 16;
-    bits -= 16;
-  }
-  length_ >>= bits;
-  addToBase(value * length_);
-  if (length_ < kMinLength) renormalize();
-}
-
-void ArithmeticEncoder::writeShort(std::uint16_t value) {
-  length_ >>= 16;
-  addToBase(std::uint32_t{value} * length_);
-  if (length_ < kMinLength) renormalize();
 }
 
 void ArithmeticEncoder::writeInt(std::uint32_t value) {

@@ -37,7 +37,8 @@ class SymbolModel {
   void reset();
   std::uint32_t symbols() const { return symbols_; }
 
-  // Where the symbol's share of an interval starts, in 15 bits.
+  // Where the symbol's share of an interval starts, in 15 bits; the table has
+  // one entry more, never used, so that the top symbol's end can be read.
   std::uint32_t start(std::uint32_t symbol) const { return distribution_[symbol]; }
   const std::uint32_t* distribution() const { return distribution_.data(); }
   // Counts a coded symbol.
@@ -72,16 +73,8 @@ class ArithmeticEncoder {
   void encodeBit(BitModel& model, std::uint32_t bit) {
     reserve(kMaxBytesPerStep);
     State state = this->state();
-    const std::uint32_t x = model.probability0() * (state.length >> kBitLengthShift);
-    if (bit == 0) {
-      state.length = x;
-    } else {
-      add(state, x);
-      state.length -= x;
-    }
-    settle(state);
+    bitStep(state, model, bit);
     store(state);
-    model.add(bit);
   }
 
   void encodeSymbol(SymbolModel& model, std::uint32_t symbol) {
@@ -102,8 +95,13 @@ class ArithmeticEncoder {
   }
 
   // Raw bits, equally likely: `bits` from 1 to 32.
-  void writeBits(std::uint32_t bits, std::uint32_t value);
-  void writeShort(std::uint16_t value);
+  void writeBits(std::uint32_t bits, std::uint32_t value) {
+    reserve(2 * kMaxBytesPerStep);
+    State state = this->state();
+    rawStep(state, bits, value);
+    store(state);
+  }
+  void writeShort(std::uint16_t value) { writeBits(16, value); }
   void writeInt(std::uint32_t value);
 
   // Ends the interval: the last bytes that pin it down, then the zeros a decoder
@@ -139,18 +137,39 @@ class ArithmeticEncoder {
     if (size_ + bytes > bytes_.size()) grow(bytes);
   }
 
+  // The integer compressor codes a value in a few steps on one State.
+  friend class IntegerCompressor;
+
+  void bitStep(State& state, BitModel& model, std::uint32_t bit) {
+    const std::uint32_t x = model.probability0() * (state.length >> kBitLengthShift);
+    if (bit == 0) {
+      state.length = x;
+    } else {
+      add(state, x);
+      state.length -= x;
+    }
+    settle(state);
+    model.add(bit);
+  }
+  // Two steps above 19 bits, the most the interval has precision for at a time.
+  void rawStep(State& state, std::uint32_t bits, std::uint32_t value) {
+    if (bits > 19) {
+      rawStep(state, 16, value & 0xFFFFu);
+      value >>= 16;
+      bits -= 16;
+    }
+    state.length >>= bits;
+    add(state, value * state.length);
+    settle(state);
+  }
   void symbolStep(State& state, SymbolModel& model, std::uint32_t symbol) {
     const std::uint32_t* start = model.distribution();
-    std::uint32_t x;
-    if (symbol + 1 == model.symbols()) {
-      // The top symbol takes the rest of the interval: no second product.
-      x = start[symbol] * (state.length >> kSymbolLengthShift);
-      state.length -= x;
-    } else {
-      state.length >>= kSymbolLengthShift;
-      x = start[symbol] * state.length;
-      state.length = start[symbol + 1] * state.length - x;
-    }
+    const std::uint32_t unit = state.length >> kSymbolLengthShift;
+    const std::uint32_t x = start[symbol] * unit;
+    // The top symbol takes the rest of the interval. A selection, not a branch:
+    // which symbol comes is data, and the table has an entry past the top.
+    const std::uint32_t end = symbol + 1 == model.symbols() ? state.length : start[symbol + 1] * unit;
+    state.length = end - x;
     add(state, x);
     settle(state);
     model.add(symbol);

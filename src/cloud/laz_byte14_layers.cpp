@@ -1,6 +1,8 @@
 #include "laz_byte14_layers.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 
 namespace kvr::cloud::laz {
 
@@ -9,24 +11,36 @@ namespace {
 // Points coded a layer at a time before moving to the next layer: one layer's
 // coder and model stay hot, and the block's records stay in cache for the others.
 constexpr std::size_t kBlockPoints = 512;
+constexpr std::size_t kGroupBytes = 32;  // bytes compared at once for a change
 
 }  // namespace
 
 Byte14Layers::Byte14Layers(std::size_t count) : layers_(count), models_(count, SymbolModel(256)) {}
 
-void Byte14Layers::encode(const std::uint8_t* first, std::size_t count, std::size_t stride) {
+void Byte14Layers::encode(const std::uint8_t* records, std::size_t count, std::size_t stride) {
   for (Layer& layer : layers_) layer.reset();
   // Which bytes differ from the first record's anywhere in the chunk, in one
   // pass over the records: the others are never looked at again.
-  changes_.assign(layers_.size(), 0);
-  for (std::size_t i = 1; i < count; ++i) {
-    const std::uint8_t* bytes = first + i * stride;
-    for (std::size_t byte = 0; byte < changes_.size(); ++byte) changes_[byte] |= bytes[byte] ^ first[byte];
+  // The bits gather in a local array, which the records cannot alias.
+  changes_.resize(layers_.size());
+  for (std::size_t group = 0; group < layers_.size(); group += kGroupBytes) {
+    const std::size_t width = std::min(kGroupBytes, layers_.size() - group);
+    std::array<std::uint8_t, kGroupBytes> first{}, changes{};
+    std::memcpy(first.data(), records + group, width);
+    for (std::size_t i = 1; i < count; ++i) {
+      const std::uint8_t* bytes = records + i * stride + group;
+      if (width == kGroupBytes) {
+        for (std::size_t byte = 0; byte < kGroupBytes; ++byte) changes[byte] |= bytes[byte] ^ first[byte];
+      } else {
+        for (std::size_t byte = 0; byte < width; ++byte) changes[byte] |= bytes[byte] ^ first[byte];
+      }
+    }
+    std::memcpy(changes_.data() + group, changes.data(), width);
   }
   for (std::size_t from = 1; from < count; from += kBlockPoints) {
     const std::size_t to = std::min(count, from + kBlockPoints);
     for (std::size_t byte = 0; byte < layers_.size(); ++byte) {
-      if (changes_[byte] != 0) encodeColumn(byte, first + byte, from, to, stride);
+      if (changes_[byte] != 0) encodeColumn(byte, records + byte, from, to, stride);
     }
   }
   for (Layer& layer : layers_) layer.encoder.done();

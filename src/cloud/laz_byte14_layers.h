@@ -14,8 +14,8 @@ class Byte14Layers {
  public:
   explicit Byte14Layers(std::size_t count);
   // Codes the bytes of a chunk's `count` records, `stride` bytes apart, the
-  // first record's bytes at `first` (stored raw, not coded here).
-  void encode(const std::uint8_t* first, std::size_t count, std::size_t stride);
+  // first record's bytes at `records` (stored raw, not coded here).
+  void encode(const std::uint8_t* records, std::size_t count, std::size_t stride);
   void appendSizes(std::vector<std::uint8_t>& out) const;
   void appendBytes(std::vector<std::uint8_t>& out) const;
 
