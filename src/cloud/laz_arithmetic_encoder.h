@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -90,7 +91,7 @@ class ArithmeticEncoder {
   void encodeSymbols(SymbolModel& model, std::size_t count, Next&& next) {
     reserve(count * kMaxBytesPerStep);
     State state = this->state();
-    for (std::size_t i = 0; i < count; ++i) symbolStep(state, model, next());
+    for (std::size_t i = 0; i < count; ++i) symbolStep<false>(state, model, next());
     store(state);
   }
 
@@ -140,6 +141,7 @@ class ArithmeticEncoder {
   // The integer compressor codes a value in a few steps on one State.
   friend class IntegerCompressor;
 
+  template <bool kCounted = true>
   void bitStep(State& state, BitModel& model, std::uint32_t bit) {
     const std::uint32_t x = model.probability0() * (state.length >> kBitLengthShift);
     if (bit == 0) {
@@ -148,20 +150,22 @@ class ArithmeticEncoder {
       add(state, x);
       state.length -= x;
     }
-    settle(state);
+    settle<kCounted>(state);
     model.add(bit);
   }
   // Two steps above 19 bits, the most the interval has precision for at a time.
+  template <bool kCounted = true>
   void rawStep(State& state, std::uint32_t bits, std::uint32_t value) {
     if (bits > 19) {
-      rawStep(state, 16, value & 0xFFFFu);
+      rawStep<kCounted>(state, 16, value & 0xFFFFu);
       value >>= 16;
       bits -= 16;
     }
     state.length >>= bits;
     add(state, value * state.length);
-    settle(state);
+    settle<kCounted>(state);
   }
+  template <bool kCounted = true>
   void symbolStep(State& state, SymbolModel& model, std::uint32_t symbol) {
     const std::uint32_t* start = model.distribution();
     const std::uint32_t unit = state.length >> kSymbolLengthShift;
@@ -171,7 +175,7 @@ class ArithmeticEncoder {
     const std::uint32_t end = symbol + 1 == model.symbols() ? state.length : start[symbol + 1] * unit;
     state.length = end - x;
     add(state, x);
-    settle(state);
+    settle<kCounted>(state);
     model.add(symbol);
   }
   // base + x, the carry (when the sum wraps) propagated into the bytes written.
@@ -179,12 +183,28 @@ class ArithmeticEncoder {
     state.base += x;
     if (state.base < x) propagateCarry(state.out);
   }
-  // Writes out the top bytes the interval has settled.
+  // Writes out the top bytes the interval has settled: as many as the length
+  // has zero bytes at its top. A run of one model's symbols settles about the
+  // same number each step, and a loop predicts it; steps that alternate models
+  // and widths (an integer's class, then its bits) count them instead, storing
+  // the four top bytes each time into the room reserved, without a branch.
+  template <bool kCounted>
   static void settle(State& state) {
-    while (state.length < kMinLength) {
-      *state.out++ = static_cast<std::uint8_t>(state.base >> 24);
-      state.base <<= 8;
-      state.length <<= 8;
+    if constexpr (kCounted) {
+      const int bytes = std::countl_zero(state.length | 1u) >> 3;  // a length is never 0
+      state.out[0] = static_cast<std::uint8_t>(state.base >> 24);
+      state.out[1] = static_cast<std::uint8_t>(state.base >> 16);
+      state.out[2] = static_cast<std::uint8_t>(state.base >> 8);
+      state.out[3] = static_cast<std::uint8_t>(state.base);
+      state.out += bytes;
+      state.base <<= 8 * bytes;
+      state.length <<= 8 * bytes;
+    } else {
+      while (state.length < kMinLength) {
+        *state.out++ = static_cast<std::uint8_t>(state.base >> 24);
+        state.base <<= 8;
+        state.length <<= 8;
+      }
     }
   }
   // For the rarer steps: the members through a State.
@@ -196,7 +216,7 @@ class ArithmeticEncoder {
   void renormalize() {
     reserve(kMaxBytesPerStep);
     State state = this->state();
-    settle(state);
+    settle<false>(state);
     store(state);
   }
   void propagateCarry(std::uint8_t* end);
