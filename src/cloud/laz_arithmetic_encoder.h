@@ -119,7 +119,9 @@ class ArithmeticEncoder {
   static constexpr std::uint32_t kBitLengthShift = 13;     // length bits dropped before a bit's product
   static constexpr std::uint32_t kSymbolLengthShift = 15;  // and before a symbol's
 
-  static constexpr std::size_t kMaxBytesPerStep = 4;  // a step leaves a length of at least 1
+  // Room a step needs: it settles at most 3 bytes (a length is at least 1), and
+  // the counted settle stores 4.
+  static constexpr std::size_t kMaxBytesPerStep = 4;
 
   // The interval and where the next byte goes, as coding steps change them.
   // Steps work on this local copy: a byte stored to the output may alias any
