@@ -34,7 +34,7 @@ void BitModel::update() {
 }
 
 SymbolModel::SymbolModel(std::uint32_t symbols)
-    : symbols_(symbols), distribution_(symbols), count_(symbols) {
+    : symbols_(symbols), distribution_(symbols + 1), count_(symbols) {
   reset();
 }
 
@@ -63,30 +63,14 @@ void SymbolModel::update() {
   symbolsUntilUpdate_ = updateCycle_;
 }
 
-void ArithmeticEncoder::writeBits(std::uint32_t bits, std::uint32_t value) {
-  if (bits > 19) {
-    // The interval keeps enough precision for 19 bits at a time.
-    writeShort(static_cast<std::uint16_t>(value & 0xFFFFu));
-    value >>= 16;
-    bits -= 16;
-  }
-  length_ >>= bits;
-  addToBase(value * length_);
-  if (length_ < kMinLength) renormalize();
-}
-
-void ArithmeticEncoder::writeShort(std::uint16_t value) {
-  length_ >>= 16;
-  addToBase(std::uint32_t{value} * length_);
-  if (length_ < kMinLength) renormalize();
-}
-
 void ArithmeticEncoder::writeInt(std::uint32_t value) {
   writeShort(static_cast<std::uint16_t>(value & 0xFFFFu));
   writeShort(static_cast<std::uint16_t>(value >> 16));
 }
 
-void ArithmeticEncoder::grow() { bytes_.resize(std::max<std::size_t>(4096, 2 * bytes_.size())); }
+void ArithmeticEncoder::grow(std::size_t bytes) {
+  bytes_.resize(std::max({std::size_t{4096}, 2 * bytes_.size(), size_ + bytes}));
+}
 
 void ArithmeticEncoder::done() {
   bool anotherByte = true;
@@ -99,18 +83,18 @@ void ArithmeticEncoder::done() {
     anotherByte = false;
   }
   renormalize();
-  if (size_ + 3 > bytes_.size()) grow();
+  reserve(3);
   for (int i = anotherByte ? 3 : 2; i > 0; --i) bytes_[size_++] = 0;
 }
 
-void ArithmeticEncoder::propagateCarry() {
+void ArithmeticEncoder::propagateCarry(std::uint8_t* end) {
   // The interval starts at 0 and only a byte already written can overflow into.
-  for (std::size_t at = size_; at-- > 0;) {
-    if (bytes_[at] != 0xFF) {
-      ++bytes_[at];
+  while (end != bytes_.data()) {
+    if (*--end != 0xFF) {
+      ++*end;
       return;
     }
-    bytes_[at] = 0;
+    *end = 0;
   }
 }
 

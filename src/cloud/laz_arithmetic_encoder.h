@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -37,8 +38,10 @@ class SymbolModel {
   void reset();
   std::uint32_t symbols() const { return symbols_; }
 
-  // Where the symbol's share of an interval starts, in 15 bits.
+  // Where the symbol's share of an interval starts, in 15 bits; the table has
+  // one entry more, never used, so that the top symbol's end can be read.
   std::uint32_t start(std::uint32_t symbol) const { return distribution_[symbol]; }
+  const std::uint32_t* distribution() const { return distribution_.data(); }
   // Counts a coded symbol.
   void add(std::uint32_t symbol) {
     ++count_[symbol];
@@ -69,37 +72,37 @@ class ArithmeticEncoder {
   }
 
   void encodeBit(BitModel& model, std::uint32_t bit) {
-    const std::uint32_t x = model.probability0() * (length_ >> kBitLengthShift);
-    if (bit == 0) {
-      length_ = x;
-    } else {
-      addToBase(x);
-      length_ -= x;
-    }
-    if (length_ < kMinLength) renormalize();
-    model.add(bit);
+    reserve(kMaxBytesPerStep);
+    State state = this->state();
+    bitStep(state, model, bit);
+    store(state);
   }
 
   void encodeSymbol(SymbolModel& model, std::uint32_t symbol) {
-    std::uint32_t x;
-    if (symbol + 1 == model.symbols()) {
-      // The top symbol takes the rest of the interval: no second product.
-      x = model.start(symbol) * (length_ >> kSymbolLengthShift);
-      addToBase(x);
-      length_ -= x;
-    } else {
-      length_ >>= kSymbolLengthShift;
-      x = model.start(symbol) * length_;
-      addToBase(x);
-      length_ = model.start(symbol + 1) * length_ - x;
-    }
-    if (length_ < kMinLength) renormalize();
-    model.add(symbol);
+    reserve(kMaxBytesPerStep);
+    State state = this->state();
+    symbolStep(state, model, symbol);
+    store(state);
+  }
+
+  // Codes `count` symbols of one model, each from next(): the interval stays in
+  // registers for the whole run.
+  template <typename Next>
+  void encodeSymbols(SymbolModel& model, std::size_t count, Next&& next) {
+    reserve(count * kMaxBytesPerStep);
+    State state = this->state();
+    for (std::size_t i = 0; i < count; ++i) symbolStep<false>(state, model, next());
+    store(state);
   }
 
   // Raw bits, equally likely: `bits` from 1 to 32.
-  void writeBits(std::uint32_t bits, std::uint32_t value);
-  void writeShort(std::uint16_t value);
+  void writeBits(std::uint32_t bits, std::uint32_t value) {
+    reserve(2 * kMaxBytesPerStep);
+    State state = this->state();
+    rawStep(state, bits, value);
+    store(state);
+  }
+  void writeShort(std::uint16_t value) { writeBits(16, value); }
   void writeInt(std::uint32_t value);
 
   // Ends the interval: the last bytes that pin it down, then the zeros a decoder
@@ -116,23 +119,110 @@ class ArithmeticEncoder {
   static constexpr std::uint32_t kBitLengthShift = 13;     // length bits dropped before a bit's product
   static constexpr std::uint32_t kSymbolLengthShift = 15;  // and before a symbol's
 
+  // Room a step needs: it settles at most 3 bytes (a length is at least 1), and
+  // the counted settle stores 4.
+  static constexpr std::size_t kMaxBytesPerStep = 4;
+
+  // The interval and where the next byte goes, as coding steps change them.
+  // Steps work on this local copy: a byte stored to the output may alias any
+  // member, which would otherwise send every step through memory.
+  struct State {
+    std::uint32_t base, length;
+    std::uint8_t* out;
+  };
+  State state() { return {base_, length_, bytes_.data() + size_}; }
+  void store(const State& state) {
+    base_ = state.base;
+    length_ = state.length;
+    size_ = static_cast<std::size_t>(state.out - bytes_.data());
+  }
+  void reserve(std::size_t bytes) {
+    if (size_ + bytes > bytes_.size()) grow(bytes);
+  }
+
+  // The integer compressor codes a value in a few steps on one State.
+  friend class IntegerCompressor;
+
+  template <bool kCounted = true>
+  void bitStep(State& state, BitModel& model, std::uint32_t bit) {
+    const std::uint32_t x = model.probability0() * (state.length >> kBitLengthShift);
+    if (bit == 0) {
+      state.length = x;
+    } else {
+      add(state, x);
+      state.length -= x;
+    }
+    settle<kCounted>(state);
+    model.add(bit);
+  }
+  // Two steps above 19 bits, the most the interval has precision for at a time.
+  template <bool kCounted = true>
+  void rawStep(State& state, std::uint32_t bits, std::uint32_t value) {
+    if (bits > 19) {
+      rawStep<kCounted>(state, 16, value & 0xFFFFu);
+      value >>= 16;
+      bits -= 16;
+    }
+    state.length >>= bits;
+    add(state, value * state.length);
+    settle<kCounted>(state);
+  }
+  template <bool kCounted = true>
+  void symbolStep(State& state, SymbolModel& model, std::uint32_t symbol) {
+    const std::uint32_t* start = model.distribution();
+    const std::uint32_t unit = state.length >> kSymbolLengthShift;
+    const std::uint32_t x = start[symbol] * unit;
+    // The top symbol takes the rest of the interval. A selection, not a branch:
+    // which symbol comes is data, and the table has an entry past the top.
+    const std::uint32_t end = symbol + 1 == model.symbols() ? state.length : start[symbol + 1] * unit;
+    state.length = end - x;
+    add(state, x);
+    settle<kCounted>(state);
+    model.add(symbol);
+  }
+  // base + x, the carry (when the sum wraps) propagated into the bytes written.
+  void add(State& state, std::uint32_t x) {
+    state.base += x;
+    if (state.base < x) propagateCarry(state.out);
+  }
+  // Writes out the top bytes the interval has settled: as many as the length
+  // has zero bytes at its top. A run of one model's symbols settles about the
+  // same number each step, and a loop predicts it; steps that alternate models
+  // and widths (an integer's class, then its bits) count them instead, storing
+  // the four top bytes each time into the room reserved, without a branch.
+  template <bool kCounted>
+  static void settle(State& state) {
+    if constexpr (kCounted) {
+      const int bytes = std::countl_zero(state.length | 1u) >> 3;  // a length is never 0
+      state.out[0] = static_cast<std::uint8_t>(state.base >> 24);
+      state.out[1] = static_cast<std::uint8_t>(state.base >> 16);
+      state.out[2] = static_cast<std::uint8_t>(state.base >> 8);
+      state.out[3] = static_cast<std::uint8_t>(state.base);
+      state.out += bytes;
+      state.base <<= 8 * bytes;
+      state.length <<= 8 * bytes;
+    } else {
+      while (state.length < kMinLength) {
+        *state.out++ = static_cast<std::uint8_t>(state.base >> 24);
+        state.base <<= 8;
+        state.length <<= 8;
+      }
+    }
+  }
+  // For the rarer steps: the members through a State.
   void addToBase(std::uint32_t x) {
-    const std::uint32_t before = base_;
-    base_ += x;
-    if (base_ < before) propagateCarry();
+    State state = this->state();
+    add(state, x);
+    store(state);
   }
-  void propagateCarry();
   void renormalize() {
-    // At most four bytes a call: room for them is made once.
-    if (size_ + 4 > bytes_.size()) grow();
-    std::uint8_t* out = bytes_.data() + size_;
-    do {
-      *out++ = static_cast<std::uint8_t>(base_ >> 24);
-      base_ <<= 8;
-    } while ((length_ <<= 8) < kMinLength);
-    size_ = static_cast<std::size_t>(out - bytes_.data());
+    reserve(kMaxBytesPerStep);
+    State state = this->state();
+    settle<false>(state);
+    store(state);
   }
-  void grow();
+  void propagateCarry(std::uint8_t* end);
+  void grow(std::size_t bytes);
 
   std::uint32_t base_ = 0, length_ = 0;
   std::vector<std::uint8_t> bytes_;  // the first size_ are written

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -12,17 +13,19 @@ namespace kvr::cloud::laz {
 class Byte14Layers {
  public:
   explicit Byte14Layers(std::size_t count);
-  void start(const std::uint8_t* bytes);
-  void write(const std::uint8_t* bytes);
-  void done();
+  // Codes the bytes of a chunk's `count` records, `stride` bytes apart, the
+  // first record's bytes at `records` (stored raw, not coded here).
+  void encode(const std::uint8_t* records, std::size_t count, std::size_t stride);
   void appendSizes(std::vector<std::uint8_t>& out) const;
   void appendBytes(std::vector<std::uint8_t>& out) const;
 
  private:
+  void encodeColumn(std::size_t byte, const std::uint8_t* column, std::size_t from, std::size_t to,
+                    std::size_t stride);
+
   std::vector<Layer> layers_;
   std::vector<SymbolModel> models_;
-  std::vector<std::uint8_t> last_;
-  std::vector<std::uint32_t> unchanged_;  // points since the chunk began, while a byte is unchanged
+  std::vector<std::uint8_t> changes_;  // a byte's bits that differ from the first record's
 };
 
 }  // namespace kvr::cloud::laz

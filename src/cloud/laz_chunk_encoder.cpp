@@ -12,18 +12,9 @@ void ChunkEncoder::encode(const std::uint8_t* records, std::size_t count, std::v
   const std::size_t length = recordLength_;
   const std::size_t extraAt = kPointBytes + (rgb_ ? kRgbBytes : 0);
   out.assign(records, records + length);
-  point_.start(records);
-  if (rgb_) rgb_->start(records + kPointBytes);
-  if (extra_) extra_->start(records + extraAt);
-  for (std::size_t i = 1; i < count; ++i) {
-    const std::uint8_t* record = records + i * length;
-    point_.write(record);
-    if (rgb_) rgb_->write(record + kPointBytes);
-    if (extra_) extra_->write(record + extraAt);
-  }
-  point_.done();
-  if (rgb_) rgb_->done();
-  if (extra_) extra_->done();
+  point_.encode(records, count, length);
+  if (rgb_) rgb_->encode(records + kPointBytes, count, length);
+  if (extra_) extra_->encode(records + extraAt, count, length);
   AppendU32(out, static_cast<std::uint32_t>(count));
   point_.appendSizes(out);
   if (rgb_) rgb_->appendSizes(out);

@@ -1,6 +1,7 @@
 #include "laz_integer_compressor.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace kvr::cloud::laz {
 
@@ -46,28 +47,28 @@ void IntegerCompressor::compress(std::int32_t predicted, std::int32_t real, std:
 void IntegerCompressor::writeCorrector(std::int32_t c, SymbolModel& kModel) {
   // k is the bit length of |c| for c <= 0 and of c - 1 above: class k holds
   // -(2^k - 1) .. -2^(k-1) and 2^(k-1) + 1 .. 2^k.
-  std::uint32_t c1 = c <= 0 ? 0u - static_cast<std::uint32_t>(c) : static_cast<std::uint32_t>(c) - 1u;
-  std::uint32_t k = 0;
-  while (c1 != 0) {
-    c1 >>= 1;
-    ++k;
-  }
+  const std::uint32_t c1 = c <= 0 ? 0u - static_cast<std::uint32_t>(c) : static_cast<std::uint32_t>(c) - 1u;
+  const auto k = static_cast<std::uint32_t>(std::bit_width(c1));
   k_ = k;
-  encoder_.encodeSymbol(kModel, k);
+  // At most a symbol, a symbol and two raw steps.
+  encoder_.reserve(4 * ArithmeticEncoder::kMaxBytesPerStep);
+  ArithmeticEncoder::State state = encoder_.state();
+  encoder_.symbolStep(state, kModel, k);
   if (k == 0) {
-    encoder_.encodeBit(zeroOrOne_, static_cast<std::uint32_t>(c));
-    return;
+    encoder_.bitStep(state, zeroOrOne_, static_cast<std::uint32_t>(c));
+  } else if (k < 32) {  // k = 32 is only INT32_MIN: the class says it all
+    // The place within the class, from 0.
+    const std::uint32_t place =
+        c < 0 ? static_cast<std::uint32_t>(c) + ((1u << k) - 1u) : static_cast<std::uint32_t>(c) - 1u;
+    if (k <= kBitsHigh) {
+      encoder_.symbolStep(state, classModels_[k - 1], place);
+    } else {
+      const std::uint32_t low = k - kBitsHigh;
+      encoder_.symbolStep(state, classModels_[k - 1], place >> low);
+      encoder_.rawStep(state, low, place & ((1u << low) - 1u));
+    }
   }
-  if (k == 32) return;  // only INT32_MIN: the class says it all
-  // The place within the class, from 0.
-  const std::uint32_t place = c < 0 ? static_cast<std::uint32_t>(c) + ((1u << k) - 1u) : static_cast<std::uint32_t>(c) - 1u;
-  if (k <= kBitsHigh) {
-    encoder_.encodeSymbol(classModels_[k - 1], place);
-  } else {
-    const std::uint32_t low = k - kBitsHigh;
-    encoder_.encodeSymbol(classModels_[k - 1], place >> low);
-    encoder_.writeBits(low, place & ((1u << low) - 1u));
-  }
+  encoder_.store(state);
 }
 
 }  // namespace kvr::cloud::laz

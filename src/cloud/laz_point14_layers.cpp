@@ -111,6 +111,19 @@ Point14Layers::Point14Layers()
       scanAngleIc_(scanAngle_.encoder, 16, 2), pointSourceIc_(pointSource_.encoder, 16, 1),
       gpsMulti_(kGpsMultiSymbols), gpsZeroDiff_(5), gpsIc_(gpsTime_.encoder, 32, 9) {}
 
+void Point14Layers::encode(const std::uint8_t* records, std::size_t count, std::size_t stride) {
+  codeClassification_ = codeFlags_ = codeUserData_ = false;
+  for (std::size_t i = 1; i < count; ++i) {
+    const std::uint8_t* record = records + i * stride;
+    codeFlags_ |= record[15] != records[15];
+    codeClassification_ |= record[16] != records[16];
+    codeUserData_ |= record[17] != records[17];
+  }
+  start(records);
+  for (std::size_t i = 1; i < count; ++i) write(records + i * stride);
+  done();
+}
+
 void Point14Layers::start(const std::uint8_t* record) {
   for (Layer& layer : layers_) layer.reset();
   // A model first used in this chunk starts as a reset one: resetting them all
@@ -178,12 +191,16 @@ void Point14Layers::write(const std::uint8_t* record) {
   zIc_.compress(lastZ_[level], p.z, single + (kxy < 18 ? kxy & ~1u : 18u));
   lastZ_[level] = p.z;
 
-  if (p.classification != last.classification) classification_.changed = true;
-  const std::uint32_t classContext = ((last.classification & 0x1Fu) << 1) | (firstLast == 3 ? 1u : 0u);
-  classification_.encoder.encodeSymbol(classificationModels_[classContext], p.classification);
+  if (codeClassification_) {
+    if (p.classification != last.classification) classification_.changed = true;
+    const std::uint32_t classContext = ((last.classification & 0x1Fu) << 1) | (firstLast == 3 ? 1u : 0u);
+    classification_.encoder.encodeSymbol(classificationModels_[classContext], p.classification);
+  }
 
-  if (p.flags != last.flags) flags_.changed = true;
-  flags_.encoder.encodeSymbol(flagModels_[last.flags], p.flags);
+  if (codeFlags_) {
+    if (p.flags != last.flags) flags_.changed = true;
+    flags_.encoder.encodeSymbol(flagModels_[last.flags], p.flags);
+  }
 
   if (p.intensity != last.intensity) intensity_.changed = true;
   const std::uint32_t intensityAt = (firstLast << 1) | (gpsChange ? 1u : 0u);
@@ -195,8 +212,10 @@ void Point14Layers::write(const std::uint8_t* record) {
     scanAngleIc_.compress(last.scanAngle, p.scanAngle, gpsChange ? 1u : 0u);
   }
 
-  if (p.userData != last.userData) userData_.changed = true;
-  userData_.encoder.encodeSymbol(userDataModels_[last.userData / 4], p.userData);
+  if (codeUserData_) {
+    if (p.userData != last.userData) userData_.changed = true;
+    userData_.encoder.encodeSymbol(userDataModels_[last.userData / 4], p.userData);
+  }
 
   if (sourceChange) {
     pointSource_.changed = true;

@@ -53,21 +53,26 @@ class Point14Layers {
   Point14Layers();
   Point14Layers(const Point14Layers&) = delete;  // its layer names refer into itself
   Point14Layers& operator=(const Point14Layers&) = delete;
-  // A new chunk whose first point, stored raw, is `record`.
-  void start(const std::uint8_t* record);
-  void write(const std::uint8_t* record);
-  // Ends the layers; their sizes, then their bytes, go after the chunk's count.
-  void done();
+  // Codes a chunk's `count` records, `stride` bytes apart; the first is stored
+  // raw, not coded here. The layers' sizes, then their bytes, go after the
+  // chunk's count.
+  void encode(const std::uint8_t* records, std::size_t count, std::size_t stride);
   void appendSizes(std::vector<std::uint8_t>& out) const;
   void appendBytes(std::vector<std::uint8_t>& out) const;
 
  private:
+  void start(const std::uint8_t* record);
+  void write(const std::uint8_t* record);
+  void done();
   void writeGpsTime(std::uint64_t bits);
 
   std::array<Layer, kLayers> layers_;
   Layer &returnsXY_, &z_, &classification_, &flags_, &intensity_, &scanAngle_, &userData_, &pointSource_, &gpsTime_;
 
   Point14 last_{};
+  // Whether the classification, flags and user data bytes differ anywhere in
+  // the chunk: a layer whose field never changes is dropped, so it is not coded.
+  bool codeClassification_ = true, codeFlags_ = true, codeUserData_ = true;
   std::vector<SymbolModel> changedValues_, numberOfReturns_, returnNumber_;
   SymbolModel returnNumberGpsSame_;
   IntegerCompressor dX_, dY_, zIc_;

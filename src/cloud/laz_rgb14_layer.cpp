@@ -23,11 +23,13 @@ Rgb14Layer::Rgb14Layer()
     : byteUsed_(128), diff_{SymbolModel(256), SymbolModel(256), SymbolModel(256), SymbolModel(256),
                             SymbolModel(256), SymbolModel(256)} {}
 
-void Rgb14Layer::start(const std::uint8_t* rgb) {
+void Rgb14Layer::encode(const std::uint8_t* first, std::size_t count, std::size_t stride) {
   layer_.reset();
   byteUsed_.reset();
   for (SymbolModel& model : diff_) model.reset();
-  last_ = LoadRgb(rgb);
+  last_ = LoadRgb(first);
+  for (std::size_t i = 1; i < count; ++i) write(first + i * stride);
+  layer_.encoder.done();
 }
 
 void Rgb14Layer::write(const std::uint8_t* rgb) {

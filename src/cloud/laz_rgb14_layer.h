@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -15,13 +16,15 @@ namespace kvr::cloud::laz {
 class Rgb14Layer {
  public:
   Rgb14Layer();
-  void start(const std::uint8_t* rgb);
-  void write(const std::uint8_t* rgb);
-  void done() { layer_.encoder.done(); }
+  // Codes the colours of a chunk's `count` records, `stride` bytes apart, the
+  // first record's (stored raw, not coded here) at `first`.
+  void encode(const std::uint8_t* first, std::size_t count, std::size_t stride);
   void appendSizes(std::vector<std::uint8_t>& out) const { AppendU32(out, layer_.size()); }
   void appendBytes(std::vector<std::uint8_t>& out) const { AppendLayer(out, layer_); }
 
  private:
+  void write(const std::uint8_t* rgb);
+
   Layer layer_;
   SymbolModel byteUsed_;
   std::array<SymbolModel, 6> diff_;

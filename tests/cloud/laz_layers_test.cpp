@@ -7,6 +7,7 @@
 #include "laz_byte14_layers.h"
 #include "laz_point14_layers.h"
 #include "laz_rgb14_layer.h"
+#include "cloud/laz_test_decoder.h"
 
 namespace kvr::cloud::laz {
 namespace {
@@ -63,15 +64,12 @@ TEST(Point14Layers, StoresOnlyTheLayersWhoseFieldChanges) {
   };
   const Case cases[] = {{0, 0}, {8, 1}, {16, 2}, {15, 3}, {12, 4}, {18, 5}, {17, 6}, {20, 7}, {22, 8}, {29, 8}};
   for (const Case& c : cases) {
-    std::array<std::uint8_t, 30> first{};
-    first[14] = 0x11;  // 1 of 1
-    std::array<std::uint8_t, 30> second = first;
-    second[c.byte] ^= 1;
+    // Three records: the second differs from the first and third in one byte.
+    std::array<std::uint8_t, 90> records{};
+    for (const std::size_t at : {0, 30, 60}) records[at + 14] = 0x11;  // 1 of 1
+    records[30 + c.byte] ^= 1;
     Point14Layers layers;
-    layers.start(first.data());
-    layers.write(second.data());
-    layers.write(first.data());
-    layers.done();
+    layers.encode(records.data(), 3, 30);
     const std::vector<std::uint32_t> sizes = SizesOf(layers);
     ASSERT_EQ(sizes.size(), 9u);
     for (std::size_t layer = 0; layer < 9; ++layer) {
@@ -85,27 +83,53 @@ TEST(Rgb14Layer, IsEmptyUnlessAColourChanges) {
   std::array<std::uint8_t, 6> blue = grey;
   blue[5] = 0x21;
   for (const bool change : {false, true}) {
+    std::array<std::uint8_t, 66> records;
+    for (std::size_t i = 0; i < 11; ++i) std::memcpy(&records[6 * i], (change && i == 6 ? blue : grey).data(), 6);
     Rgb14Layer layer;
-    layer.start(grey.data());
-    for (int i = 0; i < 10; ++i) layer.write((change && i == 5 ? blue : grey).data());
-    layer.done();
+    layer.encode(records.data(), 11, 6);
     EXPECT_EQ(SizesOf(layer)[0] > 0, change);
   }
 }
 
+// Five bytes in records of six (the sixth, not theirs, changes every point),
+// over more points than the layers code at a time: a byte that never changes
+// is stored empty, and every other layer decodes back to its byte, one that
+// first changes far into the chunk or only at its last point included.
 TEST(Byte14Layers, StoresEachByteThatChangesInALayerOfItsOwn) {
-  Byte14Layers layers(4);
-  const std::uint8_t a[4] = {1, 2, 3, 4}, b[4] = {1, 9, 3, 0};
-  layers.start(a);
-  layers.write(a);
-  layers.write(b);
-  layers.done();
+  constexpr std::size_t kCount = 1300, kStride = 6;
+  std::vector<std::uint8_t> records(kCount * kStride);
+  for (std::size_t i = 0; i < kCount; ++i) {
+    std::uint8_t* record = &records[i * kStride];
+    record[0] = 7;                                    // never changes
+    record[1] = i >= 700 && i < 705 ? 0x80 : 0x10;    // a few points far in
+    record[2] = static_cast<std::uint8_t>(i * 37);    // every point
+    record[3] = 0xAA;                                 // never changes
+    record[4] = i + 1 == kCount ? 0xFF : 0x00;        // the last point only
+    record[5] = static_cast<std::uint8_t>(i);
+  }
+  Byte14Layers layers(5);
+  layers.encode(records.data(), kCount, kStride);
   const std::vector<std::uint32_t> sizes = SizesOf(layers);
-  ASSERT_EQ(sizes.size(), 4u);
+  ASSERT_EQ(sizes.size(), 5u);
   EXPECT_EQ(sizes[0], 0u);
-  EXPECT_GT(sizes[1], 0u);
-  EXPECT_EQ(sizes[2], 0u);
-  EXPECT_GT(sizes[3], 0u);
+  EXPECT_EQ(sizes[3], 0u);
+  std::vector<std::uint8_t> bytes;
+  layers.appendBytes(bytes);
+  std::size_t at = 0;
+  for (std::size_t byte = 0; byte < 5; ++byte) {
+    if (byte == 0 || byte == 3) continue;
+    ASSERT_GT(sizes[byte], 0u) << "byte " << byte;
+    test::LazTestDecoder decoder({bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                                  bytes.begin() + static_cast<std::ptrdiff_t>(at + sizes[byte])});
+    at += sizes[byte];
+    SymbolModel model(256);
+    std::uint8_t value = records[byte];
+    for (std::size_t i = 1; i < kCount; ++i) {
+      value = static_cast<std::uint8_t>(value + decoder.decodeSymbol(model));
+      ASSERT_EQ(value, records[i * kStride + byte]) << "byte " << byte << ", point " << i;
+    }
+  }
+  EXPECT_EQ(at, bytes.size());
 }
 
 }  // namespace
