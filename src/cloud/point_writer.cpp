@@ -108,21 +108,33 @@ void PlyWriter::encode(const PointBatch& batch) {
   const std::uint8_t *number = batch.returnNumber().data(), *count = batch.numberOfReturns().data();
   const std::int32_t* line = batch.line().data();
   const std::uint32_t* colours = colourWords_.data();
-  const LevelOf levels(scale_);
+  const bool table = scale_.hasTable();
+  const DisplayScale::Levels levels = table ? scale_.levels() : DisplayScale::Levels{};
+  std::uint32_t shades[kPlyRun];
   for (std::size_t first = 0; first < batch.size(); first += kPlyRun) {
-    const std::size_t end = std::min(batch.size(), first + kPlyRun);
+    const std::size_t points = std::min(batch.size() - first, kPlyRun);
+    // The colours first, in a loop of their own: the lookups of many points
+    // overlap, and the record loop below keeps few values live.
+    if (table) {
+      for (std::size_t i = 0; i < points; ++i) shades[i] = colours[levels(normalized[first + i])];
+    } else {
+      for (std::size_t i = 0; i < points; ++i) shades[i] = colours[scale_.level(normalized[first + i])];
+    }
     // One byte more: a record's colour is stored as a word whose fourth byte
     // lands on the next record's first, which that record's position overwrites.
-    char* at = claim((end - first) * kPlyRecord + 1);
-    for (std::size_t i = first; i < end; ++i, at += kPlyRecord) {
-      const float position[3] = {static_cast<float>(x[i]), static_cast<float>(y[i]), static_cast<float>(z[i])};
-      const std::uint32_t returns = std::uint32_t{intensity[i]} | std::uint32_t{number[i]} << 16 |
-                                    std::uint32_t{count[i]} << 24;
-      std::memcpy(at, position, 12);
-      std::memcpy(at + 12, &returns, 4);
+    char* at = claim(points * kPlyRecord + 1);
+    for (std::size_t k = 0; k < points; ++k, at += kPlyRecord) {
+      const std::size_t i = first + k;
+      // x, y, z and the fourth word (intensity, return number and count) in one store.
+      const std::uint32_t head[4] = {std::bit_cast<std::uint32_t>(static_cast<float>(x[i])),
+                                     std::bit_cast<std::uint32_t>(static_cast<float>(y[i])),
+                                     std::bit_cast<std::uint32_t>(static_cast<float>(z[i])),
+                                     std::uint32_t{intensity[i]} | std::uint32_t{number[i]} << 16 |
+                                         std::uint32_t{count[i]} << 24};
+      std::memcpy(at, head, 16);
       std::memcpy(at + 16, &line[i], 4);
       std::memcpy(at + 20, &time[i], 8);
-      std::memcpy(at + 28, &colours[levels(normalized[i])], 4);
+      std::memcpy(at + 28, &shades[k], 4);
     }
     giveBack(1);
   }

@@ -63,7 +63,13 @@ class IntensityModel {
 
   // The same for every sample of a batch, its range computed from the count
   // difference by the chain of CalculateRange.
-  void Normalize(SampleBatch& batch) const;
+  void Normalize(SampleBatch& batch) const { NormalizeInto(batch.sample.get(), batch.count, batch.value.get()); }
+  // The same into `values`, except that a zero difference (a return at its
+  // shot's start count: no range) gives 0.
+  void NormalizeInto(const std::uint32_t* samples, std::size_t n, double* values, bool zeroRangeGivesZero) const;
+  void NormalizeInto(const std::uint32_t* samples, std::size_t n, double* values) const {
+    NormalizeInto(samples, n, values, false);
+  }
 
  private:
   std::array<double, 4096> base_{};
@@ -216,20 +222,21 @@ inline bool GatherReturns(const std::uint8_t* words, std::uint32_t count, std::u
 }
 
 // Inline: the point layer normalizes every point of a block with it.
-inline void IntensityModel::Normalize(SampleBatch& batch) const {
-  const std::uint32_t* samples = batch.sample.get();
-  double* v = batch.value.get();
-  const std::size_t n = batch.count;
+inline void IntensityModel::NormalizeInto(const std::uint32_t* samples, std::size_t n, double* v,
+                                          bool zeroRangeGivesZero) const {
   std::size_t i = 0;
 #if defined(__GNUC__)
   // Four samples at a time: the same operations in the same order on each
   // lane, so every value is bit for bit the scalar one; the divisions, which
   // dominate, overlap.
   using Lanes = double __attribute__((vector_size(32)));
+  using Mask = std::int64_t __attribute__((vector_size(32)));
   using Counts = std::int32_t __attribute__((vector_size(16)));
   const Lanes a3 = {a3_, a3_, a3_, a3_};
   const Lanes a4 = {a4_, a4_, a4_, a4_};
   const Lanes a5 = {a5_, a5_, a5_, a5_};
+  // All ones where a value is kept; with zeroRangeGivesZero, zero where the range is 0.
+  const Mask keepAll = {-1, -1, -1, -1};
   for (; i + 4 <= n; i += 4) {
     const Counts words = {static_cast<std::int32_t>(samples[i]), static_cast<std::int32_t>(samples[i + 1]),
                           static_cast<std::int32_t>(samples[i + 2]), static_cast<std::int32_t>(samples[i + 3])};
@@ -240,11 +247,14 @@ inline void IntensityModel::Normalize(SampleBatch& batch) const {
                         base_[samples[i + 3] >> 20]};
     const Lanes x = range / a5 - a5 / range;
     const Lanes value = a3 * (x * x + a4) * base;
-    std::memcpy(v + i, &value, sizeof value);
+    const Mask keep = zeroRangeGivesZero ? __builtin_convertvector(counts != 0, Mask) : keepAll;
+    const Mask kept = (Mask)value & keep;  // a bit cast, as the compiler casts vectors
+    std::memcpy(v + i, &kept, sizeof kept);
   }
 #endif
   for (; i < n; ++i) {
-    v[i] = Normalized(RangeWindow::Range(static_cast<std::int32_t>(samples[i] & 0xFFFFF)), base_[samples[i] >> 20]);
+    const std::int32_t d = SampleDifference(samples[i]);
+    v[i] = zeroRangeGivesZero && d == 0 ? 0.0 : Normalized(RangeWindow::Range(d), base_[samples[i] >> 20]);
   }
 }
 
