@@ -370,7 +370,7 @@ void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot>
   const std::uint32_t columns = selection.columns;
   if (columns & kNormalizedColumn) {
     // A zero range has no normalized intensity: 0.
-    model->NormalizeInto(sample, n, batch.normalized_.data(), true);
+    model->NormalizeInto<true>(sample, n, batch.normalized_.data());
   }
   if (columns & kIntensityColumn) {
     for (std::size_t p = 0; p < n; ++p) batch.intensity_[p] = static_cast<std::uint16_t>(fifo::RawIntensity(sample[p]));

@@ -63,13 +63,11 @@ class IntensityModel {
 
   // The same for every sample of a batch, its range computed from the count
   // difference by the chain of CalculateRange.
-  void Normalize(SampleBatch& batch) const { NormalizeInto(batch.sample.get(), batch.count, batch.value.get()); }
-  // The same into `values`, except that a zero difference (a return at its
-  // shot's start count: no range) gives 0.
-  void NormalizeInto(const std::uint32_t* samples, std::size_t n, double* values, bool zeroRangeGivesZero) const;
-  void NormalizeInto(const std::uint32_t* samples, std::size_t n, double* values) const {
-    NormalizeInto(samples, n, values, false);
-  }
+  void Normalize(SampleBatch& batch) const { NormalizeInto<false>(batch.sample.get(), batch.count, batch.value.get()); }
+  // The same for n samples into `values`; with kZeroRangeGivesZero, a zero
+  // difference (a return at its shot's start count: no range) gives 0.
+  template <bool kZeroRangeGivesZero>
+  void NormalizeInto(const std::uint32_t* samples, std::size_t n, double* values) const;
 
  private:
   std::array<double, 4096> base_{};
@@ -222,8 +220,8 @@ inline bool GatherReturns(const std::uint8_t* words, std::uint32_t count, std::u
 }
 
 // Inline: the point layer normalizes every point of a block with it.
-inline void IntensityModel::NormalizeInto(const std::uint32_t* samples, std::size_t n, double* v,
-                                          bool zeroRangeGivesZero) const {
+template <bool kZeroRangeGivesZero>
+void IntensityModel::NormalizeInto(const std::uint32_t* samples, std::size_t n, double* v) const {
   std::size_t i = 0;
 #if defined(__GNUC__)
   // Four samples at a time: the same operations in the same order on each
@@ -235,8 +233,6 @@ inline void IntensityModel::NormalizeInto(const std::uint32_t* samples, std::siz
   const Lanes a3 = {a3_, a3_, a3_, a3_};
   const Lanes a4 = {a4_, a4_, a4_, a4_};
   const Lanes a5 = {a5_, a5_, a5_, a5_};
-  // All ones where a value is kept; with zeroRangeGivesZero, zero where the range is 0.
-  const Mask keepAll = {-1, -1, -1, -1};
   for (; i + 4 <= n; i += 4) {
     const Counts words = {static_cast<std::int32_t>(samples[i]), static_cast<std::int32_t>(samples[i + 1]),
                           static_cast<std::int32_t>(samples[i + 2]), static_cast<std::int32_t>(samples[i + 3])};
@@ -247,14 +243,18 @@ inline void IntensityModel::NormalizeInto(const std::uint32_t* samples, std::siz
                         base_[samples[i + 3] >> 20]};
     const Lanes x = range / a5 - a5 / range;
     const Lanes value = a3 * (x * x + a4) * base;
-    const Mask keep = zeroRangeGivesZero ? __builtin_convertvector(counts != 0, Mask) : keepAll;
-    const Mask kept = (Mask)value & keep;  // a bit cast, as the compiler casts vectors
-    std::memcpy(v + i, &kept, sizeof kept);
+    if constexpr (kZeroRangeGivesZero) {
+      // All ones where the range is not 0; the value is a bit cast, as the compiler casts vectors.
+      const Mask kept = (Mask)value & __builtin_convertvector(counts != 0, Mask);
+      std::memcpy(v + i, &kept, sizeof kept);
+    } else {
+      std::memcpy(v + i, &value, sizeof value);
+    }
   }
 #endif
   for (; i < n; ++i) {
     const std::int32_t d = SampleDifference(samples[i]);
-    v[i] = zeroRangeGivesZero && d == 0 ? 0.0 : Normalized(RangeWindow::Range(d), base_[samples[i] >> 20]);
+    v[i] = kZeroRangeGivesZero && d == 0 ? 0.0 : Normalized(RangeWindow::Range(d), base_[samples[i] >> 20]);
   }
 }
 
