@@ -72,11 +72,14 @@ struct PointReader::State {
   // What a shot's points share, in its four slots.
   static void FillShot(std::uint8_t* counts, std::int32_t* lines, double* time, std::size_t n, std::uint32_t count,
                        std::int32_t line, double tow) {
-    for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
-      counts[n + k] = static_cast<std::uint8_t>(count);
-      lines[n + k] = line;
-      time[n + k] = tow;
-    }
+    // Whole slots in one store each (a loop's byte stores would make the
+    // compiler reload the other pointers).
+    const std::uint32_t counts4 = count * 0x01010101u;
+    const std::int32_t lines4[ReturnWords::kCapacity] = {line, line, line, line};
+    const double times4[ReturnWords::kCapacity] = {tow, tow, tow, tow};
+    std::memcpy(counts + n, &counts4, sizeof counts4);
+    std::memcpy(lines + n, lines4, sizeof lines4);
+    std::memcpy(time + n, times4, sizeof times4);
   }
   void Place(PointBatch& batch, std::span<const RawShot> shots, std::size_t placed) const;
   void MakeColumns(PointBatch& batch, std::span<const RawShot> shots);
@@ -262,7 +265,9 @@ std::size_t PointReader::State::MakeShots(PointBatch& batch, std::span<const Raw
       ok = flight >= broadcast(0);
     }
     ok |= Lanes{0, 1, 2, 3} >= broadcast(static_cast<std::int32_t>(kept));
-    plain = (ok[0] & ok[1] & ok[2] & ok[3]) != 0;
+    std::uint64_t halves[2];
+    std::memcpy(halves, &ok, sizeof halves);
+    plain = (halves[0] & halves[1]) == ~std::uint64_t{0};
 #else
     for (std::uint32_t k = 0; k < ReturnWords::kCapacity; ++k) {
       const std::uint32_t word = shot.returns[(k0 + k) & (ReturnWords::kCapacity - 1)];
@@ -364,10 +369,8 @@ void PointReader::State::MakeColumns(PointBatch& batch, std::span<const RawShot>
   const std::uint16_t* const shotOf = pointShots.get();
   const std::uint32_t columns = selection.columns;
   if (columns & kNormalizedColumn) {
-    model->Normalize(samples);
     // A zero range has no normalized intensity: 0.
-    const double* values = samples.value.get();
-    for (std::size_t p = 0; p < n; ++p) batch.normalized_[p] = scanmap::SampleDifference(sample[p]) != 0 ? values[p] : 0.0;
+    model->NormalizeInto<true>(sample, n, batch.normalized_.data());
   }
   if (columns & kIntensityColumn) {
     for (std::size_t p = 0; p < n; ++p) batch.intensity_[p] = static_cast<std::uint16_t>(fifo::RawIntensity(sample[p]));

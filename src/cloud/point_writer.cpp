@@ -1,5 +1,6 @@
 #include "kvr_decode/cloud/point_writer.h"
 
+#include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cstring>
@@ -99,6 +100,13 @@ PlyWriter::PlyWriter(const std::filesystem::path& path, const std::vector<std::s
       "property double time\nproperty uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n";
   std::memcpy(claim(header.size()), header.data(), header.size());
   for (const Rgb& c : colours_) colourWords_.push_back(std::uint32_t{c.r} | std::uint32_t{c.g} << 8 | std::uint32_t{c.b} << 16);
+  if (scale_.hasTable()) {
+    const double* thresholds = scale_.levels().thresholds();
+    for (std::size_t level = 0; level < colourWords_.size(); ++level) {
+      const std::uint32_t next = colourWords_[std::min(level + 1, colourWords_.size() - 1)];
+      levelShades_.push_back({thresholds[level + 1], colourWords_[level] | std::uint64_t{next} << 32});
+    }
+  }
 }
 
 void PlyWriter::encode(const PointBatch& batch) {
@@ -108,21 +116,39 @@ void PlyWriter::encode(const PointBatch& batch) {
   const std::uint8_t *number = batch.returnNumber().data(), *count = batch.numberOfReturns().data();
   const std::int32_t* line = batch.line().data();
   const std::uint32_t* colours = colourWords_.data();
-  const LevelOf levels(scale_);
+  const bool table = scale_.hasTable();
+  const DisplayScale::Levels levels = table ? scale_.levels() : DisplayScale::Levels{};
+  const LevelShades* levelShades = levelShades_.data();
+  std::uint32_t shades[kPlyRun];
   for (std::size_t first = 0; first < batch.size(); first += kPlyRun) {
-    const std::size_t end = std::min(batch.size(), first + kPlyRun);
+    const std::size_t points = std::min(batch.size() - first, kPlyRun);
+    // The colours first, in a loop of their own: the lookups of many points
+    // overlap, and the record loop below keeps few values live. With a table,
+    // a level's threshold and colours come in one lookup.
+    if (table) {
+      for (std::size_t i = 0; i < points; ++i) {
+        double v = normalized[first + i];
+        const LevelShades& level = levelShades[levels.cellLevel(v)];
+        shades[i] = static_cast<std::uint32_t>(v >= level.next ? level.colours >> 32 : level.colours);
+      }
+    } else {
+      for (std::size_t i = 0; i < points; ++i) shades[i] = colours[scale_.level(normalized[first + i])];
+    }
     // One byte more: a record's colour is stored as a word whose fourth byte
     // lands on the next record's first, which that record's position overwrites.
-    char* at = claim((end - first) * kPlyRecord + 1);
-    for (std::size_t i = first; i < end; ++i, at += kPlyRecord) {
-      const float position[3] = {static_cast<float>(x[i]), static_cast<float>(y[i]), static_cast<float>(z[i])};
-      const std::uint32_t returns = std::uint32_t{intensity[i]} | std::uint32_t{number[i]} << 16 |
-                                    std::uint32_t{count[i]} << 24;
-      std::memcpy(at, position, 12);
-      std::memcpy(at + 12, &returns, 4);
+    char* at = claim(points * kPlyRecord + 1);
+    for (std::size_t k = 0; k < points; ++k, at += kPlyRecord) {
+      const std::size_t i = first + k;
+      // x, y, z and the fourth word (intensity, return number and count) in one store.
+      const std::uint32_t head[4] = {std::bit_cast<std::uint32_t>(static_cast<float>(x[i])),
+                                     std::bit_cast<std::uint32_t>(static_cast<float>(y[i])),
+                                     std::bit_cast<std::uint32_t>(static_cast<float>(z[i])),
+                                     std::uint32_t{intensity[i]} | std::uint32_t{number[i]} << 16 |
+                                         std::uint32_t{count[i]} << 24};
+      std::memcpy(at, head, 16);
       std::memcpy(at + 16, &line[i], 4);
       std::memcpy(at + 20, &time[i], 8);
-      std::memcpy(at + 28, &colours[levels(normalized[i])], 4);
+      std::memcpy(at + 28, &shades[k], 4);
     }
     giveBack(1);
   }

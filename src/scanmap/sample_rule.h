@@ -63,7 +63,11 @@ class IntensityModel {
 
   // The same for every sample of a batch, its range computed from the count
   // difference by the chain of CalculateRange.
-  void Normalize(SampleBatch& batch) const;
+  void Normalize(SampleBatch& batch) const { NormalizeInto<false>(batch.sample.get(), batch.count, batch.value.get()); }
+  // The same for n samples into `values`; with kZeroRangeGivesZero, a zero
+  // difference (a return at its shot's start count: no range) gives 0.
+  template <bool kZeroRangeGivesZero>
+  void NormalizeInto(const std::uint32_t* samples, std::size_t n, double* values) const;
 
  private:
   std::array<double, 4096> base_{};
@@ -216,16 +220,15 @@ inline bool GatherReturns(const std::uint8_t* words, std::uint32_t count, std::u
 }
 
 // Inline: the point layer normalizes every point of a block with it.
-inline void IntensityModel::Normalize(SampleBatch& batch) const {
-  const std::uint32_t* samples = batch.sample.get();
-  double* v = batch.value.get();
-  const std::size_t n = batch.count;
+template <bool kZeroRangeGivesZero>
+void IntensityModel::NormalizeInto(const std::uint32_t* samples, std::size_t n, double* v) const {
   std::size_t i = 0;
 #if defined(__GNUC__)
   // Four samples at a time: the same operations in the same order on each
   // lane, so every value is bit for bit the scalar one; the divisions, which
   // dominate, overlap.
   using Lanes = double __attribute__((vector_size(32)));
+  using Mask = std::int64_t __attribute__((vector_size(32)));
   using Counts = std::int32_t __attribute__((vector_size(16)));
   const Lanes a3 = {a3_, a3_, a3_, a3_};
   const Lanes a4 = {a4_, a4_, a4_, a4_};
@@ -240,11 +243,18 @@ inline void IntensityModel::Normalize(SampleBatch& batch) const {
                         base_[samples[i + 3] >> 20]};
     const Lanes x = range / a5 - a5 / range;
     const Lanes value = a3 * (x * x + a4) * base;
-    std::memcpy(v + i, &value, sizeof value);
+    if constexpr (kZeroRangeGivesZero) {
+      // All ones where the range is not 0; the value is a bit cast, as the compiler casts vectors.
+      const Mask kept = (Mask)value & __builtin_convertvector(counts != 0, Mask);
+      std::memcpy(v + i, &kept, sizeof kept);
+    } else {
+      std::memcpy(v + i, &value, sizeof value);
+    }
   }
 #endif
   for (; i < n; ++i) {
-    v[i] = Normalized(RangeWindow::Range(static_cast<std::int32_t>(samples[i] & 0xFFFFF)), base_[samples[i] >> 20]);
+    const std::int32_t d = SampleDifference(samples[i]);
+    v[i] = kZeroRangeGivesZero && d == 0 ? 0.0 : Normalized(RangeWindow::Range(d), base_[samples[i] >> 20]);
   }
 }
 

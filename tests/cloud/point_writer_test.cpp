@@ -58,6 +58,9 @@ TEST_F(Writers, PlyHeaderCountAndRecords) {
       "property uchar red\nproperty uchar green\nproperty uchar blue\nend_header\n";
   ASSERT_EQ(std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(header.size())), header);
   ASSERT_EQ(bytes.size(), header.size() + 7 * 31);
+  // The first point's normalized intensity 3640: level 231, grey 232 (as in the CSV).
+  const std::uint8_t* first = bytes.data() + header.size();
+  EXPECT_EQ(std::vector<std::uint8_t>(first + 28, first + 31), (std::vector<std::uint8_t>{232, 232, 232}));
   // The second point: shot 0's second return, 3.497047643859407 m on the x axis,
   // intensity 2000, return 2 of 2, before the first line; its normalized
   // intensity 20141 is past 4000: the top level, white.

@@ -49,6 +49,16 @@ class KVR_CLOUD_API DisplayScale {
       return cell.level + static_cast<int>(cell.split & (v >= thresholds_[cell.level + 1u]));
     }
 
+    // The lookup in two parts, for tables kept per level (a colour and the
+    // next level's, say): v clamped as above, and the level at its cell's
+    // start. v's level is that one, or the next where v >= thresholds()[level
+    // + 1]: a cell the next level does not begin in lies below it anyway.
+    std::uint8_t cellLevel(double& v) const {
+      v = v > lowest_ ? v : lowest_;
+      v = v < at95_ ? v : at95_;
+      return cells_[(std::bit_cast<std::uint64_t>(v) >> shift_) - firstCell_].level;
+    }
+
     // The parts of the lookup, for tables built on the same cells.
     const double* thresholds() const { return thresholds_; }
     double lowest() const { return lowest_; }

@@ -80,6 +80,13 @@ class KVR_CLOUD_API PlyWriter final : public PointWriter {
   void complete() override;
   std::uint64_t countOffset_ = 0;
   std::vector<std::uint32_t> colourWords_;  // per display level: red, green, blue, 0
+  // Per display level, for a scale with a table: the next level's threshold,
+  // and the colour words of the level (low half) and of the next (high half).
+  struct LevelShades {
+    double next;
+    std::uint64_t colours;
+  };
+  std::vector<LevelShades> levelShades_;
 };
 
 // CSV: "#" comment lines, a header row, one row per point (x, y, z, intensity,
