@@ -34,9 +34,9 @@ const py::dtype& PointType() {
   return *type;
 }
 
-// The records as an array that owns them; the buffer starts empty again.
-py::array Release(RecordBuffer& buffer) {
-  const auto [data, size] = buffer.take();
+// Records from the C allocator as an array that owns them.
+py::array ArrayOf(std::pair<PointRecord*, std::size_t> records) {
+  const auto [data, size] = records;
   if (data == nullptr) return ViewOf(PointType(), 0, nullptr, py::none());
   return ViewOf(PointType(), size, data, FreeingCapsule(data));
 }
@@ -105,7 +105,7 @@ class PointIterator {
     }
     if (buffer.size() == 0) throw py::stop_iteration();
     lastSize_ = buffer.size();
-    return Release(buffer);
+    return ArrayOf(buffer.take());
   }
 
  private:
@@ -450,8 +450,7 @@ class PyScan {
       py::gil_scoped_release release;
       Guarded(scan_->path(), [&] { records = ReadRecordsOnThreads(*scan_, r.first, r.last, r.selection, threads); });
     }
-    if (records.first == nullptr) return ViewOf(PointType(), 0, nullptr, py::none());
-    return ViewOf(PointType(), records.second, records.first, FreeingCapsule(records.first));
+    return ArrayOf(records);
   }
 
  private:
