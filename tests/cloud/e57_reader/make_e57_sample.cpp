@@ -6,38 +6,26 @@
 // points as SCAN.txt: the layer's columns, one point a line, every number in
 // its shortest exact form, and each file's scans and images as FILE.json.
 
-#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
 #include "kvr_decode/cloud/e57_writer.h"
 #include "kvr_decode/cloud/point_reader.h"
-#include "kvr_writers/scan_file_writer.h"
-#include "kvr_writers/synthetic_blocks.h"
-#include "kvr_writers/tick_file_writer.h"
+#include "support/sample_scans.h"
 
 namespace {
 
 using namespace kvr;
 
-template <typename T>
-void Field(std::string& line, T value) {
-  char text[32];
-  line.append(text, std::to_chars(text, text + sizeof text, value).ptr);
-  line += ' ';
-}
+constexpr auto Field = [](std::string& line, auto value) { test::AppendNumber(line, value); };
 
 void MakeScan(const std::filesystem::path& path, std::uint64_t seed, int blocks) {
-  writers::HeaderBlockFields fields;
-  fields.calibrationText = "rangeOffset = 0.5\n";
+  writers::HeaderBlockFields fields = test::SampleFields();
   fields.idText1 = "KVR laser scanner, simulated";
   fields.idText2 = "S/N 4711";
   fields.idText3 = "firmware 4.2.1";
-  writers::ScanFileWriter file(path, fields);
-  writers::SyntheticScan synthetic(seed, 200, 4);
-  for (int b = 0; b < blocks; ++b) file.writeBlock(synthetic.NextBlock().build());
-  file.close();
+  test::WriteSyntheticScan(path, fields, seed, 4, blocks);
 }
 
 // Writes the scan's points into every writer given and its columns into DIR/NAME.txt.
@@ -88,11 +76,7 @@ int Run(const std::filesystem::path& dir) {
   MakeScan(dir / "lines.raw", 20251125, 8);
   MakeScan(dir / "plain.raw", 7, 3);
   MakeScan(dir / "short.raw", 99, 1);
-  // Blocks are stamped from 123,456,789 ticks on; pulses every second from 1 s cover them.
-  writers::TickFileBuilder ticks;
-  ticks.everySecond(50000000, writers::Utc(2025, 11, 25, 9, 0, 0), 6,
-                    [](writers::UtcTime t) { return writers::ZdaSentence(t); });
-  ticks.writeTo(dir / "Serial.dat");
+  test::WriteSampleTicks(dir / "Serial.dat");
 
   cloud::ScanOptions timed;
   timed.ticks = dir / "Serial.dat";
@@ -130,15 +114,4 @@ int Run(const std::filesystem::path& dir) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: make_e57_sample DIR\n");
-    return 2;
-  }
-  try {
-    return Run(argv[1]);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "make_e57_sample: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return kvr::test::SampleMain(argc, argv, "make_e57_sample", Run); }

@@ -4,42 +4,26 @@
 // colours), and DIR/columns.txt: the layer's columns, one point a line, every
 // number in its shortest exact form.
 
-#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
 #include "kvr_decode/cloud/las_writer.h"
 #include "kvr_decode/cloud/point_reader.h"
-#include "kvr_writers/scan_file_writer.h"
-#include "kvr_writers/synthetic_blocks.h"
-#include "kvr_writers/tick_file_writer.h"
+#include "support/sample_scans.h"
 
 namespace {
 
 using namespace kvr;
 
-template <typename T>
-void Field(std::string& line, T value) {
-  char text[32];
-  line.append(text, std::to_chars(text, text + sizeof text, value).ptr);
-  line += ' ';
-}
+constexpr auto Field = [](std::string& line, auto value) { test::AppendNumber(line, value); };
 
 int Run(const std::filesystem::path& dir) {
   std::filesystem::create_directories(dir);
-  writers::HeaderBlockFields fields;
-  fields.calibrationText = "rangeOffset = 0.5\n";
+  writers::HeaderBlockFields fields = test::SampleFields();
   fields.idValue = 0xABCD1234;
-  writers::ScanFileWriter file(dir / "scan.raw", fields);
-  writers::SyntheticScan synthetic(20251125, 200, 4);
-  for (int b = 0; b < 8; ++b) file.writeBlock(synthetic.NextBlock().build());
-  file.close();
-  // Blocks are stamped from 123,456,789 ticks on; pulses every second from 1 s cover them.
-  writers::TickFileBuilder ticks;
-  ticks.everySecond(50000000, writers::Utc(2025, 11, 25, 9, 0, 0), 6,
-                    [](writers::UtcTime t) { return writers::ZdaSentence(t); });
-  ticks.writeTo(dir / "Serial.dat");
+  test::WriteSyntheticScan(dir / "scan.raw", fields, 20251125, 4, 8);
+  test::WriteSampleTicks(dir / "Serial.dat");
 
   cloud::ScanOptions options;
   options.ticks = dir / "Serial.dat";
@@ -75,15 +59,4 @@ int Run(const std::filesystem::path& dir) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: make_las_sample DIR\n");
-    return 2;
-  }
-  try {
-    return Run(argv[1]);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "make_las_sample: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return kvr::test::SampleMain(argc, argv, "make_las_sample", Run); }

@@ -18,11 +18,9 @@
 #include "kvr_decode/cloud/las_writer.h"
 #include "kvr_decode/cloud/laz_writer.h"
 #include "kvr_decode/cloud/point_reader.h"
+#include "support/sample_scans.h"
 #include "kvr_writers/byte_writer.h"
 #include "kvr_writers/fifo_block_writer.h"
-#include "kvr_writers/scan_file_writer.h"
-#include "kvr_writers/synthetic_blocks.h"
-#include "kvr_writers/tick_file_writer.h"
 #include "laz_chunk_encoder.h"
 #include "laz_chunk_table.h"
 #include "support/temp_dir.h"
@@ -34,8 +32,7 @@ namespace fs = std::filesystem;
 
 // One shot with one return.
 fs::path WriteOnePointScan(const fs::path& dir) {
-  writers::HeaderBlockFields header;
-  header.calibrationText = "rangeOffset = 0.5\n";
+  const writers::HeaderBlockFields header = test::SampleFields();
   writers::FifoBlockBuilder block;
   block.timeStamp(50000000).shot(writers::ShotWord({1234, 131072, 1, 100, 0, 0}), {writers::ReturnWord(868, 500)});
   writers::ByteWriter data;
@@ -46,14 +43,10 @@ fs::path WriteOnePointScan(const fs::path& dir) {
 }
 
 fs::path WriteSyntheticScan(const fs::path& dir, const std::string& name, std::uint32_t maxReturns, int blocks) {
-  writers::HeaderBlockFields fields;
-  fields.calibrationText = "rangeOffset = 0.5\n";
+  writers::HeaderBlockFields fields = test::SampleFields();
   fields.idValue = 0xABCD1234;
   const fs::path path = dir / (name + ".raw");
-  writers::ScanFileWriter file(path, fields);
-  writers::SyntheticScan synthetic(20251125 + maxReturns, 200, maxReturns);
-  for (int b = 0; b < blocks; ++b) file.writeBlock(synthetic.NextBlock().build());
-  file.close();
+  test::WriteSyntheticScan(path, fields, 20251125 + maxReturns, maxReturns, blocks);
   return path;
 }
 
@@ -177,11 +170,7 @@ void WriteEveryFieldCase(const fs::path& dir, const std::string& name, const fs:
 
 int Run(const fs::path& dir) {
   fs::create_directories(dir);
-  // Synthetic blocks are stamped from 123,456,789 ticks on; pulses every second from 1 s cover them.
-  writers::TickFileBuilder ticks;
-  ticks.everySecond(50000000, writers::Utc(2025, 11, 25, 9, 0, 0), 6,
-                    [](writers::UtcTime t) { return writers::ZdaSentence(t); });
-  ticks.writeTo(dir / "Serial.dat");
+  test::WriteSampleTicks(dir / "Serial.dat");
   const fs::path one = WriteOnePointScan(dir);
   const fs::path single = WriteSyntheticScan(dir, "single", 1, 6);
   const fs::path multi = WriteSyntheticScan(dir, "multi", 4, 12);
@@ -204,15 +193,4 @@ int Run(const fs::path& dir) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: make_laz_sample DIR\n");
-    return 2;
-  }
-  try {
-    return Run(argv[1]);
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "make_laz_sample: %s\n", error.what());
-    return 1;
-  }
-}
+int main(int argc, char** argv) { return kvr::test::SampleMain(argc, argv, "make_laz_sample", Run); }
