@@ -102,9 +102,14 @@ PointReader::PointReader(const Scan& scan, const Selection& selection)
 PointReader::PointReader(const Scan& scan, std::uint64_t first, std::uint64_t last, const Selection& selection)
     : state_(std::make_unique<State>(scan, first, last, selection)) {
   State& s = *state_;
-  const ScanFileMap& map = scan.map();
-  s.model = std::make_unique<scanmap::IntensityModel>(map);
-  s.lines = scanmap::LineStarts(map);
+  // The map costs several walks of the file to build: asked for only when the
+  // points need its lines or its intensity model. Without it every shot lies
+  // before the first line.
+  if ((selection.columns & (kLineColumn | kNormalizedColumn)) != 0 || selection.firstLine || selection.lastLine) {
+    const ScanFileMap& map = scan.map();
+    s.model = std::make_unique<scanmap::IntensityModel>(map);
+    s.lines = scanmap::LineStarts(map);
+  }
   if (selection.nearLimit || selection.farLimit) {
     const double offset = selection.usesSampleRule ? scan.sampleRangeOffset() : scan.rangeOffset();
     s.window.emplace(offset, selection.nearLimit.value_or(-std::numeric_limits<double>::infinity()),

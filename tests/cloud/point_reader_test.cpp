@@ -133,6 +133,43 @@ TEST_F(SmallScan, LineRangeKeepsTheShotsOfItsLines) {
   }
 }
 
+// x towards pan 0, y a quarter turn on, z up; the scan angle as each scanner
+// model counts it. One return of 768 counts: r = 1.4985238219297035 + 0.5 m.
+TEST(PointReaderAxes, PointsFollowTheAxisConventionOfEachScanner) {
+  const struct {
+    const char* magic;
+    std::uint32_t pan, scan;
+    double x, y, z;  // the direction
+  } cases[] = {
+      {"#KVRSCAN", 0, 131072, 1.0, 0.0, 0.0},                // level, pan 0
+      {"#KVRSCAN", 160000, 131072, 0.0, 1.0, 0.0},           // pan 90 degrees
+      {"#KVRSCAN", 320000, 262143, -0.707109, 0.0, 0.7071025},  // pan 180, scan 45 degrees less a count
+      {"#MX70DAT", 0, 196608, 0.9238795, 0.0, 0.3826835},    // scan 22.5 degrees
+      {"MX700DAT", 0, 65536, 0.0, 0.0, 1.0},                 // 360-degree scanner: 90 degrees up
+      {"MX700DAT", 480000, 131072, 0.0, 1.0, 0.0},           // pan 270, scan 180: -1 x -1
+  };
+  const double r = 1.9985238219297035;
+  for (const auto& c : cases) {
+    TempDir dir;
+    writers::HeaderBlockFields header;
+    header.signature = c.magic;
+    header.calibrationText = "rangeOffset = 0.5\n";
+    writers::FifoBlockBuilder block;
+    block.timeStamp(50000000).shot(writers::ShotWord({c.pan, c.scan, 1, 100, 0, 0}), {writers::ReturnWord(868, 500)});
+    test::WriteFile(dir / "axes.raw", writers::BuildScanFile(header, block.build()));
+    const Scan scan(dir / "axes.raw");
+    Selection selection;
+    selection.columns = kPositionColumns;
+    PointReader reader(scan, selection);
+    PointBatch batch;
+    ASSERT_TRUE(reader.next(batch));
+    ASSERT_EQ(batch.size(), 1u) << c.magic << " " << c.pan << " " << c.scan;
+    EXPECT_NEAR(batch.x()[0], c.x * r, 1e-5) << c.magic << " " << c.pan << " " << c.scan;
+    EXPECT_NEAR(batch.y()[0], c.y * r, 1e-5) << c.magic << " " << c.pan << " " << c.scan;
+    EXPECT_NEAR(batch.z()[0], c.z * r, 1e-5) << c.magic << " " << c.pan << " " << c.scan;
+  }
+}
+
 TEST(ScanRefusals, NameTheFileAndTheFault) {
   const TempDir dir;
   test::WriteFile(dir / "ticks.raw", std::string_view("#KVRSERL\x01\0\0\0\0\0\0\0", 16));

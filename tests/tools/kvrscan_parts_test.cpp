@@ -14,7 +14,6 @@
 #include "kvr_decode/conversions.h"
 #include "kvr_decode/optical_model.h"
 #include "kvr_cli/arguments.h"
-#include "point_model.h"
 #include "scan_source.h"
 #include "support/temp_dir.h"
 #include "tick_source.h"
@@ -64,33 +63,6 @@ TEST(KvrscanJson, AnyByteStringBecomesValidJson) {
   EXPECT_EQ(out, "\"q\\\"b\\\\s\\n\\u0001\\t\xC3\xA9\\u00ff\\u00c3\"");
   // A strict parser takes it, and reads the stray bytes back as the code points they were escaped as.
   EXPECT_EQ(nlohmann::json::parse(out).get<std::string>(), "q\"b\\s\n\x01\t\xC3\xA9\xC3\xBF\xC3\x83");
-}
-
-TEST(KvrscanGeometry, PointsFollowTheAxisConvention) {
-  // r = 1.5 + 0.5 = 2 m.
-  const struct {
-    const char* magic;
-    std::uint32_t pan, scan;
-    double x, y, z;
-  } cases[] = {
-      {"#KVRSCAN", 0, 131072, 2.0, 0.0, 0.0},                      // level, pan 0
-      {"#KVRSCAN", 160000, 131072, 0.0, 2.0, 0.0},                 // pan 90 degrees
-      {"#KVRSCAN", 320000, 262143, -1.414218, 0.0, 1.414205},      // pan 180, scan 45 degrees less a count
-      {"#MX70DAT", 0, 196608, 1.847759, 0.0, 0.765367},            // scan 22.5 degrees
-      {"MX700DAT", 0, 65536, 0.0, 0.0, 2.0},                       // 360-degree scanner: 90 degrees up
-      {"MX700DAT", 480000, 131072, 0.0, 2.0, 0.0},                 // pan 270, scan 180: -2 x -1
-  };
-  for (const auto& c : cases) {
-    std::uint64_t signature = 0;
-    for (int i = 7; i >= 0; --i) signature = signature << 8 | static_cast<unsigned char>(c.magic[i]);
-    PointGeometry geometry(signature, 0.5);
-    geometry.aim(c.pan, c.scan);
-    double x = 0, y = 0, z = 0;
-    geometry.place(1.5, x, y, z);
-    EXPECT_NEAR(x, c.x, 1e-5) << c.magic << " " << c.pan << " " << c.scan;
-    EXPECT_NEAR(y, c.y, 1e-5) << c.magic << " " << c.pan << " " << c.scan;
-    EXPECT_NEAR(z, c.z, 1e-5) << c.magic << " " << c.pan << " " << c.scan;
-  }
 }
 
 // A command like the tool's: SCAN and N, -o FILE, --json, --lines N in 1..10.

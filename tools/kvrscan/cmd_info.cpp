@@ -16,7 +16,7 @@
 #include "json_writer.h"
 #include "kvr_decode/conversions.h"
 #include "kvr_decode/optical_model.h"
-#include "point_model.h"
+#include "kvr_decode/cloud/point_reader.h"
 #include "scan_source.h"
 
 namespace kvrscan {
@@ -56,9 +56,10 @@ struct ScanStatistics {
   double firstTime = -1.0, lastTime = -1.0;
 };
 
-ScanStatistics WalkScan(ScanSource& scan, double rangeOffset, BlockWalk& walk) {
+// Shot counts and times from a walk of every block; the points' ranges,
+// intensities and bounds from the point layer, as export makes them.
+ScanStatistics WalkScan(ScanSource& scan, BlockWalk& walk) {
   ScanStatistics stats;
-  PointGeometry geometry(ScanSignature(scan.header()), rangeOffset);
   bool first = true;
   while (walk.next()) {
     const FifoBlock& block = walk.block();
@@ -70,31 +71,31 @@ ScanStatistics WalkScan(ScanSource& scan, double rangeOffset, BlockWalk& walk) {
       ++stats.shots;
       ++stats.shotsByReturns[shot.returns.size()];
       if (kvr::fifo::ShotFlags(shot.shotWord) != 0) ++stats.flaggedShots;
-      const std::uint32_t t0 = kvr::fifo::StartCounts(shot.shotWord);
-      geometry.aim(kvr::fifo::PanCounts(shot.shotWord), shot.scanAngleCounts);
-      for (const std::uint32_t word : shot.returns) {
-        ++stats.returnWords;
-        const double range = CalculateRange(kvr::fifo::StopCounts(word), t0);
-        if (range < 0.0) {
-          ++stats.invalidReturns;
-          continue;
-        }
-        ++stats.points;
-        stats.minRange = std::min(stats.minRange, range);
-        stats.maxRange = std::max(stats.maxRange, range);
-        stats.minIntensity = std::min(stats.minIntensity, kvr::fifo::RawIntensity(word));
-        stats.maxIntensity = std::max(stats.maxIntensity, kvr::fifo::RawIntensity(word));
-        double p[3];
-        geometry.place(range, p[0], p[1], p[2]);
-        for (int k = 0; k < 3; ++k) {
-          // Through float, as the exported points are stored.
-          const double stored = static_cast<float>(p[k]);
-          stats.bounds[k] = std::min(stats.bounds[k], stored);
-          stats.bounds[k + 3] = std::max(stats.bounds[k + 3], stored);
-        }
+      stats.returnWords += shot.returns.size();
+    }
+  }
+  kvr::cloud::Selection selection;
+  selection.columns = kvr::cloud::kPositionColumns | kvr::cloud::kIntensityColumn | kvr::cloud::kCountColumns;
+  kvr::cloud::PointReader reader(scan.scan(), 0, walk.blocksRead(), selection);
+  kvr::cloud::PointBatch batch;
+  while (reader.next(batch)) {
+    stats.points += batch.size();
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      const double range = CalculateRange(batch.flightCounts()[i], 0);
+      stats.minRange = std::min(stats.minRange, range);
+      stats.maxRange = std::max(stats.maxRange, range);
+      stats.minIntensity = std::min<std::uint32_t>(stats.minIntensity, batch.intensity()[i]);
+      stats.maxIntensity = std::max<std::uint32_t>(stats.maxIntensity, batch.intensity()[i]);
+      const double p[3] = {batch.x()[i], batch.y()[i], batch.z()[i]};
+      for (int k = 0; k < 3; ++k) {
+        // Through float, as the exported points are stored.
+        const double stored = static_cast<float>(p[k]);
+        stats.bounds[k] = std::min(stats.bounds[k], stored);
+        stats.bounds[k + 3] = std::max(stats.bounds[k + 3], stored);
       }
     }
   }
+  stats.invalidReturns = reader.tally().withoutRange;
   return stats;
 }
 
@@ -322,7 +323,7 @@ InfoReport CollectInfo(ScanSource& scan, bool withStats, bool showProgress) {
   if (withStats) {
     Progress progress("info " + scan.path(), showProgress);
     report.walk = std::make_unique<BlockWalk>(scan, nullptr, &progress);
-    report.stats = WalkScan(scan, report.calibration.rangeOffset, *report.walk);
+    report.stats = WalkScan(scan, *report.walk);
   }
   return report;
 }

@@ -51,8 +51,9 @@ struct ReadTally {
 // manager, so readers of one Scan may run on different threads.
 class KVR_CLOUD_API PointReader {
  public:
-  // `last` is clamped to the scan's blocks; lines need the map (built if the
-  // scan has none yet).
+  // `last` is clamped to the scan's blocks. The line column, a line range and
+  // normalized intensities need the map (built if the scan has none yet); a
+  // selection without them leaves the map alone.
   PointReader(const Scan& scan, std::uint64_t first, std::uint64_t last, const Selection& selection = {});
   explicit PointReader(const Scan& scan, const Selection& selection = {});
   ~PointReader();
