@@ -39,49 +39,6 @@ T Load(const std::uint8_t* at) {
 
 }  // namespace
 
-void Median5::add(std::int32_t v) {
-  auto& s = values_;
-  if (high_) {
-    if (v < s[2]) {
-      s[4] = s[3];
-      s[3] = s[2];
-      if (v < s[0]) {
-        s[2] = s[1], s[1] = s[0], s[0] = v;
-      } else if (v < s[1]) {
-        s[2] = s[1], s[1] = v;
-      } else {
-        s[2] = v;
-      }
-    } else {
-      if (v < s[3]) {
-        s[4] = s[3], s[3] = v;
-      } else {
-        s[4] = v;
-      }
-      high_ = false;
-    }
-  } else {
-    if (s[2] < v) {
-      s[0] = s[1];
-      s[1] = s[2];
-      if (s[4] < v) {
-        s[2] = s[3], s[3] = s[4], s[4] = v;
-      } else if (s[3] < v) {
-        s[2] = s[3], s[3] = v;
-      } else {
-        s[2] = v;
-      }
-    } else {
-      if (s[1] < v) {
-        s[0] = s[1], s[1] = v;
-      } else {
-        s[0] = v;
-      }
-      high_ = true;
-    }
-  }
-}
-
 Point14 Point14::Of(const std::uint8_t* record) {
   Point14 p;
   p.x = Load<std::int32_t>(record);
