@@ -57,10 +57,9 @@ void Point14Layers::encode(const std::uint8_t* records, std::size_t count, std::
 
 void Point14Layers::start(const std::uint8_t* record) {
   for (Layer& layer : layers_) layer.reset();
-  // A model first used in this chunk starts as a reset one: resetting them all
-  // here gives the decoder's state, whichever it comes to use.
-  // Those of a field not coded in this chunk are left as they are (about 300 KB of
-  // counts and tables that our constant fields would reset for nothing).
+  // A model first used in this chunk starts as a reset one, as the decoder's
+  // does. Those of a field not coded in this chunk are never used, so are left
+  // as they are: about 300 KB of counts and tables, for our constant fields.
   for (auto* models : {&changedValues_, &numberOfReturns_, &returnNumber_}) {
     for (SymbolModel& model : *models) model.reset();
   }
