@@ -31,19 +31,6 @@ void IntegerCompressor::reset() {
   k_ = 0;
 }
 
-void IntegerCompressor::compress(std::int32_t predicted, std::int32_t real, std::uint32_t context) {
-  // Differences wrap as the decoder's additions do.
-  auto c = static_cast<std::int32_t>(static_cast<std::uint32_t>(real) - static_cast<std::uint32_t>(predicted));
-  if (correctorRange_ != 0) {
-    if (c < correctorMin_) {
-      c += static_cast<std::int32_t>(correctorRange_);
-    } else if (c > correctorMax_) {
-      c -= static_cast<std::int32_t>(correctorRange_);
-    }
-  }
-  writeCorrector(c, kModels_[context]);
-}
-
 void IntegerCompressor::writeCorrector(std::int32_t c, SymbolModel& kModel) {
   // k is the bit length of |c| for c <= 0 and of c - 1 above: class k holds
   // -(2^k - 1) .. -2^(k-1) and 2^(k-1) + 1 .. 2^k.

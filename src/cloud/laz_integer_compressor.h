@@ -18,7 +18,19 @@ class IntegerCompressor {
 
   // Back to the models' first state, for a new chunk.
   void reset();
-  void compress(std::int32_t predicted, std::int32_t real, std::uint32_t context = 0);
+  // Inline: called for four fields a point, and the wrap folds into the caller.
+  void compress(std::int32_t predicted, std::int32_t real, std::uint32_t context = 0) {
+    // Differences wrap as the decoder's additions do.
+    auto c = static_cast<std::int32_t>(static_cast<std::uint32_t>(real) - static_cast<std::uint32_t>(predicted));
+    if (correctorRange_ != 0) {
+      if (c < correctorMin_) {
+        c += static_cast<std::int32_t>(correctorRange_);
+      } else if (c > correctorMax_) {
+        c -= static_cast<std::int32_t>(correctorRange_);
+      }
+    }
+    writeCorrector(c, kModels_[context]);
+  }
   // The magnitude class of the last difference: the next field's context.
   std::uint32_t k() const { return k_; }
 

@@ -30,76 +30,7 @@ constexpr std::uint32_t kGpsMultiSymbols = kGpsMulti - kGpsMultiMinus + 5;
 
 std::int32_t Wrapped(std::uint32_t v) { return static_cast<std::int32_t>(v); }
 
-template <typename T>
-T Load(const std::uint8_t* at) {
-  T value;
-  std::memcpy(&value, at, sizeof value);
-  return value;
-}
-
 }  // namespace
-
-void Median5::add(std::int32_t v) {
-  auto& s = values_;
-  if (high_) {
-    if (v < s[2]) {
-      s[4] = s[3];
-      s[3] = s[2];
-      if (v < s[0]) {
-        s[2] = s[1], s[1] = s[0], s[0] = v;
-      } else if (v < s[1]) {
-        s[2] = s[1], s[1] = v;
-      } else {
-        s[2] = v;
-      }
-    } else {
-      if (v < s[3]) {
-        s[4] = s[3], s[3] = v;
-      } else {
-        s[4] = v;
-      }
-      high_ = false;
-    }
-  } else {
-    if (s[2] < v) {
-      s[0] = s[1];
-      s[1] = s[2];
-      if (s[4] < v) {
-        s[2] = s[3], s[3] = s[4], s[4] = v;
-      } else if (s[3] < v) {
-        s[2] = s[3], s[3] = v;
-      } else {
-        s[2] = v;
-      }
-    } else {
-      if (s[1] < v) {
-        s[0] = s[1], s[1] = v;
-      } else {
-        s[0] = v;
-      }
-      high_ = true;
-    }
-  }
-}
-
-Point14 Point14::Of(const std::uint8_t* record) {
-  Point14 p;
-  p.x = Load<std::int32_t>(record);
-  p.y = Load<std::int32_t>(record + 4);
-  p.z = Load<std::int32_t>(record + 8);
-  p.intensity = Load<std::uint16_t>(record + 12);
-  p.returnNumber = record[14] & 15;
-  p.numberOfReturns = record[14] >> 4;
-  const std::uint8_t bits = record[15];  // classification flags, channel, scan direction, edge
-  p.flags = static_cast<std::uint8_t>(((bits >> 7) << 5) | (((bits >> 6) & 1) << 4) | (bits & 15));
-  p.classification = record[16];
-  p.userData = record[17];
-  p.scanAngle = Load<std::int16_t>(record + 18);
-  p.pointSource = Load<std::uint16_t>(record + 20);
-  p.gpsTime = Load<std::uint64_t>(record + 22);
-  p.gpsTimeChanged = false;
-  return p;
-}
 
 Point14Layers::Point14Layers()
     : returnsXY_(layers_[0]), z_(layers_[1]), classification_(layers_[2]), flags_(layers_[3]),
@@ -120,39 +51,49 @@ void Point14Layers::encode(const std::uint8_t* records, std::size_t count, std::
     codeUserData_ |= record[17] != records[17];
   }
   start(records);
-  for (std::size_t i = 1; i < count; ++i) write(records + i * stride);
+  for (std::size_t i = 1; i < count; ++i) write(records + i * stride, records + (i - 1) * stride);
   done();
 }
 
 void Point14Layers::start(const std::uint8_t* record) {
   for (Layer& layer : layers_) layer.reset();
-  // A model first used in this chunk starts as a reset one: resetting them all
-  // here gives the decoder's state, whichever it comes to use.
-  for (auto* models : {&changedValues_, &numberOfReturns_, &returnNumber_, &classificationModels_, &flagModels_,
-                       &userDataModels_}) {
+  // A model first used in this chunk starts as a reset one, as the decoder's
+  // does. Those of a field not coded in this chunk are never used, so are left
+  // as they are: about 300 KB of counts and tables, for our constant fields.
+  for (auto* models : {&changedValues_, &numberOfReturns_, &returnNumber_}) {
     for (SymbolModel& model : *models) model.reset();
+  }
+  if (codeClassification_) {
+    for (SymbolModel& model : classificationModels_) model.reset();
+  }
+  if (codeFlags_) {
+    for (SymbolModel& model : flagModels_) model.reset();
+  }
+  if (codeUserData_) {
+    for (SymbolModel& model : userDataModels_) model.reset();
   }
   returnNumberGpsSame_.reset();
   for (IntegerCompressor* ic : {&dX_, &dY_, &zIc_, &intensityIc_, &scanAngleIc_, &pointSourceIc_, &gpsIc_}) ic->reset();
   for (Median5& median : xMedian_) median.reset();
   for (Median5& median : yMedian_) median.reset();
-  last_ = Point14::Of(record);
-  lastZ_.fill(last_.z);
-  lastIntensity_.fill(last_.intensity);
+  const Point14 first = Point14::Of(record);
+  lastGpsChanged_ = false;
+  lastZ_.fill(first.z);
+  lastIntensity_.fill(first.intensity);
   gpsMulti_.reset();
   gpsZeroDiff_.reset();
   lastSeq_ = nextSeq_ = 0;
-  lastGps_ = {last_.gpsTime, 0, 0, 0};
+  lastGps_ = {first.gpsTime, 0, 0, 0};
   lastGpsDiff_.fill(0);
   multiExtreme_.fill(0);
 }
 
-void Point14Layers::write(const std::uint8_t* record) {
-  Point14 p = Point14::Of(record);
-  const Point14& last = last_;
+void Point14Layers::write(const std::uint8_t* record, const std::uint8_t* previous) {
+  const Point14 p = Point14::Of(record);
+  const Point14 last = Point14::Of(previous);
   const std::uint32_t lastPosition =
       (last.returnNumber == 1 ? 1u : 0u) | (last.returnNumber >= last.numberOfReturns ? 2u : 0u) |
-      (last.gpsTimeChanged ? 4u : 0u);
+      (lastGpsChanged_ ? 4u : 0u);
   const bool sourceChange = p.pointSource != last.pointSource;
   // Compared by their bits, so that every time (-0, NaN) comes back as it was.
   const bool gpsChange = p.gpsTime != last.gpsTime;
@@ -226,8 +167,7 @@ void Point14Layers::write(const std::uint8_t* record) {
     gpsTime_.changed = true;
     writeGpsTime(p.gpsTime);
   }
-  p.gpsTimeChanged = gpsChange;
-  last_ = p;
+  lastGpsChanged_ = gpsChange;
 }
 
 void Point14Layers::writeGpsTime(std::uint64_t bits) {

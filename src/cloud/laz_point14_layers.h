@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "laz_arithmetic_encoder.h"
@@ -25,6 +26,49 @@ class Median5 {
   bool high_ = true;
 };
 
+inline void Median5::add(std::int32_t v) {
+  auto& s = values_;
+  if (high_) {
+    if (v < s[2]) {
+      s[4] = s[3];
+      s[3] = s[2];
+      if (v < s[0]) {
+        s[2] = s[1], s[1] = s[0], s[0] = v;
+      } else if (v < s[1]) {
+        s[2] = s[1], s[1] = v;
+      } else {
+        s[2] = v;
+      }
+    } else {
+      if (v < s[3]) {
+        s[4] = s[3], s[3] = v;
+      } else {
+        s[4] = v;
+      }
+      high_ = false;
+    }
+  } else {
+    if (s[2] < v) {
+      s[0] = s[1];
+      s[1] = s[2];
+      if (s[4] < v) {
+        s[2] = s[3], s[3] = s[4], s[4] = v;
+      } else if (s[3] < v) {
+        s[2] = s[3], s[3] = v;
+      } else {
+        s[2] = v;
+      }
+    } else {
+      if (s[1] < v) {
+        s[0] = s[1], s[1] = v;
+      } else {
+        s[0] = v;
+      }
+      high_ = true;
+    }
+  }
+}
+
 // The 30 bytes of a point format 6 record (the first 30 of 7's), as the layers
 // see them.
 struct Point14 {
@@ -36,9 +80,24 @@ struct Point14 {
   std::int16_t scanAngle;
   std::uint16_t pointSource;
   std::uint64_t gpsTime;  // the double's bits
-  bool gpsTimeChanged;    // from the point before
 
-  static Point14 Of(const std::uint8_t* record);
+  static Point14 Of(const std::uint8_t* record) {
+    Point14 p;
+    std::memcpy(&p.x, record, 4);
+    std::memcpy(&p.y, record + 4, 4);
+    std::memcpy(&p.z, record + 8, 4);
+    std::memcpy(&p.intensity, record + 12, 2);
+    p.returnNumber = record[14] & 15;
+    p.numberOfReturns = record[14] >> 4;
+    const std::uint8_t bits = record[15];  // classification flags, channel, scan direction, edge
+    p.flags = static_cast<std::uint8_t>(((bits >> 7) << 5) | (((bits >> 6) & 1) << 4) | (bits & 15));
+    p.classification = record[16];
+    p.userData = record[17];
+    std::memcpy(&p.scanAngle, record + 18, 2);
+    std::memcpy(&p.pointSource, record + 20, 2);
+    std::memcpy(&p.gpsTime, record + 22, 8);
+    return p;
+  }
 };
 
 // The point fields of format 6 in nine layers: returns and X and Y, Z,
@@ -62,14 +121,16 @@ class Point14Layers {
 
  private:
   void start(const std::uint8_t* record);
-  void write(const std::uint8_t* record);
+  void write(const std::uint8_t* record, const std::uint8_t* previous);
   void done();
   void writeGpsTime(std::uint64_t bits);
 
   std::array<Layer, kLayers> layers_;
   Layer &returnsXY_, &z_, &classification_, &flags_, &intensity_, &scanAngle_, &userData_, &pointSource_, &gpsTime_;
 
-  Point14 last_{};
+  // The point before is read again from its record rather than copied: a copy
+  // of a record built field by field stalls on its wide reload every point.
+  bool lastGpsChanged_ = false;
   // Whether the classification, flags and user data bytes differ anywhere in
   // the chunk: a layer whose field never changes is dropped, so it is not coded.
   bool codeClassification_ = true, codeFlags_ = true, codeUserData_ = true;

@@ -36,15 +36,22 @@ TEST(ChunkEncoder, LaysOutAOnePointChunk) {
   }
 }
 
+// Models left in use by a chunk must not reach the next one: the classification,
+// flag and user data bytes repeat one context often enough for their models to
+// adapt within a chunk.
 TEST(ChunkEncoder, ChunksAreIndependentOfTheOnesBefore) {
   ChunkEncoder encoder(true, 32);
-  Bytes records(68 * 50);
+  Bytes records(68 * 400);
   for (std::size_t i = 0; i < records.size(); ++i) records[i] = static_cast<std::uint8_t>(i * 7 % 251);
-  Bytes first, again;
-  encoder.encode(records.data(), 50, first);
-  Bytes other;
-  encoder.encode(records.data() + 68 * 10, 40, other);
-  encoder.encode(records.data(), 50, again);
+  for (std::size_t i = 0; i < 400; ++i) {
+    records[68 * i + 15] = static_cast<std::uint8_t>(i % 2);        // flags 0 and 1
+    records[68 * i + 16] = static_cast<std::uint8_t>(i % 8 * 32);  // all in one class context
+    records[68 * i + 17] = static_cast<std::uint8_t>(i % 4);       // one user data context
+  }
+  Bytes first, again, other;
+  encoder.encode(records.data(), 400, first);
+  encoder.encode(records.data() + 68 * 10, 390, other);
+  encoder.encode(records.data(), 400, again);
   EXPECT_EQ(first, again);
   EXPECT_EQ(ChunkEncoder(false, 32).recordLength(), 62u);
 }
